@@ -1,0 +1,134 @@
+#include "diag/debug_log.h"
+
+#include <share.h>
+
+#include <cstring>
+#include <new>
+
+#include "support/text.h"
+#include "support/wipe.h"
+
+DebugClass::DebugClass(std::int32_t level, std::int32_t writeStartLine) noexcept {
+  OutputDebugStringW(L"DebugClass ctor - Enter");
+  cbLogSwitch_ = sizeof(logSwitch_);
+  cbLogPath_ = sizeof(logPath_);
+  Start(level, writeStartLine);
+}
+
+// Returns early, and then without the exit line, when the log stays off.
+void DebugClass::Start(std::int32_t level, std::int32_t writeStartLine) noexcept {
+  lastRegStatus_ = static_cast<std::uint32_t>(RegGetValueW(HKEY_LOCAL_MACHINE, kSettingsKey, L"KSPLOG", RRF_RT_REG_SZ,
+                                                           nullptr, logSwitch_, &cbLogSwitch_));
+  if (lastRegStatus_ != ERROR_SUCCESS) return;
+  if (WideEqual(logSwitch_, L"00000000")) return;
+  lastRegStatus_ = static_cast<std::uint32_t>(
+      RegGetValueW(HKEY_LOCAL_MACHINE, kSettingsKey, L"KSPDIR", RRF_RT_REG_SZ, nullptr, logPath_, &cbLogPath_));
+  if (lastRegStatus_ != ERROR_SUCCESS) return;
+
+  // A path that cannot be opened now does not switch the log off: it may become valid later.
+  const bool open = OpenFile();
+  enabled_ = 1;
+  level_ = level;
+  reserved_ = 0;
+  if (writeStartLine != 0) {
+    startTime_ = std::time(nullptr);
+    const char* text = std::ctime(&startTime_);
+    logformat::StartLine(startLine_, text != nullptr ? text : "");
+    if (open) std::fputs(startLine_, file_);
+  }
+  CloseFile();
+  OutputDebugStringW(L"DebugClass ctor - Exit");
+}
+
+DebugClass::~DebugClass() { CloseFile(); }
+
+bool DebugClass::OpenFile() noexcept {
+  CloseFile();
+  // Reading, writing and appending, shared with whoever reads or moves the file meanwhile.
+  file_ = _wfsopen(logPath_, L"a+t", _SH_DENYNO);
+  return file_ != nullptr;
+}
+
+void DebugClass::CloseFile() noexcept {
+  if (file_ == nullptr) return;
+  std::fclose(file_);
+  file_ = nullptr;
+}
+
+void DebugClass::WriteLine(const char* text) noexcept {
+  OutputDebugStringA(text);
+  if (enabled_ == 0) return;
+  // A stream of the call's own: threads share the instance, and no lock is taken for a line.
+  std::FILE* file = _wfsopen(logPath_, L"a+t", _SH_DENYNO);
+  if (file == nullptr) return;
+  std::fputs(text, file);
+  std::fputc('\n', file);
+  std::fflush(file);
+  std::fclose(file);
+}
+
+void DebugClass::WriteText(const char* label, const char* text) noexcept {
+  const std::size_t cbLabel = std::strlen(label);
+  const std::size_t cbText = std::strlen(text) + 1;
+  char* line = new (std::nothrow) char[cbLabel + cbText];
+  if (line == nullptr) return;
+  std::memcpy(line, label, cbLabel);
+  std::memcpy(line + cbLabel, text, cbText);
+  WriteLine(line);
+  SecureWipe(line, cbLabel + cbText);
+  delete[] line;
+}
+
+void DebugClass::WriteHex32(const char* label, std::uint32_t value) noexcept {
+  char text[logformat::kHex32Size];
+  logformat::Hex32(text, value);
+  WriteText(label, text);
+}
+
+void DebugClass::WriteBytes(const char* label, const void* data, std::size_t length) noexcept {
+  char text[logformat::kMaxDumpedBytes * 3 + 1];
+  logformat::HexDump(text, data, length);
+  WriteText(label, text);
+}
+
+void DebugClass::WriteWide(const char* label, const wchar_t* text) noexcept {
+  char narrow[512] = {};
+  NarrowText(narrow, sizeof(narrow), text);
+  WriteText(label, narrow);
+}
+
+LogPointer LogPointer::Create(std::int32_t level, std::int32_t writeStartLine) noexcept {
+  return LogPointer(new (std::nothrow) DebugClass(level, writeStartLine));
+}
+
+void LogPointer::Destroy() noexcept {
+  delete instance_;
+  instance_ = nullptr;
+}
+
+void LogPointer::WriteLine(const char* text) const noexcept {
+  if (instance_ != nullptr) instance_->WriteLine(text);
+}
+
+void LogPointer::WriteHex32(const char* label, std::uint32_t value) const noexcept {
+  if (instance_ != nullptr) instance_->WriteHex32(label, value);
+}
+
+void LogPointer::WriteHex32Main(const char* label, std::uint32_t value) const noexcept {
+  g_Log.WriteHex32(label, value);
+}
+
+void LogPointer::WriteInt(const char* label, std::int32_t value) const noexcept {
+  if (!g_KeyNameLog) return;
+  char text[logformat::kDecimalSize];
+  logformat::Decimal(text, value);
+  g_KeyNameLog.instance_->WriteText(label, text);
+}
+
+void LogPointer::WriteBytes(const char* label, const void* data, std::size_t length) const noexcept {
+  if (instance_ != nullptr) instance_->WriteBytes(label, data, length);
+}
+
+void LogPointer::WriteWide(const char* label, const wchar_t* text) const noexcept {
+  if (instance_ != nullptr) instance_->WriteWide(label, text);
+}

@@ -1,0 +1,54 @@
+#include "diag/log_format.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+namespace logformat {
+
+static_assert(sizeof(kBanner) == 66 + 1);
+
+namespace {
+
+constexpr char kDigits[] = "0123456789ABCDEF";
+constexpr char kNoData[] = "NULL";
+constexpr std::size_t kCharactersPerByte = 3;
+
+}  // namespace
+
+std::size_t HexDumpSize(const void* data, std::size_t length) noexcept {
+  if (data == nullptr || length == 0) return sizeof(kNoData);
+  return std::min(length, kMaxDumpedBytes) * kCharactersPerByte + 1;
+}
+
+void HexDump(char* text, const void* data, std::size_t length) noexcept {
+  if (data == nullptr || length == 0) {
+    std::memcpy(text, kNoData, sizeof(kNoData));
+    return;
+  }
+  const auto* bytes = static_cast<const unsigned char*>(data);
+  for (std::size_t i = 0; i < std::min(length, kMaxDumpedBytes); ++i) {
+    *text++ = kDigits[bytes[i] >> 4];
+    *text++ = kDigits[bytes[i] & 0x0F];
+    *text++ = ' ';
+  }
+  *text = '\0';
+}
+
+void Hex32(char (&text)[kHex32Size], std::uint32_t value) noexcept {
+  text[0] = '0';
+  text[1] = 'x';
+  for (unsigned digit = 0; digit < 8; ++digit) text[2 + digit] = kDigits[(value >> (28 - 4 * digit)) & 0x0F];
+  text[10] = '\0';
+}
+
+void Decimal(char (&text)[kDecimalSize], std::int32_t value) noexcept {
+  std::snprintf(text, sizeof(text), "%d", static_cast<int>(value));
+}
+
+void StartLine(char (&text)[kStartLineSize], const char* ctimeText) noexcept {
+  std::snprintf(text, sizeof(text),
+                "\n\n****************************************************************** LOG START - %s\n", ctimeText);
+}
+
+}  // namespace logformat
