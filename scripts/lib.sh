@@ -1,0 +1,130 @@
+# shellcheck shell=bash
+# Shared by the scripts in this folder; sourced, not run.
+set -euo pipefail
+
+ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+# Everything that is built or made while running goes here.
+BUILD=${KELDA_BUILD:-$ROOT/build}
+# The private i386 root for 32-bit Wine is large and the same for every checkout, so it outlives a build folder.
+I386_ROOT=${KELDA_I386_ROOT:-${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/keldaksp/i386-bookworm}
+
+step() { printf '\n== %s\n' "$*"; }
+note() { printf '   %s\n' "$*"; }
+die() {
+  printf '\n%s: %s\n' "${0##*/}" "$*" >&2
+  exit 1
+}
+
+as_root() {
+  if ((EUID == 0)); then
+    "$@"
+  elif command -v sudo >/dev/null; then
+    sudo "$@"
+  else
+    die "this needs root rights and there is no sudo: $*"
+  fi
+}
+
+# need_packages PACKAGE...: installs those that are not installed.
+need_packages() {
+  local missing=() package
+  for package in "$@"; do
+    [[ $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) == installed ]] || missing+=("$package")
+  done
+  ((${#missing[@]})) || return 0
+  step "Installing ${missing[*]}"
+  as_root apt-get -o DPkg::Lock::Timeout=300 update -qq || note "the package lists could not be renewed; trying with those at hand"
+  as_root env DEBIAN_FRONTEND=noninteractive \
+    apt-get -o DPkg::Lock::Timeout=300 install -y -qq --no-install-recommends "${missing[@]}" >/dev/null ||
+    die "these packages could not be installed: ${missing[*]}"
+}
+
+# ---- 32-bit programs -------------------------------------------------------------------------------------------------
+
+# how_to_run_x86: prints "host" (wine32 of this machine), "root" (the private i386 root) or nothing (not prepared).
+how_to_run_x86() {
+  if [[ -x /usr/lib/wine/wine && -x /usr/lib/i386-linux-gnu/wine/i386-unix/ntdll.so ]]; then
+    echo host
+  elif [[ -x $I386_ROOT/usr/lib/wine/wine ]] && can_mount; then
+    echo root
+  fi
+}
+
+# A mount namespace of one's own: nothing that is mounted there outlives the command.
+can_mount() { as_root unshare -m true 2>/dev/null; }
+
+# on ARCH COMMAND...: runs COMMAND where the Wine of that width is, in the current folder and environment.
+on() {
+  local arch=$1
+  shift
+  if [[ $arch == x64 || $(how_to_run_x86) == host ]]; then
+    "$@"
+    return
+  fi
+  local pass=() name
+  for name in DISPLAY HOME PATH WINEDEBUG WINEPREFIX WINEARCH WINEDLLOVERRIDES WINEPATH WINEDLLPATH LANG "${!KELDA_@}" \
+    "${!GTEST_@}"; do
+    [[ -v $name ]] && pass+=("$name=${!name}")
+  done
+  as_root unshare -m "$ROOT/scripts/in-i386-root.sh" "$I386_ROOT" "$ROOT" "$BUILD" "$PWD" "$(id -u):$(id -g)" \
+    env -i "${pass[@]}" "$@"
+}
+
+# ---- Wine ------------------------------------------------------------------------------------------------------------
+
+export WINEDEBUG=${WINEDEBUG:--all}
+export PATH=/usr/lib/wine:$PATH
+
+# use_prefix ARCH DIR: makes the Wine prefix when it is not there, and selects it. Needs a display.
+use_prefix() {
+  local arch=$1 dir=$2
+  export WINEPREFIX=$dir
+  if [[ $arch == x64 ]]; then
+    export WINEARCH=win64 WINE=wine64
+  else
+    export WINEARCH=win32 WINE=wine
+  fi
+  PREFIXES+=("$arch $dir")
+  if [[ ! -e $dir/.ready ]]; then
+    step "Making a Wine prefix ($arch)"
+    rm -rf "$dir"
+    mkdir -p "$(dirname "$dir")"
+    # No mono and no gecko: nothing here needs them, and they would ask.
+    WINEDLLOVERRIDES="mscoree=;mshtml=" on "$arch" "$WINE" wineboot -i >/dev/null 2>&1 || die "Wine could not make $dir"
+    # Without a window manager Wine waits two seconds for each closing window unless windows are unmanaged.
+    on "$arch" "$WINE" reg add 'HKCU\Software\Wine\X11 Driver' /v Managed /d N /f >/dev/null
+    on "$arch" wineserver -w
+    touch "$dir/.ready"
+  fi
+}
+
+# start_display [SIZE]: an X server of our own on a free display, in DISPLAY.
+start_display() {
+  local size=${1:-1024x768} pipe
+  pipe=$(mktemp -u)
+  mkfifo "$pipe"
+  Xvfb -displayfd 5 -screen 0 "${size}x24" -nolisten tcp 5>"$pipe" >/dev/null 2>&1 &
+  XVFB_PID=$!
+  local number=
+  read -r -t 60 number <"$pipe" || true
+  rm -f "$pipe"
+  [[ $number ]] || die "Xvfb did not start"
+  export DISPLAY=:$number
+}
+
+PREFIXES=()
+XVFB_PID=
+# leave_nothing: ends what use_prefix and start_display started; for an EXIT trap.
+leave_nothing() {
+  local entry
+  for entry in "${PREFIXES[@]+"${PREFIXES[@]}"}"; do
+    WINEPREFIX=${entry#* } on "${entry%% *}" wineserver -k >/dev/null 2>&1 || true
+    WINEPREFIX=${entry#* } on "${entry%% *}" wineserver -w >/dev/null 2>&1 || true
+  done
+  if [[ $XVFB_PID ]]; then
+    kill "$XVFB_PID" 2>/dev/null || true
+    wait "$XVFB_PID" 2>/dev/null || true
+  fi
+  PREFIXES=()
+  XVFB_PID=
+}
