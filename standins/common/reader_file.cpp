@@ -1,0 +1,68 @@
+#include "common/reader_file.h"
+
+#include <charconv>
+#include <fstream>
+#include <sstream>
+
+namespace standins {
+namespace {
+
+std::string_view Trim(std::string_view text) {
+  constexpr std::string_view kBlanks = " \t\r";
+  const auto first = text.find_first_not_of(kBlanks);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+}
+
+std::optional<std::uint32_t> ParseHex(std::string_view text) {
+  std::uint32_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, 16);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
+void ParseDirective(std::string_view line, ReaderFile& file) {
+  const auto blank = line.find(' ');
+  if (blank == std::string_view::npos) return;
+  const auto name = line.substr(0, blank);
+  const auto value = Trim(line.substr(blank));
+  if (name == "!establish") {
+    file.establish_failure = ParseHex(value);
+  } else if (name == "!list" && value == "empty") {
+    file.list_without_names = true;
+  } else if (name == "!list") {
+    file.list_failure = ParseHex(value);
+  }
+}
+
+}  // namespace
+
+ReaderFile ParseReaderFile(std::string_view text) {
+  ReaderFile file;
+  while (!text.empty()) {
+    const auto end = text.find('\n');
+    const auto line = Trim(text.substr(0, end));
+    text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
+    if (line.empty() || line.front() == '#') continue;
+    if (line.front() == '!') {
+      ParseDirective(line, file);
+      continue;
+    }
+    const auto equals = line.find('=');
+    Reader reader;
+    reader.name = Trim(line.substr(0, equals));
+    if (equals != std::string_view::npos) reader.token_label = Trim(line.substr(equals + 1));
+    if (!reader.name.empty()) file.readers.push_back(std::move(reader));
+  }
+  return file;
+}
+
+ReaderFile ReadReaderFile(const std::string& path) {
+  std::ifstream stream(path, std::ios::binary);
+  if (!stream) return {};
+  std::ostringstream text;
+  text << stream.rdbuf();
+  return ParseReaderFile(text.str());
+}
+
+}  // namespace standins

@@ -1,0 +1,44 @@
+#include "router/modules.h"
+
+namespace router {
+namespace {
+
+constexpr USHORT kInterfaceMajor = 1;
+
+SECURITY_STATUS FromNtStatus(NTSTATUS status) {
+  constexpr DWORD kSecurityFacility = 0x80090000;
+  switch (static_cast<DWORD>(status)) {
+    case 0:
+      return ERROR_SUCCESS;
+    case 0xC000000D:  // STATUS_INVALID_PARAMETER
+      return NTE_INVALID_PARAMETER;
+    case 0xC0000017:  // STATUS_NO_MEMORY
+      return NTE_NO_MEMORY;
+    case 0xC00000BB:  // STATUS_NOT_SUPPORTED
+      return NTE_NOT_SUPPORTED;
+    default:
+      // Some providers answer with a SECURITY_STATUS of their own.
+      return (static_cast<DWORD>(status) & 0xFFFF0000) == kSecurityFacility ? status : NTE_INTERNAL_ERROR;
+  }
+}
+
+}  // namespace
+
+SECURITY_STATUS LoadProviderTable(const Registration& registration, const KeyStorageFunctionTable** table) {
+  // Never released: a provider's state (PINs it caches, its token module) is meant to last as long as the process.
+  // Loading it again only counts, which does not matter then.
+  const HMODULE module = LoadLibraryW(registration.image.c_str());
+  if (module == nullptr) return NTE_PROVIDER_DLL_FAIL;
+  // Through a plain function pointer: FARPROC and the real type differ in everything.
+  const auto get_interface = reinterpret_cast<GetKeyStorageInterfaceFn>(
+      reinterpret_cast<void*>(GetProcAddress(module, "GetKeyStorageInterface")));
+  if (get_interface == nullptr) return NTE_PROVIDER_DLL_FAIL;
+  KeyStorageFunctionTable* provider_table = nullptr;
+  const NTSTATUS status = get_interface(registration.name.c_str(), &provider_table, 0);
+  if (status != 0) return FromNtStatus(status);
+  if (provider_table == nullptr || provider_table->Version.Major != kInterfaceMajor) return NTE_BAD_PROVIDER;
+  *table = provider_table;
+  return ERROR_SUCCESS;
+}
+
+}  // namespace router
