@@ -1,0 +1,130 @@
+#include "kit/dialogs.h"
+
+#include <condition_variable>
+#include <cwchar>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <set>
+
+namespace kit {
+
+struct DialogRobot::State {
+  std::mutex lock;
+  std::condition_variable changed;
+  std::deque<HWND> shown;
+  std::set<HWND> seen;
+  std::size_t created = 0;
+  std::size_t handled = 0;
+  bool stop = false;
+  std::vector<Step> steps;
+};
+
+namespace {
+
+// The robot of the thread that opens dialogs; its hook procedure runs on that thread.
+thread_local DialogRobot::State* t_state = nullptr;
+
+bool IsDialog(HWND window) {
+  wchar_t name[16];
+  return GetClassNameW(window, name, 16) && std::wcscmp(name, L"#32770") == 0;
+}
+
+LRESULT CALLBACK OnHook(int code, WPARAM wParam, LPARAM lParam) {
+  auto* window = reinterpret_cast<HWND>(wParam);
+  if (t_state && (code == HCBT_CREATEWND || code == HCBT_ACTIVATE) && IsDialog(window)) {
+    const std::lock_guard guard(t_state->lock);
+    if (code == HCBT_CREATEWND) {
+      ++t_state->created;
+    } else if (t_state->seen.insert(window).second) {
+      t_state->shown.push_back(window);
+      t_state->changed.notify_all();
+    }
+  }
+  return CallNextHookEx(nullptr, code, wParam, lParam);
+}
+
+void Work(const std::shared_ptr<DialogRobot::State>& state) {
+  for (;;) {
+    HWND window = nullptr;
+    DialogRobot::Step step;
+    {
+      std::unique_lock guard(state->lock);
+      state->changed.wait(guard, [&] { return state->stop || !state->shown.empty(); });
+      if (state->shown.empty()) return;
+      window = state->shown.front();
+      state->shown.pop_front();
+      if (state->handled < state->steps.size()) step = state->steps[state->handled];
+      ++state->handled;
+    }
+    Dialog dialog(window);
+    // The dialog answers once it runs its message loop; that it does so, it has been initialised.
+    dialog.Send(0, WM_NULL);
+    if (step) step(dialog);
+    if (dialog.open()) dialog.PressCancel();
+  }
+}
+
+}  // namespace
+
+LRESULT Dialog::Send(int id, UINT message, WPARAM wParam, LPARAM lParam) const {
+  return SendMessageW(id ? control(id) : window_, message, wParam, lParam);
+}
+
+std::wstring Dialog::TextOf(HWND window) {
+  std::wstring text(static_cast<std::size_t>(SendMessageW(window, WM_GETTEXTLENGTH, 0, 0)) + 1, L'\0');
+  const LRESULT length =
+      SendMessageW(window, WM_GETTEXT, static_cast<WPARAM>(text.size()), reinterpret_cast<LPARAM>(text.data()));
+  text.resize(static_cast<std::size_t>(length));
+  return text;
+}
+
+void Dialog::Type(int id, const std::wstring& characters) const {
+  for (const wchar_t character : characters)
+    Send(id, WM_CHAR, static_cast<WPARAM>(character), 1);
+}
+
+void Dialog::Key(int id, WPARAM key) const {
+  Send(id, WM_KEYDOWN, key, 1);
+  Send(id, WM_KEYUP, key, static_cast<LPARAM>(0xC0000001));
+}
+
+void Dialog::Press(int id) const {
+  SendMessageW(window_, WM_COMMAND, MAKEWPARAM(id, BN_CLICKED), reinterpret_cast<LPARAM>(control(id)));
+}
+
+void Dialog::CloseBySystemMenu() const {
+  SendMessageW(window_, WM_SYSCOMMAND, SC_CLOSE, 0);
+}
+
+DialogRobot::DialogRobot(std::vector<Step> steps) : state_(std::make_shared<State>()) {
+  state_->steps = std::move(steps);
+  t_state = state_.get();
+  hook_ = SetWindowsHookExW(WH_CBT, &OnHook, nullptr, GetCurrentThreadId());
+  worker_ = std::thread(&Work, state_);
+}
+
+DialogRobot::~DialogRobot() {
+  Finish();
+}
+
+std::size_t DialogRobot::Finish() {
+  if (worker_.joinable()) {
+    UnhookWindowsHookEx(hook_);
+    t_state = nullptr;
+    {
+      const std::lock_guard guard(state_->lock);
+      state_->stop = true;
+    }
+    state_->changed.notify_all();
+    worker_.join();
+  }
+  return state_->handled;
+}
+
+std::size_t DialogRobot::created() const {
+  const std::lock_guard guard(state_->lock);
+  return state_->created;
+}
+
+}  // namespace kit

@@ -1,0 +1,82 @@
+// keldaksp.dll, loaded into the test process beside the fake token module.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "fake_token/fake_token.h"
+#include "kit/imports.h"
+#include "kit/ksp.h"
+#include "kit/log.h"
+#include "kit/memory.h"
+#include "kit/registry.h"
+
+namespace kit {
+
+std::wstring ProgramFolder();  // of the test program, with a final backslash
+
+// keldapkcs11.dll. The provider finds it by its bare name because it is loaded already.
+enum class TokenModule { None, Working, WithoutList };
+void LoadTokenModule(TokenModule kind);
+
+class Provider {
+ public:
+  static Provider& Get();
+
+  // Loads the DLL with the log in the given mode. On failure returns false with the last error kept in loadError().
+  bool Load(Log::Mode mode);
+  void Unload();
+  bool loaded() const { return module_ != nullptr; }
+  DWORD loadError() const { return loadError_; }
+  HMODULE module() const { return module_; }
+
+  GetKeyStorageInterfaceFn GetKeyStorageInterface = nullptr;
+  // The table that GetKeyStorageInterface handed out.
+  const FunctionTable* table = nullptr;
+  FARPROC Export(const std::string& name) const;
+
+ private:
+  HMODULE module_ = nullptr;
+  DWORD loadError_ = 0;
+};
+
+// Sets up what every test program needs: the redirected registry, the debugger capture, the loader notification.
+// Called by main() of the kit.
+void StartKit();
+void StopKit();
+
+// The base of the tests of single entries: provider loaded with tagged log lines, empty fake token, registry with its
+// defaults, nothing captured.
+class ProviderTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  const FunctionTable& ksp() const { return *Provider::Get().table; }
+  fake::Module& token() const { return fake::Token(); }
+
+  // One slot with a token; the description is the reader's name.
+  fake::Slot& AddReader(const std::string& name = "Reader 0") { return token().AddSlot(name); }
+  // Opens a provider silently and forgets lines and token calls of it.
+  NCRYPT_PROV_HANDLE OpenProvider(DWORD flags = NCRYPT_SILENT_FLAG);
+  NCRYPT_KEY_HANDLE OpenKey(NCRYPT_PROV_HANDLE provider, const wchar_t* name);
+  // Forgets lines, token calls and registry reads.
+  void Forget();
+
+  // Compares all lines since the last look with the expected ones, instance by instance.
+  void ExpectLines(const std::vector<Line>& expected);
+  void ExpectCalls(const std::vector<std::string>& expected);
+};
+
+// Readable comparison of two lists: says where they part.
+::testing::AssertionResult SameLines(const std::vector<Line>& expected, const std::vector<Line>& actual);
+::testing::AssertionResult SameTexts(const std::vector<std::string>& expected, const std::vector<std::string>& actual);
+
+#define KIT_EXPECT_LINES(...) EXPECT_TRUE(::kit::SameLines((__VA_ARGS__), ::kit::Log::Get().Take()))
+#define KIT_EXPECT_CALLS(...) EXPECT_TRUE(::kit::SameTexts((__VA_ARGS__), ::fake::Token().TakeTexts()))
+
+}  // namespace kit
