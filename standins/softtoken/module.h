@@ -1,0 +1,142 @@
+// The token module: virtual readers, SoftHSM's tokens in them, sessions, and private keys that everybody may see.
+//
+// Every public operation takes and returns the numbers that Windows programs use; CK_RV values are passed through
+// as they are. One lock lets one call in at a time, as a card does.
+#ifndef KELDA_STANDINS_SOFTTOKEN_MODULE_H_
+#define KELDA_STANDINS_SOFTTOKEN_MODULE_H_
+
+#include <p11-kit/pkcs11.h>
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "common/reader_file.h"
+#include "softtoken/attributes.h"
+#include "softtoken/win_layout.h"
+
+namespace softtoken {
+
+enum class Operation { kNone, kEncrypt, kDecrypt, kSign, kVerify };
+
+class Module {
+ public:
+  static Module& Instance();
+
+  // Runs one call under the lock, with all exceptions turned into a CK_RV.
+  template <typename Call>
+  win::Ulong Run(Call call) noexcept {
+    try {
+      const std::scoped_lock lock(mutex_);
+      return static_cast<win::Ulong>(call(*this));
+    } catch (const std::bad_alloc&) {
+      return CKR_HOST_MEMORY;
+    } catch (...) {
+      return CKR_GENERAL_ERROR;
+    }
+  }
+
+  CK_RV Initialize();
+  CK_RV Finalize();
+  CK_RV GetInfo(win::Info* info);
+
+  CK_RV GetSlotList(bool with_token, win::Ulong* slots, win::Ulong* count);
+  CK_RV GetSlotInfo(win::Ulong slot, win::SlotInfo* info);
+  CK_RV GetTokenInfo(win::Ulong slot, win::TokenInfo* info);
+  CK_RV GetMechanismList(win::Ulong slot, win::Ulong* mechanisms, win::Ulong* count);
+  CK_RV GetMechanismInfo(win::Ulong slot, win::Ulong mechanism, win::MechanismInfo* info);
+
+  CK_RV OpenSession(win::Ulong slot, win::Ulong flags, win::Ulong* session);
+  CK_RV CloseSession(win::Ulong session);
+  CK_RV CloseAllSessions(win::Ulong slot);
+  CK_RV GetSessionInfo(win::Ulong session, win::SessionInfo* info);
+
+  // The maker's login: a wrong PIN is answered with the number of tries left (1 to 14), the last one with
+  // CKR_PIN_LOCKED.
+  CK_RV LoginCounted(win::Ulong session, win::Ulong user, std::uint8_t* pin, win::Ulong pin_len);
+  // The standard login, on the same count.
+  CK_RV Login(win::Ulong session, win::Ulong user, std::uint8_t* pin, win::Ulong pin_len);
+  CK_RV Logout(win::Ulong session);
+
+  CK_RV CreateObject(win::Ulong session, const win::Attribute* attributes, win::Ulong count, win::Ulong* object);
+  CK_RV DestroyObject(win::Ulong session, win::Ulong object);
+  CK_RV GetAttributeValue(win::Ulong session, win::Ulong object, win::Attribute* attributes, win::Ulong count);
+  CK_RV SetAttributeValue(win::Ulong session, win::Ulong object, const win::Attribute* attributes, win::Ulong count);
+  CK_RV FindObjectsInit(win::Ulong session, const win::Attribute* attributes, win::Ulong count);
+  CK_RV FindObjects(win::Ulong session, win::Ulong* objects, win::Ulong max, win::Ulong* count);
+  CK_RV FindObjectsFinal(win::Ulong session);
+
+  CK_RV InitOperation(Operation operation, win::Ulong session, const win::Mechanism* mechanism, win::Ulong key);
+  // Encrypt, Decrypt and Sign: one input, one output, PKCS#11 v2.40 5.2 for its length.
+  CK_RV RunOperation(Operation operation, win::Ulong session, std::uint8_t* input, win::Ulong input_len,
+                     std::uint8_t* output, win::Ulong* output_len);
+  CK_RV Verify(win::Ulong session, std::uint8_t* data, win::Ulong data_len, std::uint8_t* signature,
+               win::Ulong signature_len);
+
+  CK_RV GenerateKeyPair(win::Ulong session, const win::Mechanism* mechanism, const win::Attribute* public_attributes,
+                        win::Ulong public_count, const win::Attribute* private_attributes, win::Ulong private_count,
+                        win::Ulong* public_key, win::Ulong* private_key);
+  CK_RV GenerateRandom(win::Ulong session, std::uint8_t* bytes, win::Ulong count);
+
+ private:
+  struct Slot {
+    win::Ulong id = 0;
+    standins::Reader reader;
+  };
+
+  struct Session {
+    win::Ulong slot = 0;
+    standins::Reader reader;
+    std::string serial;
+    bool searching = false;
+    std::vector<win::Ulong> found;
+    std::size_t next_found = 0;
+    Operation operation = Operation::kNone;
+  };
+
+  // A private object by what a card's directory tells of it. SoftHSM's own handle of it ends with every logout,
+  // the handle that programs hold does not.
+  struct PrivateObject {
+    std::string serial;
+    std::vector<std::uint8_t> object_class;
+    std::vector<std::uint8_t> id;
+    std::vector<std::uint8_t> label;
+    std::size_t ordinal = 0;  // among objects with the same directory entry
+    bool operator==(const PrivateObject&) const = default;
+  };
+
+  class BorrowedLogin;
+
+  Module() = default;
+
+  std::vector<Slot> ReadSlots();
+  CK_RV FindSlot(win::Ulong id, Slot* slot);
+  CK_RV FindNativeSlot(const standins::Reader& reader, CK_SLOT_ID* native, CK_TOKEN_INFO* info);
+  CK_RV FindSession(win::Ulong handle, Session** session);
+  bool IsLoggedIn(win::Ulong session);
+
+  std::vector<std::uint8_t> ReadBytes(win::Ulong session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type);
+  PrivateObject Describe(win::Ulong session, const Session& record, CK_OBJECT_HANDLE native);
+  std::vector<CK_OBJECT_HANDLE> FindTwins(win::Ulong session, const PrivateObject& object);
+  bool IsPrivate(win::Ulong session, CK_OBJECT_HANDLE native);
+  win::Ulong ToHandle(win::Ulong session, const Session& record, CK_OBJECT_HANDLE native);
+  CK_RV ToNativeObject(win::Ulong session, win::Ulong handle, CK_OBJECT_HANDLE* native);
+  bool IsPrivateHandle(win::Ulong handle) const;
+  CK_RV Search(win::Ulong session, std::vector<CK_ATTRIBUTE>& attributes, std::vector<CK_OBJECT_HANDLE>* found);
+
+  CK_RV TryPin(win::Ulong session, win::Ulong user, std::uint8_t* pin, win::Ulong pin_len, unsigned* left);
+  void Abandon(win::Ulong session, Session& record);
+
+  std::mutex mutex_;
+  void* library_ = nullptr;
+  CK_FUNCTION_LIST* softhsm_ = nullptr;
+  std::vector<std::string> reader_names_;  // a reader keeps its number, wherever the file lists it
+  std::map<win::Ulong, Session> sessions_;
+  std::vector<PrivateObject> private_objects_;
+};
+
+}  // namespace softtoken
+
+#endif  // KELDA_STANDINS_SOFTTOKEN_MODULE_H_
