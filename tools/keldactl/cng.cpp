@@ -83,30 +83,32 @@ Key Provider::Open(const std::wstring& name) const {
   return key;
 }
 
-std::optional<Bytes> Property(ULONG_PTR object, const wchar_t* name) {
+SECURITY_STATUS ReadProperty(ULONG_PTR object, const wchar_t* name, Bytes* value) {
   DWORD size = 0;
-  if (NCryptGetProperty(object, name, nullptr, 0, &size, 0) != ERROR_SUCCESS) return std::nullopt;
-  Bytes value(size);
-  if (NCryptGetProperty(object, name, value.data(), size, &size, 0) != ERROR_SUCCESS || size > value.size()) {
-    return std::nullopt;
-  }
-  value.resize(size);
-  return value;
+  SECURITY_STATUS status = NCryptGetProperty(object, name, nullptr, 0, &size, 0);
+  if (status != ERROR_SUCCESS) return status;
+  value->resize(size);
+  if (size == 0) return ERROR_SUCCESS;
+  status = NCryptGetProperty(object, name, value->data(), size, &size, 0);
+  if (status != ERROR_SUCCESS) return status;
+  if (size > value->size()) return NTE_BUFFER_TOO_SMALL;
+  value->resize(size);
+  return ERROR_SUCCESS;
 }
 
 std::optional<std::wstring> TextProperty(ULONG_PTR object, const wchar_t* name) {
-  const std::optional<Bytes> value = Property(object, name);
-  if (!value) return std::nullopt;
-  std::wstring text(value->size() / sizeof(wchar_t), L'\0');
-  std::memcpy(text.data(), value->data(), text.size() * sizeof(wchar_t));
+  Bytes value;
+  if (ReadProperty(object, name, &value) != ERROR_SUCCESS) return std::nullopt;
+  std::wstring text(value.size() / sizeof(wchar_t), L'\0');
+  std::memcpy(text.data(), value.data(), text.size() * sizeof(wchar_t));
   return std::wstring(text.c_str());
 }
 
 std::optional<DWORD> NumberProperty(ULONG_PTR object, const wchar_t* name) {
-  const std::optional<Bytes> value = Property(object, name);
+  Bytes value;
   DWORD number = 0;
-  if (!value || value->size() != sizeof number) return std::nullopt;
-  std::memcpy(&number, value->data(), sizeof number);
+  if (ReadProperty(object, name, &value) != ERROR_SUCCESS || value.size() != sizeof number) return std::nullopt;
+  std::memcpy(&number, value.data(), sizeof number);
   return number;
 }
 

@@ -73,9 +73,9 @@ class Provider {
   NcryptHandle handle_;
 };
 
-// A property's bytes, or nothing when the provider does not answer.
-std::optional<Bytes> Property(ULONG_PTR object, const wchar_t* name);
-// The same for one that is a string, and for a DWORD.
+// A property's bytes.
+SECURITY_STATUS ReadProperty(ULONG_PTR object, const wchar_t* name, Bytes* value);
+// A property that is a string, or a DWORD; nothing when the provider does not answer.
 std::optional<std::wstring> TextProperty(ULONG_PTR object, const wchar_t* name);
 std::optional<DWORD> NumberProperty(ULONG_PTR object, const wchar_t* name);
 

@@ -13,7 +13,8 @@ namespace {
 
 std::vector<Command> AllCommands() {
   std::vector<Command> all;
-  for (auto group : {KeyCommands, SigningCommands}) {
+  for (auto group :
+       {KeyCommands, SigningCommands, CertificateCommands, BlobCommands, CipherCommands, ProviderCommands}) {
     std::vector<Command> commands = group();
     all.insert(all.end(), std::make_move_iterator(commands.begin()), std::make_move_iterator(commands.end()));
   }
