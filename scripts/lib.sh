@@ -75,9 +75,10 @@ on() {
 export WINEDEBUG=${WINEDEBUG:--all}
 export PATH=/usr/lib/wine:$PATH
 
-# use_prefix ARCH DIR: makes the Wine prefix when it is not there, and selects it. Needs a display.
+# use_prefix ARCH DIR [managed]: makes the Wine prefix when it is not there, and selects it. Needs a display. Only a
+# prefix for a person's desktop leaves its windows to the window manager.
 use_prefix() {
-  local arch=$1 dir=$2
+  local arch=$1 dir=$2 managed=${3:-}
   export WINEPREFIX=$dir
   if [[ $arch == x64 ]]; then
     export WINEARCH=win64 WINE=wine64
@@ -92,7 +93,7 @@ use_prefix() {
     # No mono and no gecko: nothing here needs them, and they would ask.
     WINEDLLOVERRIDES="mscoree=;mshtml=" on "$arch" "$WINE" wineboot -i >/dev/null 2>&1 || die "Wine could not make $dir"
     # Without a window manager Wine waits two seconds for each closing window unless windows are unmanaged.
-    on "$arch" "$WINE" reg add 'HKCU\Software\Wine\X11 Driver' /v Managed /d N /f >/dev/null
+    [[ $managed ]] || on "$arch" "$WINE" reg add 'HKCU\Software\Wine\X11 Driver' /v Managed /d N /f >/dev/null
     on "$arch" wineserver -w
     touch "$dir/.ready"
   fi
@@ -110,6 +111,58 @@ start_display() {
   rm -f "$pipe"
   [[ $number ]] || die "Xvfb did not start"
   export DISPLAY=:$number
+}
+
+# assemble_app ARCH DIR: lays keldactl, the provider and the stand-ins side by side in DIR, as an installation would,
+# and sets the environment in which programs use them.
+assemble_app() {
+  local arch=$1 dir=$2 file
+  mkdir -p "$dir"
+  for file in "$BUILD/$arch"/bin/keldactl.exe "$BUILD/$arch"/bin/keldaksp.dll "$BUILD/$arch"/standins/*.dll; do
+    [[ -f $file ]] || die "$file is missing; scripts/build.sh $arch makes it"
+    cp "$file" "$dir"
+  done
+  # The part of the soft token that is Linux code.
+  export WINEDLLPATH=$BUILD/$arch/standins
+  export WINEDLLOVERRIDES="ncrypt,winscard,keldapkcs11=n,b;mscoree=;mshtml="
+}
+
+# windows_path FILE: FILE, absolute, as Wine's programs name it.
+windows_path() {
+  local path
+  path=$(realpath -m "$1")
+  printf 'Z:%s' "${path//\//\\}"
+}
+
+# ---- The PIN dialog --------------------------------------------------------------------------------------------------
+
+# wait_for_dialog NAME PID: prints the window whose caption begins with NAME; fails when process PID ends before it comes.
+wait_for_dialog() {
+  local name=$1 pid=$2 window tries
+  for ((tries = 0; tries < 600; tries++)); do
+    window=$(xdotool search --onlyvisible --name "^$name" 2>/dev/null | head -n 1) || true
+    if [[ $window ]]; then
+      printf '%s' "$window"
+      return 0
+    fi
+    kill -0 "$pid" 2>/dev/null || return 1
+    sleep 0.1
+  done
+  return 1
+}
+
+# picture_of WINDOW FILE: waits until the window has been drawn, that is until two pictures in a row are equal and not
+# of one colour.
+picture_of() {
+  local window=$1 file=$2 tries sum last=
+  for ((tries = 0; tries < 100; tries++)); do
+    import -window "$window" "$file" 2>/dev/null || true
+    sum=$(identify -format '%k %#' "$file" 2>/dev/null || true)
+    [[ $sum != "$last" || ! $sum || $sum == "1 "* ]] || return 0
+    last=$sum
+    sleep 0.1
+  done
+  return 1
 }
 
 PREFIXES=()
