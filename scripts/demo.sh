@@ -17,7 +17,10 @@ for argument in "$@"; do
       exit 0
       ;;
     -*) die "unknown option $argument" ;;
-    *) [[ ! $file ]] && file=$argument || die "only one file can be signed at a time" ;;
+    *)
+      [[ ! $file ]] || die "only one file can be signed at a time"
+      file=$argument
+      ;;
   esac
 done
 file=$(realpath -m "${file:-$ROOT/README.md}")
@@ -28,7 +31,7 @@ file=$(realpath -m "${file:-$ROOT/README.md}")
 "$ROOT/scripts/build.sh" x64
 
 demo=$BUILD/demo
-key=demo-key
+key='demo-key'
 mkdir -p "$demo"
 signer=
 finish() {
@@ -49,7 +52,7 @@ eval "$environment"
 if [[ $ask ]]; then
   use_prefix x64 "$demo/prefix-desktop" managed
 else
-  start_display
+  start_display 1024x768
   use_prefix x64 "$demo/prefix"
 fi
 

@@ -112,7 +112,7 @@ run_programs() {
   local arch=$1 suffix=.exe file found=0
   [[ $arch != native ]] || suffix=
   mkdir -p "$results/$arch"
-  for file in "$BUILD/$arch"/bin/*_tests$suffix; do
+  for file in "$BUILD/$arch"/bin/*_tests"$suffix"; do
     [[ -x $file ]] || continue
     found=1
     run_program "$arch" "$file"
@@ -141,7 +141,7 @@ if [[ -v wanted[native] ]]; then
 fi
 
 if [[ -v wanted[x64] || -v wanted[x86] ]]; then
-  start_display
+  start_display 1024x768
 fi
 for arch in x64 x86; do
   [[ -v wanted[$arch] ]] || continue

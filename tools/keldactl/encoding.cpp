@@ -45,6 +45,7 @@ CRYPT_DATA_BLOB Blob(const Bytes& bytes) {
 
 Bytes Sequence(const std::vector<Bytes>& parts, const wchar_t* what) {
   std::vector<CRYPT_DER_BLOB> blobs;
+  blobs.reserve(parts.size());
   for (const Bytes& part : parts)
     blobs.push_back(Blob(part));
   const CRYPT_SEQUENCE_OF_ANY sequence = {static_cast<DWORD>(blobs.size()), blobs.data()};

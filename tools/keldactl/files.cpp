@@ -26,7 +26,7 @@ class File {
 void ReadFileInPieces(const std::wstring& path, const std::function<void(const uint8_t*, size_t)>& take) {
   const std::wstring operation = L"Reading " + Quoted(path);
   const File file(path, GENERIC_READ, OPEN_EXISTING, operation);
-  Bytes piece(64 * 1024);
+  Bytes piece(0x10000);
   for (;;) {
     DWORD count = 0;
     if (!ReadFile(file.get(), piece.data(), static_cast<DWORD>(piece.size()), &count, nullptr)) {
@@ -38,7 +38,7 @@ void ReadFileInPieces(const std::wstring& path, const std::function<void(const u
 }
 
 Bytes ReadWholeFile(const std::wstring& path) {
-  constexpr size_t kMost = 16 * 1024 * 1024;
+  constexpr size_t kMost = 0x1000000;
   Bytes content;
   ReadFileInPieces(path, [&](const uint8_t* data, size_t size) {
     if (content.size() + size > kMost) throw Failure(L"Reading " + Quoted(path) + L" failed: the file is too large");

@@ -6,7 +6,7 @@
 
 namespace keldactl {
 
-Progress::Progress(std::wstring what) {
+Progress::Progress(const std::wstring& what) {
   Murmur(what + L" ");
   thread_ = std::thread([this] { Run(); });
 }

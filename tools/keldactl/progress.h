@@ -11,7 +11,7 @@ namespace keldactl {
 // Says what is being done, and a dot for each second that it takes, until it is destroyed.
 class Progress {
  public:
-  explicit Progress(std::wstring what);
+  explicit Progress(const std::wstring& what);
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
   ~Progress();
