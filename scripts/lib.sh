@@ -94,6 +94,9 @@ use_prefix() {
     WINEDLLOVERRIDES="mscoree=;mshtml=" on "$arch" "$WINE" wineboot -i >/dev/null 2>&1 || die "Wine could not make $dir"
     # Without a window manager Wine waits two seconds for each closing window unless windows are unmanaged.
     [[ $managed ]] || on "$arch" "$WINE" reg add 'HKCU\Software\Wine\X11 Driver' /v Managed /d N /f >/dev/null
+    # Fonts and face colour as Windows has them.
+    cp /usr/share/wine/fonts/{marlett,tahoma,tahomabd}.ttf "$dir/drive_c/windows/Fonts/"
+    on "$arch" "$WINE" reg add 'HKCU\Control Panel\Colors' /v ButtonFace /d '240 240 240' /f >/dev/null
     on "$arch" wineserver -w
     touch "$dir/.ready"
   fi

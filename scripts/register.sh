@@ -45,5 +45,5 @@ sdk='HKEY_LOCAL_MACHINE\Software\Norvale Token Works Ltd.\KELDA SDK'
   printf '"Providers"=%s\n\n' "$(texts 'Microsoft Software Key Storage Provider' "$provider")"
   printf '[-%s]\n\n[%s]\n' "$sdk" "$sdk"
   [[ ! ${4-} ]] || printf '"KSPLOG"="1"\n"KSPDIR"=%s\n' "$(text "$(windows_path "$4")")"
-} >"$file"
+} | iconv -f UTF-8 -t UTF-16 >"$file" # in any other encoding the hex bytes of strings would be taken as 8-bit text
 on "$arch" "$WINE" reg import "$(windows_path "$file")" >/dev/null || die "the registration could not be written"
