@@ -17,8 +17,8 @@ DebugClass::DebugClass(std::int32_t level, std::int32_t writeStartLine) noexcept
 
 // Returns early, and then without the exit line, when the log stays off.
 void DebugClass::Start(std::int32_t level, std::int32_t writeStartLine) noexcept {
-  lastRegStatus_ = static_cast<std::uint32_t>(RegGetValueW(HKEY_LOCAL_MACHINE, kSettingsKey, L"KSPLOG", RRF_RT_REG_SZ,
-                                                           nullptr, logSwitch_, &cbLogSwitch_));
+  lastRegStatus_ = static_cast<std::uint32_t>(
+      RegGetValueW(HKEY_LOCAL_MACHINE, kSettingsKey, L"KSPLOG", RRF_RT_REG_SZ, nullptr, logSwitch_, &cbLogSwitch_));
   if (lastRegStatus_ != ERROR_SUCCESS) return;
   if (WideEqual(logSwitch_, L"00000000")) return;
   lastRegStatus_ = static_cast<std::uint32_t>(
@@ -40,7 +40,9 @@ void DebugClass::Start(std::int32_t level, std::int32_t writeStartLine) noexcept
   OutputDebugStringW(L"DebugClass ctor - Exit");
 }
 
-DebugClass::~DebugClass() { CloseFile(); }
+DebugClass::~DebugClass() {
+  CloseFile();
+}
 
 bool DebugClass::OpenFile() noexcept {
   CloseFile();

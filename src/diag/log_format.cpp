@@ -38,7 +38,8 @@ void HexDump(char* text, const void* data, std::size_t length) noexcept {
 void Hex32(char (&text)[kHex32Size], std::uint32_t value) noexcept {
   text[0] = '0';
   text[1] = 'x';
-  for (unsigned digit = 0; digit < 8; ++digit) text[2 + digit] = kDigits[(value >> (28 - 4 * digit)) & 0x0F];
+  for (unsigned digit = 0; digit < 8; ++digit)
+    text[2 + digit] = kDigits[(value >> (28 - 4 * digit)) & 0x0F];
   text[10] = '\0';
 }
 

@@ -13,22 +13,22 @@ inline constexpr std::size_t kReaderNameSize = 33;
 
 // Allocated with malloc by KELDAKSPOpenProvider; the provider handle is its address. Lives until FreeProvider.
 struct KELDAKSP_PROVIDER {
-  DWORD cbLength;                // bytes of the allocation: the record and the name with its terminator
-  char signature[4];             // "KLDA"
-  DWORD dwReserved1;             // 0
-  wchar_t* pszName;              // owned: the name given to OpenProvider
-  std::uint64_t qwReserved2;     // never set and never read
-  wchar_t* pContext;             // owned: the "Use Context" text; null until it is set
-  CK_SESSION_HANDLE hSession;    // the read/write session on the chosen slot
-  KELDAKSP_KEY* pKeyObjects;     // owned (malloc): the key object list
-  DWORD cKeyObjects;             // records in the list
-  wchar_t* pPinCache;            // owned: the provider's cached PIN
-  DWORD cchPinCache;             // characters in it
-  std::uint64_t loginState;      // 0
-  wchar_t* pszReader;            // owned: name of the chosen reader, kReaderNameSize characters allocated
-  CK_SLOT_ID slotId;             // the chosen slot
-  std::uint64_t hWnd;            // window that owns the PIN dialog; 0 for none
-  CRITICAL_SECTION* pLock;       // allocated at creation, initialised when the open succeeds
+  DWORD cbLength;              // bytes of the allocation: the record and the name with its terminator
+  char signature[4];           // "KLDA"
+  DWORD dwReserved1;           // 0
+  wchar_t* pszName;            // owned: the name given to OpenProvider
+  std::uint64_t qwReserved2;   // never set and never read
+  wchar_t* pContext;           // owned: the "Use Context" text; null until it is set
+  CK_SESSION_HANDLE hSession;  // the read/write session on the chosen slot
+  KELDAKSP_KEY* pKeyObjects;   // owned (malloc): the key object list
+  DWORD cKeyObjects;           // records in the list
+  wchar_t* pPinCache;          // owned: the provider's cached PIN
+  DWORD cchPinCache;           // characters in it
+  std::uint64_t loginState;    // 0
+  wchar_t* pszReader;          // owned: name of the chosen reader, kReaderNameSize characters allocated
+  CK_SLOT_ID slotId;           // the chosen slot
+  std::uint64_t hWnd;          // window that owns the PIN dialog; 0 for none
+  CRITICAL_SECTION* pLock;     // allocated at creation, initialised when the open succeeds
 };
 
 inline constexpr char kProviderSignature[4] = {'K', 'L', 'D', 'A'};

@@ -8,7 +8,9 @@ namespace status {
 
 using Code = std::int32_t;
 
-constexpr Code FromBits(std::uint32_t bits) noexcept { return static_cast<Code>(bits); }
+constexpr Code FromBits(std::uint32_t bits) noexcept {
+  return static_cast<Code>(bits);
+}
 
 inline constexpr Code kSuccess = 0;
 inline constexpr Code kBadSignature = FromBits(0x80090006);      // NTE_BAD_SIGNATURE
@@ -21,9 +23,9 @@ inline constexpr Code kBufferTooSmall = FromBits(0x80090028);    // NTE_BUFFER_T
 inline constexpr Code kNotSupported = FromBits(0x80090029);      // NTE_NOT_SUPPORTED
 inline constexpr Code kInternalError = FromBits(0x8009002D);     // NTE_INTERNAL_ERROR
 
-inline constexpr Code kErrorBadArguments = 160;    // ERROR_BAD_ARGUMENTS
-inline constexpr Code kErrorCancelled = 1223;      // ERROR_CANCELLED
-inline constexpr Code kErrorLogonFailure = 1326;   // ERROR_LOGON_FAILURE
+inline constexpr Code kErrorBadArguments = 160;      // ERROR_BAD_ARGUMENTS
+inline constexpr Code kErrorCancelled = 1223;        // ERROR_CANCELLED
+inline constexpr Code kErrorLogonFailure = 1326;     // ERROR_LOGON_FAILURE
 inline constexpr Code kErrorAccountDisabled = 1331;  // ERROR_ACCOUNT_DISABLED
 inline constexpr Code kErrorFunctionFailed = 1627;   // ERROR_FUNCTION_FAILED
 

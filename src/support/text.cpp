@@ -11,7 +11,8 @@ wchar_t FoldCase(wchar_t c) noexcept {
 std::size_t WideLength(const wchar_t* text) noexcept {
   std::size_t length = 0;
   if (text != nullptr) {
-    while (text[length] != L'\0') ++length;
+    while (text[length] != L'\0')
+      ++length;
   }
   return length;
 }
@@ -39,7 +40,8 @@ std::size_t WideFind(const wchar_t* text, const wchar_t* part) noexcept {
   if (text == nullptr || part == nullptr) return kNotFound;
   for (std::size_t position = 0;; ++position) {
     std::size_t i = 0;
-    while (part[i] != L'\0' && text[position + i] == part[i]) ++i;
+    while (part[i] != L'\0' && text[position + i] == part[i])
+      ++i;
     if (part[i] == L'\0') return position;
     if (text[position] == L'\0') return kNotFound;
   }

@@ -14,7 +14,8 @@ inline void SecureWipe(void* data, std::size_t size) noexcept {
   __asm__ __volatile__("" : : "r"(data) : "memory");
 #else
   volatile unsigned char* bytes = static_cast<volatile unsigned char*>(data);
-  while (size-- != 0) *bytes++ = 0;
+  while (size-- != 0)
+    *bytes++ = 0;
 #endif
 }
 

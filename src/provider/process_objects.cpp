@@ -1,0 +1,39 @@
+#include "provider/process_objects.h"
+
+#include <new>
+
+#include "diag/debug_log.h"
+#include "login/pin_manager.h"
+#include "provider/provider_cache.h"
+#include "token/cryptoki_module.h"
+
+HINSTANCE g_hModule = nullptr;
+LogPointer g_KeyNameLog;
+LogPointer g_Log;
+CryptokiModule* g_Cryptoki = nullptr;
+PinManager* g_PinManager = nullptr;
+ProviderCache* g_ProviderCache = nullptr;
+LogPointer g_PinLog;
+
+namespace {
+
+alignas(DebugClass) unsigned char g_PinLogStorage[sizeof(DebugClass)];
+
+}  // namespace
+
+// The order decides what is logged before a failing load, and which instance writes the start line.
+void CreateProcessObjects(HINSTANCE module) {
+  g_hModule = module;
+  g_KeyNameLog = LogPointer::Create(-1, 0);
+  g_Log = LogPointer::Create(-1, 1);
+  g_Cryptoki = new (std::nothrow) CryptokiModule();
+  g_PinManager = new (std::nothrow) PinManager();
+  g_ProviderCache = new (std::nothrow) ProviderCache();
+  g_PinLog = LogPointer(new (g_PinLogStorage) DebugClass(-1, 0));
+}
+
+void DestroyProcessObjects() noexcept {
+  if (!g_PinLog) return;
+  g_PinLog = LogPointer();
+  std::launder(reinterpret_cast<DebugClass*>(g_PinLogStorage))->~DebugClass();
+}
