@@ -4,7 +4,7 @@ set -euo pipefail
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # Everything that is built or made while running goes here.
-BUILD=${KELDA_BUILD:-$ROOT/build}
+BUILD=$(realpath -m "${KELDA_BUILD:-$ROOT/build}")
 # The private i386 root for 32-bit Wine is large and the same for every checkout, so it outlives a build folder.
 I386_ROOT=${KELDA_I386_ROOT:-${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/keldaksp/i386-bookworm}
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# test.sh [native] [x64] [x86] [e2e] [check]: prepares the machine, builds and runs the tests (without arguments: all of
-# them). The last line is "N passed, N failed"; the exit status is 0 only when something ran and nothing failed.
+# test.sh [--no-build] [native] [x64] [x86] [e2e] [check]: prepares the machine, builds and runs the tests (without
+# names: all of them). The last line is "N passed, N failed"; the exit status is 0 only when something ran and nothing failed.
 #
 # What counts: the cases of every GoogleTest program (<build>/<arch>/bin/*_tests[.exe]), and the lines "PASS: name" and
 # "FAIL: name" of every script (tests/e2e/*.sh, scripts/check.sh). A program that crashes, hangs or reports no case is
@@ -9,6 +9,11 @@
 source "$(dirname "$0")/lib.sh"
 
 declare -A wanted=()
+build=1
+if [[ ${1-} == --no-build ]]; then
+  build=
+  shift
+fi
 for part in "${@:-all}"; do
   case $part in
     native | x64 | x86 | e2e | check) wanted[$part]=1 ;;
@@ -130,7 +135,7 @@ builds=()
 [[ ! -v wanted[native] ]] || builds+=(native)
 [[ ! -v wanted[x64] && ! -v wanted[e2e] ]] || builds+=(x64)
 [[ ! -v wanted[x86] ]] || builds+=(x86)
-((${#builds[@]} == 0)) || "$ROOT/scripts/build.sh" "${builds[@]}"
+[[ ! $build ]] || ((${#builds[@]} == 0)) || "$ROOT/scripts/build.sh" "${builds[@]}"
 
 rm -rf "$results"
 mkdir -p "$results"
