@@ -268,6 +268,13 @@ CK_RV Module::OpenSession(win::Ulong slot, win::Ulong flags, win::Ulong* session
     return CKR_GENERAL_ERROR;
   }
   Session created;
+  // SoftHSM lets a session do one thing at a time, a card searches while a signature is half made: searches and reads
+  // have a session of their own beside the caller's.
+  if (const CK_RV rv = softhsm_->C_OpenSession(native, CKF_SERIAL_SESSION, nullptr, nullptr, &created.reading);
+      rv != CKR_OK) {
+    softhsm_->C_CloseSession(handle);
+    return rv;
+  }
   created.slot = slot;
   created.reader = record.reader;
   created.serial = LoadPadded(token.serialNumber);
@@ -286,6 +293,7 @@ CK_RV Module::FindSession(win::Ulong handle, Session** session) {
   });
   if (!in_place) {
     // The token was drawn or its reader unplugged: its sessions are gone for good.
+    softhsm_->C_CloseSession(found->second.reading);
     softhsm_->C_CloseSession(handle);
     sessions_.erase(found);
     return CKR_DEVICE_REMOVED;
@@ -296,7 +304,10 @@ CK_RV Module::FindSession(win::Ulong handle, Session** session) {
 
 CK_RV Module::CloseSession(win::Ulong session) {
   if (softhsm_ == nullptr) return CKR_CRYPTOKI_NOT_INITIALIZED;
-  if (sessions_.erase(session) == 0) return CKR_SESSION_HANDLE_INVALID;
+  const auto found = sessions_.find(session);
+  if (found == sessions_.end()) return CKR_SESSION_HANDLE_INVALID;
+  softhsm_->C_CloseSession(found->second.reading);
+  sessions_.erase(found);
   return softhsm_->C_CloseSession(session);
 }
 
@@ -305,6 +316,7 @@ CK_RV Module::CloseAllSessions(win::Ulong slot) {
   if (const CK_RV rv = FindSlot(slot, &record); rv != CKR_OK) return rv;
   std::erase_if(sessions_, [&](const auto& entry) {
     if (entry.second.slot != slot) return false;
+    softhsm_->C_CloseSession(entry.second.reading);
     softhsm_->C_CloseSession(entry.first);
     return true;
   });
@@ -366,45 +378,46 @@ CK_RV Module::Login(win::Ulong session, win::Ulong user, std::uint8_t* pin, win:
 CK_RV Module::Logout(win::Ulong session) {
   Session* record = nullptr;
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
-  return softhsm_->C_Logout(session);
+  return IsLoggedIn(session) ? softhsm_->C_Logout(session) : CKR_USER_NOT_LOGGED_IN;
 }
 
-CK_RV Module::Search(win::Ulong session, std::vector<CK_ATTRIBUTE>& attributes, std::vector<CK_OBJECT_HANDLE>* found) {
-  CK_RV rv = softhsm_->C_FindObjectsInit(session, attributes.data(), attributes.size());
+CK_RV Module::Search(const Session& session, std::vector<CK_ATTRIBUTE>& attributes,
+                     std::vector<CK_OBJECT_HANDLE>* found) {
+  CK_RV rv = softhsm_->C_FindObjectsInit(session.reading, attributes.data(), attributes.size());
   if (rv != CKR_OK) return rv;
   std::array<CK_OBJECT_HANDLE, 64> block{};
   for (CK_ULONG count = block.size(); rv == CKR_OK && count == block.size();) {
-    rv = softhsm_->C_FindObjects(session, block.data(), block.size(), &count);
+    rv = softhsm_->C_FindObjects(session.reading, block.data(), block.size(), &count);
     if (rv == CKR_OK) found->insert(found->end(), block.begin(), block.begin() + static_cast<std::ptrdiff_t>(count));
   }
-  softhsm_->C_FindObjectsFinal(session);
+  softhsm_->C_FindObjectsFinal(session.reading);
   return rv;
 }
 
-std::vector<std::uint8_t> Module::ReadBytes(win::Ulong session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
+std::vector<std::uint8_t> Module::ReadBytes(const Session& session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
   CK_ATTRIBUTE attribute{type, nullptr, 0};
-  if (softhsm_->C_GetAttributeValue(session, object, &attribute, 1) != CKR_OK) return {};
+  if (softhsm_->C_GetAttributeValue(session.reading, object, &attribute, 1) != CKR_OK) return {};
   std::vector<std::uint8_t> value(attribute.ulValueLen);
   attribute.pValue = value.data();
-  if (value.empty() || softhsm_->C_GetAttributeValue(session, object, &attribute, 1) != CKR_OK) return {};
+  if (value.empty() || softhsm_->C_GetAttributeValue(session.reading, object, &attribute, 1) != CKR_OK) return {};
   return value;
 }
 
-bool Module::IsPrivate(win::Ulong session, CK_OBJECT_HANDLE native) {
+bool Module::IsPrivate(const Session& session, CK_OBJECT_HANDLE native) {
   const auto value = ReadBytes(session, native, CKA_PRIVATE);
   return value.size() == 1 && value[0] == CK_TRUE;
 }
 
-Module::PrivateObject Module::Describe(win::Ulong session, const Session& record, CK_OBJECT_HANDLE native) {
+Module::PrivateObject Module::Describe(const Session& session, CK_OBJECT_HANDLE native) {
   PrivateObject object;
-  object.serial = record.serial;
+  object.serial = session.serial;
   object.object_class = ReadBytes(session, native, CKA_CLASS);
   object.id = ReadBytes(session, native, CKA_ID);
   object.label = ReadBytes(session, native, CKA_LABEL);
   return object;
 }
 
-std::vector<CK_OBJECT_HANDLE> Module::FindTwins(win::Ulong session, const PrivateObject& object) {
+std::vector<CK_OBJECT_HANDLE> Module::FindTwins(const Session& session, const PrivateObject& object) {
   auto object_class = object.object_class;
   auto id = object.id;
   auto label = object.label;
@@ -422,9 +435,9 @@ bool Module::IsPrivateHandle(win::Ulong handle) const {
 }
 
 // 0 for an object whose handle cannot be told to a Windows program.
-win::Ulong Module::ToHandle(win::Ulong session, const Session& record, CK_OBJECT_HANDLE native) {
+win::Ulong Module::ToHandle(const Session& session, CK_OBJECT_HANDLE native) {
   if (!IsPrivate(session, native)) return FitsHandle(native) ? static_cast<win::Ulong>(native) : 0;
-  auto object = Describe(session, record, native);
+  auto object = Describe(session, native);
   const auto twins = FindTwins(session, object);
   object.ordinal = static_cast<std::size_t>(std::find(twins.begin(), twins.end(), native) - twins.begin());
   auto known = std::find(private_objects_.begin(), private_objects_.end(), object);
@@ -432,7 +445,7 @@ win::Ulong Module::ToHandle(win::Ulong session, const Session& record, CK_OBJECT
   return kFirstPrivateHandle + static_cast<win::Ulong>(known - private_objects_.begin());
 }
 
-CK_RV Module::ToNativeObject(win::Ulong session, win::Ulong handle, CK_OBJECT_HANDLE* native) {
+CK_RV Module::ToNativeObject(const Session& session, win::Ulong handle, CK_OBJECT_HANDLE* native) {
   *native = handle;
   if (!IsPrivateHandle(handle)) return CKR_OK;
   const auto& object = private_objects_[handle - kFirstPrivateHandle];
@@ -452,7 +465,7 @@ CK_RV Module::CreateObject(win::Ulong session, const win::Attribute* attributes,
   auto native = values.Native();
   CK_OBJECT_HANDLE handle = 0;
   const CK_RV rv = softhsm_->C_CreateObject(session, native.data(), native.size(), &handle);
-  if (rv == CKR_OK) win::Store(object, ToHandle(session, *record, handle));
+  if (rv == CKR_OK) win::Store(object, ToHandle(*record, handle));
   return rv;
 }
 
@@ -462,7 +475,7 @@ CK_RV Module::DestroyObject(win::Ulong session, win::Ulong object) {
   // Seeing a private object is everybody's right, destroying it the user's.
   if (IsPrivateHandle(object) && !IsLoggedIn(session)) return CKR_USER_NOT_LOGGED_IN;
   CK_OBJECT_HANDLE native = 0;
-  if (const CK_RV rv = ToNativeObject(session, object, &native); rv != CKR_OK) return rv;
+  if (const CK_RV rv = ToNativeObject(*record, object, &native); rv != CKR_OK) return rv;
   return softhsm_->C_DestroyObject(session, native);
 }
 
@@ -472,9 +485,9 @@ CK_RV Module::GetAttributeValue(win::Ulong session, win::Ulong object, win::Attr
   if (attributes == nullptr) return CKR_ARGUMENTS_BAD;
   const BorrowedLogin login(*this, session, *record);
   CK_OBJECT_HANDLE native = 0;
-  if (const CK_RV rv = ToNativeObject(session, object, &native); rv != CKR_OK) return rv;
+  if (const CK_RV rv = ToNativeObject(*record, object, &native); rv != CKR_OK) return rv;
   AttributeRead read(attributes, count);
-  const CK_RV rv = softhsm_->C_GetAttributeValue(session, native, read.native().data(), read.native().size());
+  const CK_RV rv = softhsm_->C_GetAttributeValue(record->reading, native, read.native().data(), read.native().size());
   if (rv == CKR_OK || rv == CKR_ATTRIBUTE_SENSITIVE || rv == CKR_ATTRIBUTE_TYPE_INVALID || rv == CKR_BUFFER_TOO_SMALL) {
     read.HandOut();
   }
@@ -487,7 +500,7 @@ CK_RV Module::SetAttributeValue(win::Ulong session, win::Ulong object, const win
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
   if (IsPrivateHandle(object) && !IsLoggedIn(session)) return CKR_USER_NOT_LOGGED_IN;
   CK_OBJECT_HANDLE native_object = 0;
-  if (const CK_RV rv = ToNativeObject(session, object, &native_object); rv != CKR_OK) return rv;
+  if (const CK_RV rv = ToNativeObject(*record, object, &native_object); rv != CKR_OK) return rv;
   Template values;
   if (const CK_RV rv = values.Assign(attributes, count); rv != CKR_OK) return rv;
   auto native = values.Native();
@@ -504,11 +517,11 @@ CK_RV Module::FindObjectsInit(win::Ulong session, const win::Attribute* attribut
   // The whole search is made here: what it finds has to be described while the login is borrowed.
   const BorrowedLogin login(*this, session, *record);
   std::vector<CK_OBJECT_HANDLE> objects;
-  if (const CK_RV rv = Search(session, native, &objects); rv != CKR_OK) return rv;
+  if (const CK_RV rv = Search(*record, native, &objects); rv != CKR_OK) return rv;
   record->found.clear();
   record->next_found = 0;
   for (const auto object : objects) {
-    if (const auto handle = ToHandle(session, *record, object); handle != 0) record->found.push_back(handle);
+    if (const auto handle = ToHandle(*record, object); handle != 0) record->found.push_back(handle);
   }
   record->searching = true;
   return CKR_OK;
@@ -569,7 +582,7 @@ CK_RV Module::InitOperation(Operation operation, win::Ulong session, const win::
   if (const CK_RV rv = ToNative(mechanism, &native); rv != CKR_OK) return rv;
   if (IsPrivateHandle(key) && !IsLoggedIn(session)) return CKR_USER_NOT_LOGGED_IN;
   CK_OBJECT_HANDLE object = 0;
-  if (const CK_RV rv = ToNativeObject(session, key, &object); rv != CKR_OK) {
+  if (const CK_RV rv = ToNativeObject(*record, key, &object); rv != CKR_OK) {
     return rv == CKR_OBJECT_HANDLE_INVALID ? CKR_KEY_HANDLE_INVALID : rv;
   }
   // A new operation takes the place of one that was not finished.
@@ -592,7 +605,7 @@ CK_RV Module::InitOperation(Operation operation, win::Ulong session, const win::
       return CKR_ARGUMENTS_BAD;
   }
   if (rv == CKR_OK) record->operation = operation;
-  return rv;
+  return rv == CKR_OBJECT_HANDLE_INVALID ? CKR_KEY_HANDLE_INVALID : rv;
 }
 
 CK_RV Module::RunOperation(Operation operation, win::Ulong session, std::uint8_t* input, win::Ulong input_len,
@@ -642,8 +655,8 @@ CK_RV Module::GenerateKeyPair(win::Ulong session, const win::Mechanism* mechanis
       softhsm_->C_GenerateKeyPair(session, &native_mechanism, native_public.data(), native_public.size(),
                                   native_private.data(), native_private.size(), &public_handle, &private_handle);
   if (rv != CKR_OK) return rv;
-  win::Store(public_key, ToHandle(session, *record, public_handle));
-  win::Store(private_key, ToHandle(session, *record, private_handle));
+  win::Store(public_key, ToHandle(*record, public_handle));
+  win::Store(private_key, ToHandle(*record, private_handle));
   return CKR_OK;
 }
 

@@ -87,6 +87,7 @@ class Module {
   };
 
   struct Session {
+    CK_SESSION_HANDLE reading = 0;
     win::Ulong slot = 0;
     standins::Reader reader;
     std::string serial;
@@ -117,14 +118,14 @@ class Module {
   CK_RV FindSession(win::Ulong handle, Session** session);
   bool IsLoggedIn(win::Ulong session);
 
-  std::vector<std::uint8_t> ReadBytes(win::Ulong session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type);
-  PrivateObject Describe(win::Ulong session, const Session& record, CK_OBJECT_HANDLE native);
-  std::vector<CK_OBJECT_HANDLE> FindTwins(win::Ulong session, const PrivateObject& object);
-  bool IsPrivate(win::Ulong session, CK_OBJECT_HANDLE native);
-  win::Ulong ToHandle(win::Ulong session, const Session& record, CK_OBJECT_HANDLE native);
-  CK_RV ToNativeObject(win::Ulong session, win::Ulong handle, CK_OBJECT_HANDLE* native);
+  std::vector<std::uint8_t> ReadBytes(const Session& session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type);
+  PrivateObject Describe(const Session& session, CK_OBJECT_HANDLE native);
+  std::vector<CK_OBJECT_HANDLE> FindTwins(const Session& session, const PrivateObject& object);
+  bool IsPrivate(const Session& session, CK_OBJECT_HANDLE native);
+  win::Ulong ToHandle(const Session& session, CK_OBJECT_HANDLE native);
+  CK_RV ToNativeObject(const Session& session, win::Ulong handle, CK_OBJECT_HANDLE* native);
   bool IsPrivateHandle(win::Ulong handle) const;
-  CK_RV Search(win::Ulong session, std::vector<CK_ATTRIBUTE>& attributes, std::vector<CK_OBJECT_HANDLE>* found);
+  CK_RV Search(const Session& session, std::vector<CK_ATTRIBUTE>& attributes, std::vector<CK_OBJECT_HANDLE>* found);
 
   CK_RV TryPin(win::Ulong session, win::Ulong user, std::uint8_t* pin, win::Ulong pin_len, unsigned* left);
   void Abandon(win::Ulong session, Session& record);

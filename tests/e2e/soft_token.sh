@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# The stand-in token module on a real SoftHSM token: called from Windows code, looked at from the Linux side.
+source "$(dirname "$0")/common.sh"
+
+work=$BUILD/e2e-soft-token
+rm -rf "$work/out"
+mkdir -p "$work/app" "$work/out"
+cp "$BUILD/x64/bin/soft_token_driver.exe" "$BUILD/x64/standins/keldapkcs11.dll" "$work/app"
+export WINEDLLPATH=$BUILD/x64/standins
+
+environment=$("$ROOT/scripts/soft-token.sh" "$work/token" --reader "Norvale Reader 0=demo" \
+  --reader "Norvale Reader 1=victim" --reader "Norvale Reader 2" --key Key1 --key Twin:1024 --key Twin:1024 \
+  --key Doomed:1024)
+eval "$environment"
+KELDA_OUT=$(windows_path "$work/out")
+export KELDA_OUT
+serial_of_victim=$(pkcs11-tool --module "$softhsm" --list-token-slots |
+  awk '/token label/ { found = / victim$/ } found && /serial num/ { print $NF; exit }')
+echo "4 4" >"$work/token/tokens/tries-$serial_of_victim"
+openssl req -x509 -newkey rsa:2048 -nodes -keyout /dev/null -subj "/CN=Soft token" -outform DER \
+  -out "$work/out/certificate.der" 2>/dev/null
+
+start_display
+use_prefix x64 "$work/prefix"
+
+driver "$work/app/soft_token_driver.exe" SoftToken.UsesOneTryOfFour
+check "the tries left survive the process" grep -qx "3 4" "$work/token/tokens/tries-$serial_of_victim"
+driver "$work/app/soft_token_driver.exe" "-SoftToken.UsesOneTryOfFour:SoftToken.StaysLocked"
+check "the lock survives the process" grep -qx "0 4" "$work/token/tokens/tries-$serial_of_victim"
+driver "$work/app/soft_token_driver.exe" SoftToken.StaysLocked
+
+: >"$work/out/empty"
+check "the public key is readable on the Linux side" public_key_of demo Key1 "$work/out/key1.pem"
+check "openssl verifies the signature" openssl dgst -sha256 -verify "$work/out/key1.pem" \
+  -signature "$work/out/empty.sig" "$work/out/empty"
+
+# shows TYPE LABEL ID: pkcs11-tool lists such an object.
+listing=$work/out/objects.txt
+pkcs11-tool --module "$softhsm" --token-label demo --login --pin "$KELDA_PIN" --list-objects >"$listing" 2>/dev/null
+shows() {
+  awk -v type="$1" -v label="$2" -v id="$3" '
+    / Object;/ { kind = $0; name = "" }
+    /label:/ { name = $2 }
+    /ID:/ && index(kind, type) == 1 && name == label && $2 == id { found = 1 }
+    END { exit !found }' "$listing" || {
+    cat "$listing"
+    return 1
+  }
+}
+made=4d61646520686572652c2032302062797465732e
+copied=$(printf '5a%.0s' {1..64})$(printf '00%.0s' {1..64})
+check "the generated public key is on the token" shows "Public Key Object" Made "$made"
+check "the generated private key is on the token" shows "Private Key Object" Made "$made"
+check "the created public key is on the token" shows "Public Key Object" Copy "$copied"
+check "the certificate is on the token" shows "Certificate Object" Copy 4b657931
+check "the destroyed pair is gone" bash -c '! grep -q Doomed "$1"' - "$listing"
+check "the certificate is what was stored" bash -c \
+  'pkcs11-tool --module "$1" --token-label demo --read-object --type cert --id 4b657931 -o "$2.read" && cmp "$2" "$2.read"' \
+  - "$softhsm" "$work/out/certificate.der"

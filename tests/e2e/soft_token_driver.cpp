@@ -1,0 +1,558 @@
+// The token module keldapkcs11.dll on a real SoftHSM token, called as a Windows program calls it. Run by soft_token.sh,
+// which makes the tokens, lays the module beside this program and looks at the results from the Linux side.
+//
+// Its environment: KELDA_READERS (the reader file), KELDA_PIN, KELDA_OUT (a folder for results, as a Windows path).
+// The tests run in their order in one process; each leaves the token logged out and the reader file as it was.
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <p11-kit/pkcs11.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<CK_BYTE>;
+
+constexpr char kReaders[] = "Norvale Reader 0 = demo\nNorvale Reader 1 = victim\nNorvale Reader 2 =\n";
+
+constexpr std::array<CK_BYTE, 19> kSha256Prefix = {0x30, 0x31, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01,
+                                                   0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00, 0x04, 0x20};
+
+using CountedLogin = CK_RV (*)(CK_SESSION_HANDLE, CK_USER_TYPE, CK_UTF8CHAR*, CK_ULONG);
+
+std::string Environment(const char* name) {
+  const char* value = std::getenv(name);
+  return value == nullptr ? std::string() : value;
+}
+
+void WriteFile(const std::string& path, const Bytes& bytes) {
+  std::ofstream file(path, std::ios::binary);
+  std::copy(bytes.begin(), bytes.end(), std::ostreambuf_iterator<char>(file));
+}
+
+std::string Text(const CK_UTF8CHAR* text, std::size_t size) {
+  return {text, text + size};
+}
+
+std::string Padded(std::string text, std::size_t size) {
+  text.resize(size, ' ');
+  return text;
+}
+
+class SoftToken : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    const HMODULE module = LoadLibraryW(L"keldapkcs11.dll");
+    ASSERT_NE(module, nullptr) << GetLastError();
+    const auto get_list =
+        reinterpret_cast<CK_C_GetFunctionList>(reinterpret_cast<void*>(GetProcAddress(module, "C_GetFunctionList")));
+    ASSERT_NE(get_list, nullptr);
+    ASSERT_EQ(get_list(nullptr), CKR_ARGUMENTS_BAD);
+    ASSERT_EQ(get_list(&list_), CKR_OK);
+    // Behind the 68 standard entries and six reserved ones.
+    void* login = nullptr;
+    std::memcpy(&login, reinterpret_cast<const char*>(list_) + sizeof(CK_VERSION) + 74 * sizeof(void*), sizeof(login));
+    login_ = reinterpret_cast<CountedLogin>(login);
+    CK_ULONG count = 0;
+    EXPECT_EQ(list_->C_GetSlotList(CK_FALSE, nullptr, &count), CKR_CRYPTOKI_NOT_INITIALIZED);
+    ASSERT_EQ(list_->C_Initialize(nullptr), CKR_OK);
+    EXPECT_EQ(list_->C_Initialize(nullptr), CKR_CRYPTOKI_ALREADY_INITIALIZED);
+  }
+
+  void SetUp() override {
+    SetReaders(kReaders);
+    session_ = Open(0);
+  }
+
+  void TearDown() override {
+    SetReaders(kReaders);
+    list_->C_Logout(session_);
+    list_->C_CloseSession(session_);
+  }
+
+  // Replaces the reader file as a whole. The Linux path in the variable is one of drive Z.
+  static void SetReaders(const std::string& text) {
+    const std::string path = "Z:" + Environment("KELDA_READERS");
+    {
+      std::ofstream file(path + ".new", std::ios::binary);
+      file << text;
+    }
+    ASSERT_TRUE(MoveFileExA((path + ".new").c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING)) << GetLastError();
+  }
+
+  static CK_SESSION_HANDLE Open(CK_SLOT_ID slot) {
+    CK_SESSION_HANDLE session = 0;
+    EXPECT_EQ(list_->C_OpenSession(slot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session), CKR_OK);
+    return session;
+  }
+
+  static CK_RV Login(CK_SESSION_HANDLE session, std::string pin) {
+    return login_(session, CKU_USER, reinterpret_cast<CK_UTF8CHAR*>(pin.data()), static_cast<CK_ULONG>(pin.size()));
+  }
+
+  void LogIn() const { ASSERT_EQ(Login(session_, Environment("KELDA_PIN")), CKR_OK); }
+
+  std::vector<CK_OBJECT_HANDLE> Find(CK_OBJECT_CLASS object_class, const std::string& id = {}) const {
+    CK_BBOOL yes = CK_TRUE;
+    std::string value = id;
+    std::vector<CK_ATTRIBUTE> search{{CKA_TOKEN, &yes, 1}, {CKA_CLASS, &object_class, sizeof(object_class)}};
+    if (!id.empty()) search.push_back({CKA_ID, value.data(), static_cast<CK_ULONG>(value.size())});
+    EXPECT_EQ(list_->C_FindObjectsInit(session_, search.data(), static_cast<CK_ULONG>(search.size())), CKR_OK);
+    CK_ULONG count = 0;
+    EXPECT_EQ(list_->C_FindObjects(session_, nullptr, 1000, &count), CKR_OK);
+    std::vector<CK_OBJECT_HANDLE> objects(count + 1);
+    CK_ULONG found = 0;
+    EXPECT_EQ(list_->C_FindObjects(session_, objects.data(), 1000, &found), CKR_OK);
+    EXPECT_EQ(found, count);
+    objects.resize(found);
+    EXPECT_EQ(list_->C_FindObjects(session_, objects.data(), 1000, &found), CKR_OK);
+    EXPECT_EQ(found, 0u);
+    EXPECT_EQ(list_->C_FindObjectsFinal(session_), CKR_OK);
+    return objects;
+  }
+
+  CK_OBJECT_HANDLE FindOne(CK_OBJECT_CLASS object_class, const std::string& id) const {
+    const auto objects = Find(object_class, id);
+    EXPECT_EQ(objects.size(), 1u) << id;
+    return objects.empty() ? 0 : objects[0];
+  }
+
+  Bytes Read(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const {
+    CK_ATTRIBUTE attribute{type, nullptr, 0};
+    EXPECT_EQ(list_->C_GetAttributeValue(session_, object, &attribute, 1), CKR_OK) << type;
+    Bytes value(attribute.ulValueLen);
+    attribute.pValue = value.data();
+    EXPECT_EQ(list_->C_GetAttributeValue(session_, object, &attribute, 1), CKR_OK) << type;
+    return value;
+  }
+
+  CK_RV Begin(CK_RV (*init)(CK_SESSION_HANDLE, CK_MECHANISM*, CK_OBJECT_HANDLE), CK_OBJECT_HANDLE key) const {
+    CK_MECHANISM mechanism{CKM_RSA_PKCS, nullptr, 0};
+    return init(session_, &mechanism, key);
+  }
+
+  Bytes Sign(CK_OBJECT_HANDLE key, Bytes data) const {
+    EXPECT_EQ(Begin(list_->C_SignInit, key), CKR_OK);
+    Bytes signature(512);
+    auto size = static_cast<CK_ULONG>(signature.size());
+    EXPECT_EQ(list_->C_Sign(session_, data.data(), static_cast<CK_ULONG>(data.size()), signature.data(), &size),
+              CKR_OK);
+    signature.resize(size);
+    return signature;
+  }
+
+  static inline CK_FUNCTION_LIST* list_ = nullptr;
+  static inline CountedLogin login_ = nullptr;
+  CK_SESSION_HANDLE session_ = 0;
+};
+
+TEST_F(SoftToken, ReadersAreSlots) {
+  CK_ULONG count = 0;
+  ASSERT_EQ(list_->C_GetSlotList(CK_FALSE, nullptr, &count), CKR_OK);
+  ASSERT_EQ(count, 3u);
+  std::array<CK_SLOT_ID, 3> slots{};
+  count = 2;
+  EXPECT_EQ(list_->C_GetSlotList(CK_FALSE, slots.data(), &count), CKR_BUFFER_TOO_SMALL);
+  EXPECT_EQ(count, 3u);
+  ASSERT_EQ(list_->C_GetSlotList(CK_FALSE, slots.data(), &count), CKR_OK);
+  EXPECT_EQ(slots, (std::array<CK_SLOT_ID, 3>{0, 1, 2}));
+  ASSERT_EQ(list_->C_GetSlotList(CK_TRUE, slots.data(), &count), CKR_OK);
+  EXPECT_EQ(count, 2u);
+
+  CK_SLOT_INFO info{};
+  ASSERT_EQ(list_->C_GetSlotInfo(2, &info), CKR_OK);
+  EXPECT_EQ(Text(info.slotDescription, 64), Padded("Norvale Reader 2", 64));
+  EXPECT_EQ(info.flags, CKF_REMOVABLE_DEVICE | CKF_HW_SLOT);
+  ASSERT_EQ(list_->C_GetSlotInfo(0, &info), CKR_OK);
+  EXPECT_EQ(Text(info.slotDescription, 64), Padded("Norvale Reader 0", 64));
+  EXPECT_EQ(info.flags, CKF_REMOVABLE_DEVICE | CKF_HW_SLOT | CKF_TOKEN_PRESENT);
+  EXPECT_EQ(list_->C_GetSlotInfo(3, &info), CKR_SLOT_ID_INVALID);
+
+  CK_TOKEN_INFO token{};
+  EXPECT_EQ(list_->C_GetTokenInfo(2, &token), CKR_TOKEN_NOT_PRESENT);
+  CK_SESSION_HANDLE session = 0;
+  EXPECT_EQ(list_->C_OpenSession(2, CKF_SERIAL_SESSION, nullptr, nullptr, &session), CKR_TOKEN_NOT_PRESENT);
+}
+
+TEST_F(SoftToken, TokenTellsLabelAndSerial) {
+  CK_TOKEN_INFO demo{};
+  CK_TOKEN_INFO victim{};
+  ASSERT_EQ(list_->C_GetTokenInfo(0, &demo), CKR_OK);
+  ASSERT_EQ(list_->C_GetTokenInfo(1, &victim), CKR_OK);
+  EXPECT_EQ(Text(demo.label, 32), Padded("demo", 32));
+  EXPECT_EQ(Text(victim.label, 32), Padded("victim", 32));
+  EXPECT_NE(Text(demo.serialNumber, 16), Text(victim.serialNumber, 16));
+  EXPECT_NE(demo.flags & CKF_LOGIN_REQUIRED, 0u);
+  EXPECT_EQ(demo.flags & (CKF_USER_PIN_COUNT_LOW | CKF_USER_PIN_FINAL_TRY | CKF_USER_PIN_LOCKED), 0u);
+  EXPECT_EQ(demo.ulMinPinLen, 4u);
+}
+
+TEST_F(SoftToken, TokensComeAndGo) {
+  SetReaders("Norvale Reader 2 = demo\nNew reader\n");
+  CK_ULONG count = 4;
+  std::array<CK_SLOT_ID, 4> slots{};
+  ASSERT_EQ(list_->C_GetSlotList(CK_FALSE, slots.data(), &count), CKR_OK);
+  // A reader keeps its number; a new one gets a new number.
+  ASSERT_EQ(count, 2u);
+  EXPECT_EQ(slots[0], 2u);
+  EXPECT_EQ(slots[1], 3u);
+  EXPECT_EQ(list_->C_FindObjectsInit(session_, nullptr, 0), CKR_DEVICE_REMOVED);
+  EXPECT_EQ(list_->C_FindObjectsInit(session_, nullptr, 0), CKR_SESSION_HANDLE_INVALID);
+  const auto moved = Open(2);
+  EXPECT_EQ(list_->C_CloseSession(moved), CKR_OK);
+  EXPECT_EQ(list_->C_CloseSession(moved), CKR_SESSION_HANDLE_INVALID);
+}
+
+TEST_F(SoftToken, CountsWrongPins) {
+  const std::string pin = Environment("KELDA_PIN");
+  EXPECT_EQ(Login(session_, "000000"), 2u);
+  CK_TOKEN_INFO info{};
+  ASSERT_EQ(list_->C_GetTokenInfo(0, &info), CKR_OK);
+  EXPECT_NE(info.flags & CKF_USER_PIN_COUNT_LOW, 0u);
+  EXPECT_EQ(Login(session_, "1"), 1u);
+  ASSERT_EQ(list_->C_GetTokenInfo(0, &info), CKR_OK);
+  EXPECT_NE(info.flags & CKF_USER_PIN_FINAL_TRY, 0u);
+  EXPECT_EQ(login_(session_, CKU_SO, nullptr, 4), CKR_ARGUMENTS_BAD);
+  EXPECT_EQ(Login(session_ + 100, pin), CKR_SESSION_HANDLE_INVALID);
+  EXPECT_EQ(Login(session_, pin), CKR_OK);
+  EXPECT_EQ(Login(session_, "000000"), CKR_USER_ALREADY_LOGGED_IN);
+  EXPECT_EQ(list_->C_Logout(session_), CKR_OK);
+  EXPECT_EQ(list_->C_Logout(session_), CKR_USER_NOT_LOGGED_IN);
+  // The right PIN has given all tries back.
+  EXPECT_EQ(Login(session_, "000000"), 2u);
+  EXPECT_EQ(Login(session_, pin), CKR_OK);
+}
+
+// The script gives "victim" four tries, uses up one in a process before this one, and looks for the lock afterwards.
+TEST_F(SoftToken, LocksAtTheLastTry) {
+  const auto victim = Open(1);
+  EXPECT_EQ(Login(victim, "000000"), 2u);
+  EXPECT_EQ(list_->C_Login(victim, CKU_USER, nullptr, 0), CKR_ARGUMENTS_BAD);
+  std::string wrong = "000000";
+  EXPECT_EQ(list_->C_Login(victim, CKU_USER, reinterpret_cast<CK_UTF8CHAR*>(wrong.data()), 6), CKR_PIN_INCORRECT);
+  EXPECT_EQ(Login(victim, "000000"), CKR_PIN_LOCKED);
+  EXPECT_EQ(Login(victim, Environment("KELDA_PIN")), CKR_PIN_LOCKED);
+  CK_TOKEN_INFO info{};
+  ASSERT_EQ(list_->C_GetTokenInfo(1, &info), CKR_OK);
+  EXPECT_NE(info.flags & CKF_USER_PIN_LOCKED, 0u);
+  EXPECT_EQ(list_->C_CloseSession(victim), CKR_OK);
+}
+
+// Run on its own, in a process before all others.
+TEST_F(SoftToken, UsesOneTryOfFour) {
+  const auto victim = Open(1);
+  EXPECT_EQ(Login(victim, "000000"), 3u);
+  EXPECT_EQ(list_->C_CloseSession(victim), CKR_OK);
+}
+
+// Run on its own, in a process after all others.
+TEST_F(SoftToken, StaysLocked) {
+  const auto victim = Open(1);
+  EXPECT_EQ(Login(victim, Environment("KELDA_PIN")), CKR_PIN_LOCKED);
+  EXPECT_EQ(list_->C_CloseSession(victim), CKR_OK);
+}
+
+TEST_F(SoftToken, ShowsPrivateKeysToEverybodyAndGuardsTheirUse) {
+  const auto key = FindOne(CKO_PRIVATE_KEY, "Key1");
+  EXPECT_EQ(Read(key, CKA_ID), (Bytes{'K', 'e', 'y', '1'}));
+  EXPECT_EQ(Read(key, CKA_LABEL), (Bytes{'K', 'e', 'y', '1'}));
+  EXPECT_EQ(Begin(list_->C_SignInit, key), CKR_USER_NOT_LOGGED_IN);
+  EXPECT_EQ(Begin(list_->C_DecryptInit, key), CKR_USER_NOT_LOGGED_IN);
+  EXPECT_EQ(list_->C_DestroyObject(session_, key), CKR_USER_NOT_LOGGED_IN);
+  LogIn();
+  // The handle is the same before, during and after a login.
+  EXPECT_EQ(FindOne(CKO_PRIVATE_KEY, "Key1"), key);
+  EXPECT_EQ(Sign(key, Bytes(20, 1)).size(), 256u);
+  EXPECT_EQ(list_->C_Logout(session_), CKR_OK);
+  EXPECT_EQ(FindOne(CKO_PRIVATE_KEY, "Key1"), key);
+  EXPECT_EQ(Begin(list_->C_SignInit, key), CKR_USER_NOT_LOGGED_IN);
+  LogIn();
+  EXPECT_EQ(Sign(key, Bytes(20, 1)).size(), 256u);
+}
+
+TEST_F(SoftToken, TellsTwinsApart) {
+  // The script made two keys with the same identifier and label.
+  const auto twins = Find(CKO_PRIVATE_KEY, "Twin");
+  ASSERT_EQ(twins.size(), 2u);
+  EXPECT_NE(twins[0], twins[1]);
+  EXPECT_NE(Read(twins[0], CKA_MODULUS), Read(twins[1], CKA_MODULUS));
+}
+
+TEST_F(SoftToken, SearchesInSteps) {
+  CK_OBJECT_CLASS public_key = CKO_PUBLIC_KEY;
+  CK_ATTRIBUTE search{CKA_CLASS, &public_key, sizeof(public_key)};
+  const auto all = Find(CKO_PUBLIC_KEY);
+  ASSERT_GE(all.size(), 3u);
+  CK_OBJECT_HANDLE object = 0;
+  CK_ULONG count = 0;
+  EXPECT_EQ(list_->C_FindObjects(session_, &object, 1, &count), CKR_OPERATION_NOT_INITIALIZED);
+  ASSERT_EQ(list_->C_FindObjectsInit(session_, &search, 1), CKR_OK);
+  EXPECT_EQ(list_->C_FindObjectsInit(session_, &search, 1), CKR_OPERATION_ACTIVE);
+  EXPECT_EQ(list_->C_FindObjects(session_, nullptr, 1000, nullptr), CKR_ARGUMENTS_BAD);
+  EXPECT_EQ(list_->C_FindObjects(session_, nullptr, 2, &count), CKR_OK);
+  EXPECT_EQ(count, 2u);
+  for (const auto expected : all) {
+    EXPECT_EQ(list_->C_FindObjects(session_, &object, 1, &count), CKR_OK);
+    EXPECT_EQ(count, 1u);
+    EXPECT_EQ(object, expected);
+  }
+  EXPECT_EQ(list_->C_FindObjectsFinal(session_), CKR_OK);
+  EXPECT_EQ(list_->C_FindObjectsFinal(session_), CKR_OPERATION_NOT_INITIALIZED);
+  EXPECT_TRUE(Find(CKO_PUBLIC_KEY, "nobody").empty());
+}
+
+TEST_F(SoftToken, KeepsTheRulesForAttributeLengths) {
+  const auto key = FindOne(CKO_PUBLIC_KEY, "Key1");
+  std::array<CK_BYTE, 200> id{};
+  std::array<CK_BYTE, 200> label{};
+  CK_ULONG bits = 0;
+  std::array<CK_ATTRIBUTE, 3> read{
+      {{CKA_ID, id.data(), 200}, {CKA_LABEL, label.data(), 200}, {CKA_MODULUS_BITS, &bits, 4}}};
+  ASSERT_EQ(list_->C_GetAttributeValue(session_, key, read.data(), 3), CKR_OK);
+  EXPECT_EQ(read[0].ulValueLen, 4u);
+  EXPECT_EQ(Text(id.data(), 4), "Key1");
+  EXPECT_EQ(read[1].ulValueLen, 4u);
+  EXPECT_EQ(read[2].ulValueLen, 4u);
+  EXPECT_EQ(bits, 2048u);
+
+  read = {{{CKA_ID, nullptr, 0}, {CKA_CLASS, nullptr, 0}, {CKA_MODULUS_BITS, nullptr, 0}}};
+  ASSERT_EQ(list_->C_GetAttributeValue(session_, key, read.data(), 3), CKR_OK);
+  EXPECT_EQ(read[0].ulValueLen, 4u);
+  EXPECT_EQ(read[1].ulValueLen, 4u);
+  EXPECT_EQ(read[2].ulValueLen, 4u);
+
+  // Too little room, a value of another class, and a good one beside them.
+  bits = 0;
+  read = {{{CKA_ID, id.data(), 3}, {CKA_CERTIFICATE_TYPE, nullptr, 0}, {CKA_MODULUS_BITS, &bits, 4}}};
+  EXPECT_NE(list_->C_GetAttributeValue(session_, key, read.data(), 3), CKR_OK);
+  EXPECT_EQ(read[0].ulValueLen, 0xFFFFFFFFu);
+  EXPECT_EQ(read[1].ulValueLen, 0xFFFFFFFFu);
+  EXPECT_EQ(read[2].ulValueLen, 4u);
+  EXPECT_EQ(bits, 2048u);
+  read[0] = {CKA_MODULUS_BITS, &bits, 3};
+  EXPECT_EQ(list_->C_GetAttributeValue(session_, key, read.data(), 1), CKR_BUFFER_TOO_SMALL);
+  EXPECT_EQ(read[0].ulValueLen, 0xFFFFFFFFu);
+
+  LogIn();
+  read[0] = {CKA_PRIVATE_EXPONENT, nullptr, 0};
+  EXPECT_EQ(list_->C_GetAttributeValue(session_, FindOne(CKO_PRIVATE_KEY, "Key1"), read.data(), 1),
+            CKR_ATTRIBUTE_SENSITIVE);
+  EXPECT_EQ(read[0].ulValueLen, 0xFFFFFFFFu);
+  EXPECT_EQ(list_->C_GetAttributeValue(session_, 0, read.data(), 1), CKR_OBJECT_HANDLE_INVALID);
+}
+
+TEST_F(SoftToken, SignsWhatLinuxVerifies) {
+  LogIn();
+  const auto key = FindOne(CKO_PRIVATE_KEY, "Key1");
+  // The digest of nothing, wrapped; the script verifies the signature over an empty file.
+  Bytes digest_info(kSha256Prefix.begin(), kSha256Prefix.end());
+  const Bytes digest = {0xe3, 0xb0, 0xc4, 0x42, 0x98, 0xfc, 0x1c, 0x14, 0x9a, 0xfb, 0xf4, 0xc8, 0x99, 0x6f, 0xb9, 0x24,
+                        0x27, 0xae, 0x41, 0xe4, 0x64, 0x9b, 0x93, 0x4c, 0xa4, 0x95, 0x99, 0x1b, 0x78, 0x52, 0xb8, 0x55};
+  digest_info.insert(digest_info.end(), digest.begin(), digest.end());
+  auto signature = Sign(key, digest_info);
+  WriteFile(Environment("KELDA_OUT") + "\\empty.sig", signature);
+
+  const auto public_key = FindOne(CKO_PUBLIC_KEY, "Key1");
+  const auto size = static_cast<CK_ULONG>(signature.size());
+  const auto data_size = static_cast<CK_ULONG>(digest_info.size());
+  ASSERT_EQ(Begin(list_->C_VerifyInit, public_key), CKR_OK);
+  EXPECT_EQ(list_->C_Verify(session_, digest_info.data(), data_size, signature.data(), size), CKR_OK);
+  ASSERT_EQ(Begin(list_->C_VerifyInit, public_key), CKR_OK);
+  signature[0] ^= 1;
+  EXPECT_EQ(list_->C_Verify(session_, digest_info.data(), data_size, signature.data(), size), CKR_SIGNATURE_INVALID);
+  EXPECT_EQ(list_->C_Verify(session_, digest_info.data(), data_size, signature.data(), size),
+            CKR_OPERATION_NOT_INITIALIZED);
+}
+
+TEST_F(SoftToken, ANewOperationReplacesAnUnfinishedOne) {
+  LogIn();
+  const auto key = FindOne(CKO_PRIVATE_KEY, "Key1");
+  const auto public_key = FindOne(CKO_PUBLIC_KEY, "Key1");
+  Bytes data(20, 7);
+  Bytes output(256);
+  CK_ULONG size = 0;
+  // Size queries and short buffers leave the operation open...
+  ASSERT_EQ(Begin(list_->C_SignInit, key), CKR_OK);
+  EXPECT_EQ(list_->C_Sign(session_, data.data(), 20, nullptr, &size), CKR_OK);
+  EXPECT_EQ(size, 256u);
+  size = 255;
+  EXPECT_EQ(list_->C_Sign(session_, data.data(), 20, output.data(), &size), CKR_BUFFER_TOO_SMALL);
+  EXPECT_EQ(size, 256u);
+  EXPECT_EQ(list_->C_Sign(session_, data.data(), 20, output.data(), &size), CKR_OK);
+  // ...and are given up for the next one, of whatever kind.
+  const auto init = {list_->C_SignInit, list_->C_DecryptInit, list_->C_SignInit};
+  for (const auto begin : init)
+    ASSERT_EQ(Begin(begin, key), CKR_OK);
+  // Meanwhile the token can be searched and read.
+  ASSERT_EQ(Begin(list_->C_EncryptInit, public_key), CKR_OK);
+  EXPECT_EQ(FindOne(CKO_PRIVATE_KEY, "Key1"), key);
+  EXPECT_EQ(Read(key, CKA_LABEL).size(), 4u);
+  EXPECT_EQ(list_->C_Encrypt(session_, data.data(), 20, nullptr, &size), CKR_OK);
+  ASSERT_EQ(Begin(list_->C_VerifyInit, public_key), CKR_OK);
+  ASSERT_EQ(Begin(list_->C_EncryptInit, public_key), CKR_OK);
+  ASSERT_EQ(Begin(list_->C_DecryptInit, key), CKR_OK);
+  EXPECT_EQ(list_->C_Decrypt(session_, output.data(), 256, nullptr, &size), CKR_OK);
+  EXPECT_EQ(Sign(key, data).size(), 256u);
+}
+
+TEST_F(SoftToken, EncryptsAndDecrypts) {
+  LogIn();
+  const auto key = FindOne(CKO_PRIVATE_KEY, "Key1");
+  ASSERT_EQ(Begin(list_->C_EncryptInit, FindOne(CKO_PUBLIC_KEY, "Key1")), CKR_OK);
+  Bytes plain = {'s', 'e', 'c', 'r', 'e', 't'};
+  Bytes cipher(256);
+  CK_ULONG size = 256;
+  ASSERT_EQ(list_->C_Encrypt(session_, plain.data(), 6, cipher.data(), &size), CKR_OK);
+  ASSERT_EQ(size, 256u);
+  Bytes again(256);
+  ASSERT_EQ(Begin(list_->C_DecryptInit, key), CKR_OK);
+  ASSERT_EQ(list_->C_Decrypt(session_, cipher.data(), 256, again.data(), &size), CKR_OK);
+  again.resize(size);
+  EXPECT_EQ(again, plain);
+  CK_MECHANISM with_parameter{CKM_RSA_PKCS, plain.data(), 1};
+  EXPECT_EQ(list_->C_DecryptInit(session_, &with_parameter, key), CKR_MECHANISM_PARAM_INVALID);
+  EXPECT_EQ(Begin(list_->C_DecryptInit, key + 1000), CKR_KEY_HANDLE_INVALID);
+}
+
+// The templates are those of a program that lets the module fill in and ignore what the token knows better.
+TEST_F(SoftToken, GeneratesAPairFromAGenerousTemplate) {
+  LogIn();
+  CK_OBJECT_CLASS public_class = CKO_PUBLIC_KEY;
+  CK_OBJECT_CLASS private_class = CKO_PRIVATE_KEY;
+  CK_KEY_TYPE type = CKK_RSA;
+  CK_BBOOL yes = CK_TRUE;
+  CK_BBOOL no = CK_FALSE;
+  CK_ULONG bits = 1024;
+  std::array<CK_BYTE, 3> exponent = {1, 0, 1};
+  std::string id = "Made here, 20 bytes.";
+  std::string label = "Made";
+  std::vector<CK_ATTRIBUTE> public_values{{CKA_CLASS, &public_class, 4},
+                                          {CKA_MODIFIABLE, &yes, 1},
+                                          {CKA_KEY_TYPE, &type, 4},
+                                          {CKA_DERIVE, &no, 1},
+                                          {CKA_LOCAL, &yes, 1},
+                                          {CKA_TOKEN, &yes, 1},
+                                          {CKA_MODULUS, nullptr, 128},
+                                          {CKA_MODULUS_BITS, &bits, 4},
+                                          {CKA_PUBLIC_EXPONENT, exponent.data(), 3},
+                                          {CKA_ENCRYPT, &yes, 1},
+                                          {CKA_VERIFY, &yes, 1},
+                                          {CKA_VERIFY_RECOVER, &no, 1},
+                                          {CKA_WRAP, &no, 1},
+                                          {CKA_ID, id.data(), 20},
+                                          {CKA_LABEL, label.data(), 4}};
+  std::vector<CK_ATTRIBUTE> private_values{
+      {CKA_CLASS, &private_class, 4}, {CKA_MODIFIABLE, &yes, 1}, {CKA_PRIVATE, &yes, 1},
+      {CKA_TOKEN, &yes, 1},           {CKA_SENSITIVE, &no, 1},   {CKA_DERIVE, &no, 1},
+      {CKA_LOCAL, &yes, 1},           {CKA_DECRYPT, &yes, 1},    {CKA_SIGN, &yes, 1},
+      {CKA_SIGN_RECOVER, &no, 1},     {CKA_UNWRAP, &no, 1},      {CKA_ID, id.data(), 20},
+      {CKA_LABEL, label.data(), 4}};
+  CK_MECHANISM mechanism{CKM_RSA_PKCS_KEY_PAIR_GEN, nullptr, 0};
+  CK_OBJECT_HANDLE public_key = 0;
+  CK_OBJECT_HANDLE private_key = 0;
+  ASSERT_EQ(list_->C_GenerateKeyPair(session_, &mechanism, public_values.data(), 15, private_values.data(), 13,
+                                     &public_key, &private_key),
+            CKR_OK);
+  EXPECT_EQ(FindOne(CKO_PUBLIC_KEY, id), public_key);
+  EXPECT_EQ(FindOne(CKO_PRIVATE_KEY, id), private_key);
+  EXPECT_EQ(Read(public_key, CKA_MODULUS).size(), 128u);
+  EXPECT_EQ(Sign(private_key, Bytes(35, 3)).size(), 128u);
+  EXPECT_EQ(list_->C_Logout(session_), CKR_OK);
+  // Public keys are everybody's to see.
+  EXPECT_EQ(FindOne(CKO_PUBLIC_KEY, id), public_key);
+}
+
+TEST_F(SoftToken, CreatesPublicKeysAndCertificatesFromGenerousTemplates) {
+  LogIn();
+  const auto source = FindOne(CKO_PUBLIC_KEY, "Key1");
+  auto modulus = Read(source, CKA_MODULUS);
+  CK_OBJECT_CLASS key_class = CKO_PUBLIC_KEY;
+  CK_OBJECT_CLASS certificate_class = CKO_CERTIFICATE;
+  CK_BBOOL yes = CK_TRUE;
+  CK_BBOOL no = CK_FALSE;
+  CK_ULONG bits = 2048;
+  std::array<CK_BYTE, 4> exponent = {1, 0, 1, 0};
+  Bytes id(128, 0);
+  std::fill(id.begin(), id.begin() + 64, CK_BYTE{0x5A});
+  std::string label = "Copy";
+  std::vector<CK_ATTRIBUTE> values{{CKA_CLASS, &key_class, 4},
+                                   {CKA_TOKEN, &yes, 1},
+                                   {CKA_PRIVATE, &no, 1},
+                                   {CKA_MODIFIABLE, &yes, 1},
+                                   {CKA_EXTRACTABLE, &yes, 1},
+                                   {CKA_ID, id.data(), 128},
+                                   {CKA_PUBLIC_EXPONENT, exponent.data(), 4},
+                                   {CKA_MODULUS, modulus.data(), 256},
+                                   {CKA_MODULUS_BITS, &bits, 4},
+                                   {CKA_ENCRYPT, &yes, 1},
+                                   {CKA_VERIFY, &yes, 1},
+                                   {CKA_LABEL, label.data(), 4}};
+  CK_OBJECT_HANDLE key = 0;
+  ASSERT_EQ(list_->C_CreateObject(session_, values.data(), 12, &key), CKR_OK);
+  EXPECT_EQ(Read(key, CKA_ID), id);
+  EXPECT_EQ(Read(key, CKA_PUBLIC_EXPONENT), (Bytes{1, 0, 1}));
+
+  std::ifstream file(Environment("KELDA_OUT") + "\\certificate.der", std::ios::binary);
+  Bytes encoded((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  ASSERT_FALSE(encoded.empty());
+  Bytes name = {0x30, 0x00, 0x00};
+  Bytes serial = {0x01};
+  std::string certificate_id = "Key1";
+  std::vector<CK_ATTRIBUTE> certificate{{CKA_CLASS, &certificate_class, 4},
+                                        {CKA_TOKEN, &yes, 1},
+                                        {CKA_LABEL, label.data(), 4},
+                                        {CKA_VALUE, encoded.data(), static_cast<CK_ULONG>(encoded.size())},
+                                        {CKA_PRIVATE, &no, 1},
+                                        {CKA_MODIFIABLE, &yes, 1},
+                                        {CKA_EXTRACTABLE, &yes, 1},
+                                        {CKA_ID, certificate_id.data(), 4},
+                                        {CKA_OBJECT_ID, certificate_id.data(), 4},
+                                        {CKA_ISSUER, name.data(), 3},
+                                        {CKA_SERIAL_NUMBER, serial.data(), 1},
+                                        {CKA_SUBJECT, name.data(), 3}};
+  CK_OBJECT_HANDLE object = 0;
+  ASSERT_EQ(list_->C_CreateObject(session_, certificate.data(), 12, &object), CKR_OK);
+  EXPECT_EQ(FindOne(CKO_CERTIFICATE, "Key1"), object);
+  EXPECT_EQ(Read(object, CKA_VALUE), encoded);
+  // A number of the wrong length is the caller's mistake.
+  values[0].ulValueLen = 3;
+  EXPECT_EQ(list_->C_CreateObject(session_, values.data(), 12, &key), CKR_ATTRIBUTE_VALUE_INVALID);
+}
+
+TEST_F(SoftToken, DestroysObjects) {
+  LogIn();
+  const auto public_key = FindOne(CKO_PUBLIC_KEY, "Doomed");
+  const auto private_key = FindOne(CKO_PRIVATE_KEY, "Doomed");
+  EXPECT_EQ(list_->C_DestroyObject(session_, private_key), CKR_OK);
+  EXPECT_EQ(list_->C_DestroyObject(session_, public_key), CKR_OK);
+  EXPECT_EQ(list_->C_DestroyObject(session_, private_key), CKR_OBJECT_HANDLE_INVALID);
+  EXPECT_EQ(list_->C_DestroyObject(session_, 0), CKR_OBJECT_HANDLE_INVALID);
+  EXPECT_TRUE(Find(CKO_PUBLIC_KEY, "Doomed").empty());
+  EXPECT_TRUE(Find(CKO_PRIVATE_KEY, "Doomed").empty());
+}
+
+TEST_F(SoftToken, DrawsRandomBytesAndRefusesTheRest) {
+  Bytes first(64);
+  Bytes second(64);
+  EXPECT_EQ(list_->C_GenerateRandom(session_, first.data(), 64), CKR_OK);
+  EXPECT_EQ(list_->C_GenerateRandom(session_, second.data(), 64), CKR_OK);
+  EXPECT_NE(first, second);
+  EXPECT_EQ(list_->C_GenerateRandom(0, first.data(), 64), CKR_SESSION_HANDLE_INVALID);
+  EXPECT_EQ(list_->C_SeedRandom(session_, first.data(), 64), CKR_FUNCTION_NOT_SUPPORTED);
+  EXPECT_EQ(list_->C_WaitForSlotEvent(0, nullptr, nullptr), CKR_FUNCTION_NOT_SUPPORTED);
+  CK_SESSION_INFO info{};
+  ASSERT_EQ(list_->C_GetSessionInfo(session_, &info), CKR_OK);
+  EXPECT_EQ(info.slotID, 0u);
+  EXPECT_EQ(info.state, CKS_RW_PUBLIC_SESSION);
+}
+
+}  // namespace
