@@ -228,7 +228,10 @@ Slot& Module::AddSlot(std::string description, bool tokenPresent) {
   slot.description = std::move(description);
   slot.tokenPresent = tokenPresent;
   slot.label = "Token " + std::to_string(slots_.size());
-  slot.serial = "SERIAL" + std::to_string(slots_.size());
+  // Serial numbers never return within a process: what the provider remembers of a token stays with that token.
+  char serial[17];
+  std::snprintf(serial, sizeof serial, "NTW%06u", ++serialCounter_);
+  slot.serial = serial;
   slots_.push_back(std::move(slot));
   return slots_.back();
 }

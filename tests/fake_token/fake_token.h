@@ -86,7 +86,7 @@ class Module {
  public:
   Module();
 
-  // Forgets everything: no slot, object, session, recorded call or script.
+  // Forgets everything: no slot, object, session, recorded call or script. The count of serial numbers goes on.
   void Reset();
 
   // --- the model
@@ -171,6 +171,7 @@ class Module {
   std::uint8_t randomCounter_ = 0;
   CK_OBJECT_HANDLE nextObject_ = 0x101;
   CK_SESSION_HANDLE nextSession_ = 0x51;
+  unsigned serialCounter_ = 0;
   CK_RV functionListResult_ = CKR_OK;
 };
 

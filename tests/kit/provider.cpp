@@ -5,6 +5,8 @@
 #include <cwchar>
 #include <stdexcept>
 
+#include "kit/dialogs.h"
+
 namespace kit {
 namespace {
 
@@ -87,6 +89,11 @@ Provider& Provider::Get() {
 bool Provider::Load(Log::Mode mode) {
   Unload();
   Log::Get().Prepare(mode);
+  return LoadAsConfigured();
+}
+
+bool Provider::LoadAsConfigured() {
+  Unload();
   module_ = LoadLibraryW((ProgramFolder() + L"keldaksp.dll").c_str());
   loadError_ = module_ ? 0 : GetLastError();
   if (!module_) return false;
@@ -163,6 +170,18 @@ NCRYPT_KEY_HANDLE ProviderTest::OpenKey(NCRYPT_PROV_HANDLE provider, const wchar
   EXPECT_EQ(ksp().OpenKey(provider, &key, name, 0, 0), 0);
   Forget();
   return key;
+}
+
+void ProviderTest::CachePin(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key, const std::string& pin) {
+  BYTE hash[20] = {};
+  DWORD length = 0;
+  DialogRobot robot({[&](Dialog& dialog) {
+    dialog.Type(kPinField, std::wstring(pin.begin(), pin.end()));
+    dialog.PressOk();
+  }});
+  EXPECT_EQ(ksp().SignHash(provider, key, nullptr, hash, sizeof hash, nullptr, 0, &length, 0), 0);
+  EXPECT_EQ(robot.Finish(), 1u) << "the PIN is asked for once";
+  Forget();
 }
 
 void ProviderTest::ExpectLines(const std::vector<Line>& expected) {

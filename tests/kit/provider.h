@@ -29,6 +29,8 @@ class Provider {
 
   // Loads the DLL with the log in the given mode. On failure returns false with the last error kept in loadError().
   bool Load(Log::Mode mode);
+  // The same with the registry as it is.
+  bool LoadAsConfigured();
   void Unload();
   bool loaded() const { return module_ != nullptr; }
   DWORD loadError() const { return loadError_; }
@@ -64,6 +66,9 @@ class ProviderTest : public ::testing::Test {
   // Opens a provider silently and forgets lines and token calls of it.
   NCRYPT_PROV_HANDLE OpenProvider(DWORD flags = NCRYPT_SILENT_FLAG);
   NCRYPT_KEY_HANDLE OpenKey(NCRYPT_PROV_HANDLE provider, const wchar_t* name);
+  // Makes the provider know the PIN of the provider handle's token: a size query of a signature whose PIN dialog is
+  // answered. From then on the token needs no dialog.
+  void CachePin(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key, const std::string& pin = "1234");
   // Forgets lines, token calls and registry reads.
   void Forget();
 

@@ -20,7 +20,8 @@ void CopyTree(HKEY from, HKEY to) {
     HKEY source = nullptr;
     HKEY target = nullptr;
     if (RegOpenKeyExW(from, name, 0, KEY_READ, &source) != ERROR_SUCCESS) continue;
-    if (RegCreateKeyExW(to, name, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &target, nullptr) == ERROR_SUCCESS) {
+    if (RegCreateKeyExW(to, name, 0, nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS, nullptr, &target, nullptr) ==
+        ERROR_SUCCESS) {
       CopyTree(source, target);
       RegCloseKey(target);
     }
@@ -52,7 +53,8 @@ void DeleteTree(HKEY parent, const wchar_t* name) {
 class OpenedKey {
  public:
   OpenedKey(HKEY root, const wchar_t* name) {
-    Check(RegCreateKeyExW(root, name, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key_, nullptr), "RegCreateKeyEx");
+    Check(RegCreateKeyExW(root, name, 0, nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS, nullptr, &key_, nullptr),
+          "RegCreateKeyEx");
   }
   ~OpenedKey() { RegCloseKey(key_); }
   OpenedKey(const OpenedKey&) = delete;

@@ -1,0 +1,137 @@
+// The load of the token module, which is part of the load of the provider.
+#include <string>
+
+#include "kit/process.h"
+#include "kit/provider.h"
+
+namespace {
+
+using kit::Line;
+using kit::Log;
+using kit::Provider;
+
+class CryptokiModuleTest : public kit::ProviderTest {
+ protected:
+  void TearDown() override {
+    Provider::Get().Unload();  // the next test loads anew
+    kit::ProviderTest::TearDown();
+  }
+  static bool Reload() {
+    Provider::Get().Unload();
+    Log::Get().Drop();
+    Log::Get().TakeWideLines();
+    fake::Token().ClearCalls();
+    return Provider::Get().Load(Log::Mode::Tagged);
+  }
+};
+
+Line Module(const char* text) {
+  return {kit::kModuleLog, text};
+}
+
+const std::vector<Line> kLoaded{Module("PKCS#11 library loaded successfully"), Module("Get Function List success"),
+                                Module("Load Function List success"), Module("PKCS#11 library function list retrieved"),
+                                Module("PKCS#11 library initialized successfully")};
+
+// The lines of the load: GetKeyStorageInterface, which the kit calls, follows them.
+std::vector<Line> LoadLines() {
+  std::vector<Line> lines = Log::Get().Take();
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    if (lines[i].text == kit::kBanner) lines.resize(i);
+  }
+  return lines;
+}
+
+TEST_F(CryptokiModuleTest, LoadsListsAndInitialisesTheModule) {
+  ASSERT_TRUE(Reload());
+  EXPECT_TRUE(kit::SameLines(kLoaded, LoadLines()));
+  ExpectCalls({"C_Initialize(NULL)"});
+}
+
+TEST_F(CryptokiModuleTest, AcceptsAModuleThatIsInitialisedAlready) {
+  token().Fail("C_Initialize", 0x191);
+  ASSERT_TRUE(Reload());
+  EXPECT_TRUE(kit::SameLines(kLoaded, LoadLines()));
+  EXPECT_EQ(Provider::Get().table != nullptr, true);
+}
+
+TEST_F(CryptokiModuleTest, AnyOtherResultOfInitializeFailsTheLoad) {
+  for (const CK_RV code : {CK_RV{1}, CK_RV{5}, CK_RV{0x190}, CK_RV{0x192}, CK_RV{0x80000191}}) {
+    token().Fail("C_Initialize", code);
+    EXPECT_FALSE(Reload());
+    EXPECT_EQ(Provider::Get().loadError(), DWORD{ERROR_DLL_INIT_FAILED});
+    std::vector<Line> expected = kLoaded;
+    expected.back() = Module("Failed to intialize PKCS middleware.");
+    KIT_EXPECT_LINES(expected);
+    ExpectCalls({"C_Initialize(NULL)"});
+  }
+}
+
+TEST_F(CryptokiModuleTest, AFailedLoadIsRetriedByTheNextLoadOnly) {
+  token().Fail("C_Initialize", 5);
+  EXPECT_FALSE(Reload());
+  EXPECT_TRUE(Reload());
+}
+
+TEST_F(CryptokiModuleTest, FailingFunctionListFailsTheLoad) {
+  token().SetFunctionListResult(0x30);
+  kit::LoadTokenModule(kit::TokenModule::Working);
+  EXPECT_FALSE(Reload());
+  EXPECT_EQ(Provider::Get().loadError(), DWORD{ERROR_DLL_INIT_FAILED});
+  KIT_EXPECT_LINES(std::vector<Line>{Module("PKCS#11 library loaded successfully"), Module("Get Function List success"),
+                                     Module("Failed to load function list"),
+                                     Module("Failed to retrieve middleware function list.")});
+  ExpectCalls({});
+  token().SetFunctionListResult(CKR_OK);
+  kit::LoadTokenModule(kit::TokenModule::Working);
+}
+
+TEST_F(CryptokiModuleTest, IsNeitherFinalisedNorFreedWhenTheProviderIsUnloaded) {
+  const HMODULE module = GetModuleHandleW(L"keldapkcs11.dll");
+  ASSERT_NE(module, nullptr);
+  token().ClearCalls();
+  Provider::Get().Unload();
+  ExpectCalls({});
+  EXPECT_EQ(GetModuleHandleW(L"keldapkcs11.dll"), module);
+}
+
+TEST_F(CryptokiModuleTest, ConstructsItsObjectsInOrder) {
+  ASSERT_TRUE(Reload());
+  EXPECT_EQ(Log::Get().InstancesConstructed(), 5);
+  const std::wstring enter = L"DebugClass ctor - Enter";
+  const std::wstring exit = L"DebugClass ctor - Exit";
+  EXPECT_EQ(Log::Get().TakeWideLines(),
+            (std::vector<std::wstring>{enter, exit, enter, exit, enter, exit, L"PinManager ctor - Entry", enter, exit,
+                                       L"PinManager ctor - Exit", enter, exit}));
+}
+
+// In a child of its own, since this process has the module loaded for good.
+int ReportLoad(kit::TokenModule kind) {
+  kit::LoadTokenModule(kind);
+  const bool loaded = Provider::Get().Load(Log::Mode::Tagged);
+  kit::Print(loaded ? "loaded" : "failed " + std::to_string(Provider::Get().loadError()));
+  for (const Line& line : Log::Get().Take())
+    kit::Print(std::to_string(line.instance) + " " + line.text);
+  kit::Print("constructed " + std::to_string(Log::Get().InstancesConstructed()));
+  return 0;
+}
+
+const kit::Scenario kMissing("missing_module", [] { return ReportLoad(kit::TokenModule::None); });
+const kit::Scenario kWithoutList("module_without_list", [] { return ReportLoad(kit::TokenModule::WithoutList); });
+
+TEST_F(CryptokiModuleTest, MissingModuleFailsTheLoad) {
+  const kit::ChildResult child = kit::RunChild("missing_module");
+  EXPECT_EQ(child.exitCode, 0u);
+  EXPECT_EQ(child.lines,
+            (std::vector<std::string>{"failed 1114", "3 Failed to load PKCS#11 Library.", "", "constructed 3"}));
+}
+
+TEST_F(CryptokiModuleTest, ModuleWithoutFunctionListFailsTheLoad) {
+  const kit::ChildResult child = kit::RunChild("module_without_list");
+  EXPECT_EQ(child.exitCode, 0u);
+  EXPECT_EQ(child.lines, (std::vector<std::string>{"failed 1114", "3 PKCS#11 library loaded successfully",
+                                                   "3 Failed to get function list",
+                                                   "3 Failed to retrieve middleware function list.", "constructed 3"}));
+}
+
+}  // namespace

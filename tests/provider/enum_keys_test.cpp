@@ -1,0 +1,215 @@
+// EnumKeys: the walk over the key object list and what it hands out.
+#include <algorithm>
+#include <string>
+
+#include "kit/provider.h"
+
+namespace {
+
+using fake::Ascii;
+using kit::Frame;
+using kit::Hex32;
+using kit::KeyName;
+using kit::Line;
+using kit::Number;
+using kit::Pointer32;
+
+class EnumKeysTest : public kit::ProviderTest {
+ protected:
+  void SetUp() override {
+    kit::ProviderTest::SetUp();
+    AddReader();
+    provider_ = OpenProvider();
+  }
+  void TearDown() override {
+    if (name_) ksp().FreeBuffer(name_);
+    if (state_) ksp().FreeBuffer(state_);
+    ksp().FreeProvider(provider_);
+    kit::ProviderTest::TearDown();
+  }
+  SECURITY_STATUS Next(DWORD flags = 0) { return ksp().EnumKeys(provider_, nullptr, &name_, &state_, flags); }
+  std::vector<Line> Arguments(NCRYPT_PROV_HANDLE provider, const void* name, const void* state, DWORD flags) const {
+    return {Hex32("hProvider   : ", provider), "pszScope    : NULL", Pointer32("ppKeyName   : ", name),
+            Pointer32("ppEnumState : ", state), Hex32("dwFlags     : ", flags)};
+  }
+  // Lines after the arguments, without the exit lines.
+  static std::vector<Line> Body() {
+    const std::vector<Line> all = kit::Log::Get().Take();
+    return all.size() < 9 ? all : std::vector<Line>(all.begin() + 7, all.end() - 2);
+  }
+
+  NCRYPT_PROV_HANDLE provider_ = 0;
+  NCryptKeyName* name_ = nullptr;
+  PVOID state_ = nullptr;
+};
+
+TEST_F(EnumKeysTest, WalksTheListInOrder) {
+  token().AddKeyPair(Ascii("First"), "");
+  token().AddKeyPair(Ascii("Second"), "");
+  for (const wchar_t* expected : {L"First", L"Second"}) {
+    ASSERT_EQ(Next(), 0);
+    ASSERT_NE(name_, nullptr);
+    EXPECT_STREQ(name_->pszName, expected);
+    EXPECT_STREQ(name_->pszAlgid, L"RSA");
+    EXPECT_EQ(name_->dwLegacyKeySpec, 0u);
+    EXPECT_EQ(name_->dwFlags, 0u);
+    EXPECT_EQ(ksp().FreeBuffer(name_), 0);
+    name_ = nullptr;
+  }
+  EXPECT_EQ(static_cast<kit::EnumState*>(state_)->index, 2u);
+  EXPECT_EQ(Next(), NTE_NO_MORE_ITEMS);
+  EXPECT_EQ(name_, nullptr);
+  EXPECT_NE(state_, nullptr) << "the end of an enumeration leaves the caller's state";
+  EXPECT_EQ(Next(), NTE_NO_MORE_ITEMS);
+}
+
+TEST_F(EnumKeysTest, LogsTheFirstStep) {
+  token().AddKeyPair(Ascii("First"), "");
+  ASSERT_EQ(Next(NCRYPT_SILENT_FLAG), 0);
+  std::vector<Line> lines = kit::Log::Get().Take();
+  // The list is built between the lines compared here.
+  const auto first = std::find(lines.begin(), lines.end(), KeyName("InitializeObjectList - Entry"));
+  const auto last = std::find(lines.begin(), lines.end(), KeyName("InitializeObjectList - Exit"));
+  ASSERT_NE(last, lines.end());
+  lines.erase(first, last + 1);
+  std::vector<Line> expected = Arguments(provider_, &name_, &state_, NCRYPT_SILENT_FLAG);
+  for (const Line& line :
+       {Line("EnumState is null"), KeyName("ReadKeyNameFromKeyObjectList - Entry"), Number("EnumState index = ", 0),
+        KeyName("KeyName = First"), KeyName("ReadKeyNameFromKeyObjectList - Exit")}) {
+    expected.push_back(line);
+  }
+  EXPECT_TRUE(kit::SameLines(Frame("KELDAKSPEnumKeys", expected, 0), lines));
+}
+
+TEST_F(EnumKeysTest, LaterStepsDoNotAskTheToken) {
+  token().AddKeyPair(Ascii("First"), "");
+  token().AddKeyPair(Ascii("Second"), "");
+  ASSERT_EQ(Next(), 0);
+  ksp().FreeBuffer(name_);
+  name_ = nullptr;
+  Forget();
+  ASSERT_EQ(Next(), 0);
+  std::vector<Line> expected = Arguments(provider_, &name_, &state_, 0);
+  for (const Line& line :
+       {Line("EnumState is initialized"), KeyName("ReadKeyNameFromKeyObjectList - Entry"),
+        Number("EnumState index = ", 1), KeyName("KeyName = Second"), KeyName("ReadKeyNameFromKeyObjectList - Exit")}) {
+    expected.push_back(line);
+  }
+  ExpectLines(Frame("KELDAKSPEnumKeys", expected, 0));
+  ExpectCalls({});
+}
+
+TEST_F(EnumKeysTest, EndOfTheListIsLogged) {
+  token().AddKeyPair(Ascii("First"), "");
+  ASSERT_EQ(Next(), 0);
+  Forget();
+  NCryptKeyName* const handedOut = name_;
+  EXPECT_EQ(Next(), NTE_NO_MORE_ITEMS);
+  EXPECT_EQ(name_, handedOut) << "the caller's pointers are untouched";
+  std::vector<Line> expected = Arguments(provider_, &name_, &state_, 0);
+  for (const Line& line : {Line("EnumState is initialized"), KeyName("ReadKeyNameFromKeyObjectList - Entry"),
+                           Number("EnumState index = ", 1), KeyName("NTE_NO_MORE_ITEMS"),
+                           KeyName("ReadKeyNameFromKeyObjectList - Exit")}) {
+    expected.push_back(line);
+  }
+  ExpectLines(Frame("KELDAKSPEnumKeys", expected, NTE_NO_MORE_ITEMS));
+}
+
+TEST_F(EnumKeysTest, EmptyTokenLeavesThePointers) {
+  auto* const garbage = reinterpret_cast<NCryptKeyName*>(&state_);
+  name_ = garbage;
+  EXPECT_EQ(Next(), NTE_NO_MORE_ITEMS);
+  EXPECT_EQ(name_, garbage);
+  EXPECT_EQ(state_, nullptr) << "the state made for an empty list is not handed out";
+  name_ = nullptr;
+}
+
+TEST_F(EnumKeysTest, ScopeIsIgnored) {
+  token().AddKeyPair(Ascii("First"), "");
+  ASSERT_EQ(ksp().EnumKeys(provider_, L"a scope", &name_, &state_, 0), 0);
+  const std::vector<Line> lines = kit::Log::Get().Take();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), Line("pszScope    : NULL")), 1);
+}
+
+TEST_F(EnumKeysTest, ChecksInOrder) {
+  EXPECT_EQ(ksp().EnumKeys(0, nullptr, nullptr, nullptr, 0xFFFFFFFF), NTE_INVALID_HANDLE);
+  std::vector<Line> expected = Arguments(0, nullptr, nullptr, 0xFFFFFFFF);
+  expected.emplace_back("NTE_INVALID_HANDLE: pProvider == NULL");
+  ExpectLines(Frame("KELDAKSPEnumKeys", expected, NTE_INVALID_HANDLE));
+
+  const Line missing = "NTE_INVALID_PARAMETER: ppKeyName == NULL || ppEnumState == NULL";
+  EXPECT_EQ(ksp().EnumKeys(provider_, nullptr, nullptr, &state_, 0xFFFFFFFF), NTE_INVALID_PARAMETER);
+  EXPECT_EQ(Body(), std::vector<Line>{missing});
+  EXPECT_EQ(ksp().EnumKeys(provider_, nullptr, &name_, nullptr, 0xFFFFFFFF), NTE_INVALID_PARAMETER);
+  EXPECT_EQ(Body(), std::vector<Line>{missing});
+  EXPECT_EQ(Next(0xFFFFFFFF), NTE_BAD_FLAGS);
+  EXPECT_EQ(Body(),
+            std::vector<Line>{"NTE_BAD_FLAGS: ((dwFlags & ~(NCRYPT_MACHINE_KEY_FLAG | NCRYPT_SILENT_FLAG)) != 0) "});
+  EXPECT_EQ(Next(0x20), NTE_NOT_SUPPORTED);
+  EXPECT_EQ(Body(), std::vector<Line>{"NTE_NOT_SUPPORTED:  (dwFlags & NCRYPT_MACHINE_KEY_FLAG) "});
+  ExpectCalls({});
+}
+
+TEST_F(EnumKeysTest, FailingListIsReported) {
+  token().Fail("C_FindObjectsInit", CKR_DEVICE_ERROR);
+  EXPECT_EQ(Next(), NTE_INTERNAL_ERROR);
+  EXPECT_EQ(state_, nullptr);
+  const std::vector<Line> lines = kit::Log::Get().Take();
+  const auto error =
+      std::find_if(lines.begin(), lines.end(), [](const Line& line) { return line.text == "LoadTokenKeys error "; });
+  EXPECT_NE(error, lines.end());
+}
+
+TEST_F(EnumKeysTest, AllocationsComeFromTheStatedHeaps) {
+  token().AddKeyPair(Ascii("First"), "");
+  SIZE_T algorithmName = 0;
+  HANDLE heap = nullptr;
+  const kit::Hook<"HeapAlloc", decltype(&HeapAlloc)> hook([&](auto original, HANDLE from, DWORD flags, SIZE_T size) {
+    heap = from;
+    algorithmName = size;
+    return original(from, flags, size);
+  });
+  ASSERT_EQ(Next(), 0);
+  EXPECT_EQ(algorithmName, 8u);
+  EXPECT_EQ(heap, GetProcessHeap());
+}
+
+TEST_F(EnumKeysTest, FailingAllocationsDoNotAdvance) {
+  token().AddKeyPair(Ascii("First"), "");
+  token().AddKeyPair(Ascii("Second"), "");
+  ASSERT_EQ(Next(), 0);
+  ksp().FreeBuffer(name_);
+  name_ = nullptr;
+  {
+    kit::MemoryWatch watch;
+    watch.FailWhen([](std::size_t size, std::size_t) { return size == sizeof(NCryptKeyName); });
+    EXPECT_EQ(Next(), NTE_NO_MEMORY);
+    watch.FailWhen([](std::size_t size, std::size_t) { return size == 7 * sizeof(wchar_t); });
+    EXPECT_EQ(Next(), NTE_NO_MEMORY);
+    watch.FailWhen([](std::size_t size, std::size_t) { return size == 8; });
+    EXPECT_EQ(Next(), NTE_NO_MEMORY);
+  }
+  EXPECT_EQ(name_, nullptr);
+  EXPECT_EQ(static_cast<kit::EnumState*>(state_)->index, 1u);
+  ASSERT_EQ(Next(), 0);
+  EXPECT_STREQ(name_->pszName, L"Second");
+}
+
+TEST_F(EnumKeysTest, EntryWithoutNameDoesNoHarm) {
+  token().AddPublicKey({}, "label");
+  const SECURITY_STATUS status = Next();
+  if (status == 0) {
+    EXPECT_TRUE(name_->pszName == nullptr || *name_->pszName == 0);
+  }
+}
+
+TEST_F(EnumKeysTest, NamesAreThoseThatOpenKeyFinds) {
+  token().AddKeyPair(Ascii("First"), "");
+  ASSERT_EQ(Next(), 0);
+  const NCRYPT_KEY_HANDLE key = OpenKey(provider_, name_->pszName);
+  ASSERT_NE(key, 0u);
+  EXPECT_EQ(kit::KeyOf(key)->dwMagic, kit::kKeyMagic);
+  ksp().FreeKey(provider_, key);
+}
+
+}  // namespace

@@ -1,0 +1,123 @@
+// FreeProvider: what it releases, in which order, and what it leaves.
+#include <algorithm>
+#include <string>
+
+#include "kit/provider.h"
+
+namespace {
+
+using kit::Frame;
+using kit::Hex32;
+using kit::kProviderName;
+using kit::Line;
+
+class FreeProviderTest : public kit::ProviderTest {
+ protected:
+  static std::vector<Line> Lines(NCRYPT_PROV_HANDLE handle, std::vector<Line> body, LONG status) {
+    body.insert(body.begin(), Hex32("hProvider : ", handle));
+    return Frame("KELDAKSPFreeProvider", body, status);
+  }
+  static std::vector<Line> Steps() {
+    return {"Deleting PIN cache",        "Deleting key object list", "Deleting KSP name",
+            "Deleting provider context", "Deleting reader name",     "Closing cryptographic session"};
+  }
+};
+
+TEST_F(FreeProviderTest, ClosesTheSession) {
+  AddReader();
+  const NCRYPT_PROV_HANDLE provider = OpenProvider();
+  EXPECT_EQ(ksp().FreeProvider(provider), 0);
+  ExpectLines(Lines(provider, Steps(), 0));
+  ExpectCalls({"C_CloseSession(session=0x51)"});
+  EXPECT_TRUE(kit::Registry::Get().TakeReads().empty());
+}
+
+TEST_F(FreeProviderTest, ReleasesWhatTheRecordOwnsAndWipesTheRecord) {
+  AddReader();
+  token().AddKeyPair(fake::Ascii("Key1"), "label");
+  kit::MemoryWatch watch;
+  const NCRYPT_PROV_HANDLE provider = OpenProvider();
+  const NCRYPT_KEY_HANDLE key = OpenKey(provider, L"Key1");
+  ksp().FreeKey(provider, key);
+  wchar_t context[] = L"context";
+  EXPECT_EQ(ksp().SetProviderProperty(provider, L"Use Context", reinterpret_cast<PBYTE>(context), sizeof context, 0),
+            0);
+  const kit::ProviderRecord record = *kit::RecordOf(provider);
+  EXPECT_EQ(ksp().FreeProvider(provider), 0);
+  EXPECT_TRUE(watch.WasFreed(record.pszName));
+  EXPECT_TRUE(watch.WasFreed(record.pszReader));
+  EXPECT_TRUE(watch.WasFreed(record.pContext));
+  EXPECT_TRUE(watch.WasFreed(record.pKeyObjects));
+  EXPECT_FALSE(watch.WasFreed(record.pLock)) << "the lock's block is kept";
+  bool wiped = false;
+  for (const kit::FreedBlock& block : watch.Freed()) {
+    if (block.address != kit::RecordOf(provider)) continue;
+    EXPECT_GE(block.contents.size(), record.cbLength);
+    wiped = std::all_of(block.contents.begin(), block.contents.begin() + record.cbLength,
+                        [](std::uint8_t byte) { return byte == 0; });
+  }
+  EXPECT_TRUE(wiped) << "the whole record is zero when it is freed";
+}
+
+TEST_F(FreeProviderTest, RefusesWhatIsNoRecord) {
+  EXPECT_EQ(ksp().FreeProvider(0), NTE_INVALID_HANDLE);
+  ExpectLines(Lines(0, {"NTE_INVALID_HANDLE: pProvider is NULL"}, NTE_INVALID_HANDLE));
+
+  AddReader();
+  const NCRYPT_PROV_HANDLE provider = OpenProvider();
+  kit::ProviderRecord* record = kit::RecordOf(provider);
+  kit::MemoryWatch watch;
+  record->signature[3] = 'B';
+  EXPECT_EQ(ksp().FreeProvider(provider), NTE_INVALID_HANDLE);
+  ExpectLines(Lines(provider, {"NTE_INVALID_HANDLE: pProvider is NULL"}, NTE_INVALID_HANDLE));
+  record->signature[3] = 'A';
+  const ULONG length = record->cbLength;
+  record->cbLength = sizeof *record - 1;
+  EXPECT_EQ(ksp().FreeProvider(provider), NTE_INVALID_HANDLE);
+  ExpectCalls({});
+  EXPECT_FALSE(watch.WasFreed(record->pszName));
+  EXPECT_FALSE(watch.WasFreed(record));
+  record->cbLength = length;
+  EXPECT_EQ(ksp().FreeProvider(provider), 0);
+}
+
+TEST_F(FreeProviderTest, AcceptsALargerRecordAndOneOfExactSize) {
+  AddReader();
+  const NCRYPT_PROV_HANDLE provider = OpenProvider();
+  kit::RecordOf(provider)->cbLength = sizeof(kit::ProviderRecord);
+  EXPECT_EQ(ksp().FreeProvider(provider), 0);
+}
+
+TEST_F(FreeProviderTest, FailingCloseKeepsTheRecord) {
+  AddReader();
+  const NCRYPT_PROV_HANDLE provider = OpenProvider();
+  kit::MemoryWatch watch;
+  token().Fail("C_CloseSession", CKR_DEVICE_ERROR);
+  EXPECT_EQ(ksp().FreeProvider(provider), NTE_INTERNAL_ERROR);
+  std::vector<Line> body = Steps();
+  body.emplace_back("NTE_INTERNAL_ERROR: An internal error occured");
+  ExpectLines(Lines(provider, body, NTE_INTERNAL_ERROR));
+  EXPECT_FALSE(watch.WasFreed(kit::RecordOf(provider)));
+  // The members are gone, the record is still one: a second call tries the session again.
+  EXPECT_EQ(ksp().FreeProvider(provider), 0);
+}
+
+TEST_F(FreeProviderTest, WipesThePinCacheOfTheRecord) {
+  AddReader();
+  const NCRYPT_PROV_HANDLE provider = OpenProvider();
+  // Attached as the provider itself attaches it: from the allocator that all its blocks come from.
+  kit::ProviderRecord* record = kit::RecordOf(provider);
+  auto* pin = static_cast<wchar_t*>(std::malloc(4 * sizeof(wchar_t)));
+  ASSERT_NE(pin, nullptr);
+  for (int i = 0; i < 4; ++i)
+    pin[i] = static_cast<wchar_t>(L'1' + i);
+  record->pPinCache = pin;
+  record->cchPinCache = 4;
+  kit::MemoryWatch watch;
+  EXPECT_EQ(ksp().FreeProvider(provider), 0);
+  EXPECT_TRUE(watch.WasFreed(pin));
+  EXPECT_FALSE(watch.FreedContainsWide("1234"));
+  EXPECT_FALSE(watch.FreedContainsWide("34"));
+}
+
+}  // namespace

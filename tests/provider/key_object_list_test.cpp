@@ -1,0 +1,376 @@
+// The key object list: the token's keys, paired by identifier, as enumeration and lookup by name see them.
+#include <algorithm>
+#include <string>
+
+#include "kit/provider.h"
+
+namespace {
+
+using fake::Ascii;
+using fake::Bytes;
+using kit::Dump;
+using kit::Hex32;
+using kit::KeyName;
+using kit::Line;
+using kit::Number;
+
+const char kSearchPublic[] = "C_FindObjectsInit(session=0x51, {CKA_TOKEN=01, CKA_CLASS=02000000})";
+const char kSearchPrivate[] = "C_FindObjectsInit(session=0x51, {CKA_TOKEN=01, CKA_CLASS=03000000})";
+const char kCount[] = "C_FindObjects(session=0x51, objects=NULL, maximum=1000)";
+const char kFinal[] = "C_FindObjectsFinal(session=0x51)";
+
+class KeyObjectListTest : public kit::ProviderTest {
+ protected:
+  void SetUp() override {
+    kit::ProviderTest::SetUp();
+    AddReader();
+  }
+  void TearDown() override {
+    if (provider_) ksp().FreeProvider(provider_);
+    kit::ProviderTest::TearDown();
+  }
+  void Open() { provider_ = OpenProvider(); }
+  // Starts an enumeration, which builds the list; frees what it hands out.
+  SECURITY_STATUS Build() {
+    if (!provider_) Open();
+    NCryptKeyName* name = nullptr;
+    PVOID state = nullptr;
+    const SECURITY_STATUS status = ksp().EnumKeys(provider_, nullptr, &name, &state, 0);
+    if (name) ksp().FreeBuffer(name);
+    if (state) ksp().FreeBuffer(state);
+    return status;
+  }
+  std::size_t Entries() const { return kit::RecordOf(provider_)->cKeyObjects; }
+  const kit::KeyRecord& Entry(std::size_t index) const { return kit::RecordOf(provider_)->pKeyObjects[index]; }
+  // The lines between "InitializeObjectList - Entry" and "- Exit", both included.
+  static std::vector<Line> BuildLines() {
+    std::vector<Line> all = kit::Log::Get().Take();
+    const auto first = std::find(all.begin(), all.end(), KeyName("InitializeObjectList - Entry"));
+    const auto last = std::find(all.begin(), all.end(), KeyName("InitializeObjectList - Exit"));
+    if (first == all.end() || last == all.end()) return {};
+    return std::vector<Line>(first, last + 1);
+  }
+  static std::string Fetch(std::size_t count) {
+    return "C_FindObjects(session=0x51, objects=PTR, maximum=" + std::to_string(count) + ")";
+  }
+  static std::string Read(CK_OBJECT_HANDLE object) {
+    char text[160];
+    std::snprintf(text, sizeof text,
+                  "C_GetAttributeValue(session=0x51, object=0x%lx, {CKA_ID[200], CKA_LABEL[200], CKA_MODULUS_BITS[4]})",
+                  object);
+    return text;
+  }
+  static std::vector<Line> NameLines(const Bytes& id, const std::string& name) {
+    return {KeyName("Converting CKA_ID to key name..."), KeyName(Dump("CKA_ID: ", id)), KeyName("KeyName: " + name),
+            KeyName("Done")};
+  }
+  static std::vector<Line> Attributes(const Bytes& id, const Bytes& label, long bits) {
+    return {KeyName(Dump("CKA_ID\t\t: ", id)), KeyName(Dump("CKA_LABEL\t: ", label)),
+            Number("CKA_MODULUS_BITS: ", bits)};
+  }
+  static std::vector<Line> Join(std::initializer_list<std::vector<Line>> parts) {
+    std::vector<Line> all;
+    for (const std::vector<Line>& part : parts)
+      all.insert(all.end(), part.begin(), part.end());
+    return all;
+  }
+
+  NCRYPT_PROV_HANDLE provider_ = 0;
+};
+
+TEST_F(KeyObjectListTest, PairsPublicAndPrivateKey) {
+  const fake::KeyPair pair = token().AddKeyPair(Ascii("Key1"), "my label", 1024);
+  EXPECT_EQ(Build(), 0);
+  ASSERT_EQ(Entries(), 1u);
+  const kit::KeyRecord& entry = Entry(0);
+  EXPECT_EQ(entry.cbLength, sizeof(kit::KeyRecord));
+  EXPECT_EQ(entry.dwMagic, kit::kKeyMagic);
+  EXPECT_STREQ(entry.pszKeyName, L"Key1");
+  EXPECT_EQ(entry.cbKeyName, 5u);
+  EXPECT_EQ(entry.hPublicKeyObject, pair.publicKey);
+  EXPECT_EQ(entry.hPrivateKeyObject, pair.privateKey);
+  EXPECT_EQ(Bytes(entry.KeyId, entry.KeyId + entry.cbKeyId), Ascii("Key1"));
+  EXPECT_EQ(entry.dwKeyBitLength, 1024u);
+  EXPECT_EQ(entry.fFinished, 1u);
+  // The rest is as a new record has it.
+  EXPECT_EQ(entry.dwAlgID, 1u);
+  EXPECT_EQ(entry.dwExportPolicy, 2u);
+  EXPECT_EQ(entry.dwKeyUsagePolicy, 3u);
+  EXPECT_EQ(entry.fOverwrite, 0u);
+  EXPECT_EQ(entry.pszKeyBlobType, nullptr);
+  EXPECT_EQ(entry.pbKeyFile, nullptr);
+  EXPECT_EQ(entry.pbPrivateKey, nullptr);
+  EXPECT_EQ(entry.pbSecurityDescr, nullptr);
+  EXPECT_NE(entry.hAlgProvider, nullptr);
+  EXPECT_EQ(entry.reserved1, 0u);
+  EXPECT_EQ(entry.reserved2, 0u);
+
+  EXPECT_TRUE(kit::SameLines(
+      Join({{KeyName("InitializeObjectList - Entry"), KeyName("Find Token Public Keys"), Number("numPublicKeys = ", 1),
+             KeyName("Find Token Private Keys "), Number("numPublicKeys = ", 1), KeyName("Get Public Key atrributes ")},
+            Attributes(Ascii("Key1"), Ascii("my label"), 1024),
+            NameLines(Ascii("Key1"), "Key1"),
+            {KeyName("Public key created and added to object list"), KeyName("Get Private Key atrributes")},
+            Attributes(Ascii("Key1"), Ascii("my label"), 1024),
+            {KeyName("Private key paired with public key in object list"), KeyName("InitializeObjectList - Exit")}}),
+      BuildLines()));
+  ExpectCalls({kSearchPublic, kCount, kFinal, kSearchPublic, Fetch(1), kFinal, kSearchPrivate, kCount, kFinal,
+               kSearchPrivate, Fetch(1), kFinal, Read(pair.publicKey), Read(pair.privateKey)});
+}
+
+TEST_F(KeyObjectListTest, BothReadsUseTheSame200ByteBuffers) {
+  token().AddKeyPair(Ascii("Key1"), "label");
+  Open();
+  EXPECT_EQ(Build(), 0);
+  std::vector<std::vector<fake::Attribute>> reads;
+  for (const fake::Call& call : token().Calls()) {
+    if (call.function == "C_GetAttributeValue") reads.push_back(call.templates.at(0));
+  }
+  ASSERT_EQ(reads.size(), 2u);
+  for (std::size_t i = 0; i < 3; ++i)
+    EXPECT_EQ(reads[0][i].address, reads[1][i].address);
+}
+
+TEST_F(KeyObjectListTest, PrivateKeyWithoutPublicOneHasAnEntryOfItsOwn) {
+  const CK_OBJECT_HANDLE key = token().AddPrivateKey(Ascii("Lone"), "", 2048);
+  EXPECT_EQ(Build(), 0);
+  ASSERT_EQ(Entries(), 1u);
+  EXPECT_EQ(Entry(0).hPublicKeyObject, 0u);
+  EXPECT_EQ(Entry(0).hPrivateKeyObject, key);
+  const std::vector<Line> lines = BuildLines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), KeyName("Private key created and added to object list")), 1);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), Number("numPublicKeys = ", 0)), 1);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), Number("numPublicKeys = ", 1)), 1);
+}
+
+TEST_F(KeyObjectListTest, SecondPublicKeyOfAnIdentifierIsSkipped) {
+  const CK_OBJECT_HANDLE first = token().AddPublicKey(Ascii("Same"), "one", 1024);
+  token().AddPublicKey(Ascii("Same"), "two", 2048);
+  EXPECT_EQ(Build(), 0);
+  ASSERT_EQ(Entries(), 1u);
+  EXPECT_EQ(Entry(0).hPublicKeyObject, first);
+  EXPECT_EQ(Entry(0).dwKeyBitLength, 1024u);
+  const std::vector<Line> lines = BuildLines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), KeyName("Duplicate Key ID error, skip key")), 1);
+}
+
+TEST_F(KeyObjectListTest, SecondPrivateKeyOfAnIdentifierIsSkipped) {
+  token().AddPublicKey(Ascii("Same"), "");
+  const CK_OBJECT_HANDLE first = token().AddPrivateKey(Ascii("Same"), "");
+  token().AddPrivateKey(Ascii("Same"), "");
+  EXPECT_EQ(Build(), 0);
+  ASSERT_EQ(Entries(), 1u);
+  EXPECT_EQ(Entry(0).hPrivateKeyObject, first);
+  const std::vector<Line> lines = BuildLines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), KeyName("Private key paired with public key in object list")), 1);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), KeyName("Duplicate Key ID error, skip key")), 1);
+}
+
+TEST_F(KeyObjectListTest, PublicKeysComeBeforePrivateOnesWhateverTheTokensOrder) {
+  const CK_OBJECT_HANDLE privateKey = token().AddPrivateKey(Ascii("Key"), "", 512);
+  const CK_OBJECT_HANDLE publicKey = token().AddPublicKey(Ascii("Key"), "", 1024);
+  EXPECT_EQ(Build(), 0);
+  ASSERT_EQ(Entries(), 1u);
+  EXPECT_EQ(Entry(0).hPublicKeyObject, publicKey);
+  EXPECT_EQ(Entry(0).hPrivateKeyObject, privateKey);
+  EXPECT_EQ(Entry(0).dwKeyBitLength, 1024u) << "the bits are those of the key that made the entry";
+}
+
+TEST_F(KeyObjectListTest, IdentifiersMatchOverTheLengthOfTheEntry) {
+  // The entry's identifier is a leading part of the private key's: they pair, although they differ.
+  const CK_OBJECT_HANDLE shorter = token().AddPublicKey(Ascii("Key"), "");
+  const CK_OBJECT_HANDLE longer = token().AddPrivateKey(Ascii("Key1"), "");
+  EXPECT_EQ(Build(), 0);
+  ASSERT_EQ(Entries(), 1u);
+  EXPECT_EQ(Entry(0).hPublicKeyObject, shorter);
+  EXPECT_EQ(Entry(0).hPrivateKeyObject, longer);
+}
+
+TEST_F(KeyObjectListTest, TheFirstOfSeveralLeadingPartsIsTaken) {
+  token().AddPublicKey(Ascii("Key1"), "");
+  const CK_OBJECT_HANDLE second = token().AddPublicKey(Ascii("Other"), "");
+  const CK_OBJECT_HANDLE privateKey = token().AddPrivateKey(Ascii("Key12"), "");
+  EXPECT_EQ(Build(), 0);
+  ASSERT_EQ(Entries(), 2u);
+  EXPECT_EQ(Entry(0).hPrivateKeyObject, privateKey);
+  EXPECT_EQ(Entry(1).hPublicKeyObject, second);
+  EXPECT_EQ(Entry(1).hPrivateKeyObject, 0u);
+}
+
+TEST_F(KeyObjectListTest, IdentifiersThatDifferWithinTheLengthOfTheEntryDoNotMatch) {
+  token().AddPublicKey(Ascii("Key1"), "");
+  token().AddPrivateKey(Ascii("Key2"), "");
+  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(Entries(), 2u);
+}
+
+TEST_F(KeyObjectListTest, LeftoverOfALongerIdentifierInTheBufferIsSeen) {
+  // The buffers are zeroed once, not between keys: the second key's identifier is followed by what the first one left.
+  token().AddPublicKey(Ascii("Key1"), "");
+  token().AddPublicKey(Ascii("K"), "");
+  EXPECT_EQ(Build(), 0);
+  // "K" read into a buffer that held "Key1" compares equal over the four bytes of the first entry.
+  EXPECT_EQ(Entries(), 1u);
+}
+
+TEST_F(KeyObjectListTest, EntryWithEmptyIdentifierMatchesEveryLaterKey) {
+  token().AddPublicKey({}, "label");
+  const CK_OBJECT_HANDLE privateKey = token().AddPrivateKey(Ascii("Key1"), "");
+  EXPECT_EQ(Build(), 0);
+  ASSERT_EQ(Entries(), 1u);
+  EXPECT_EQ(Entry(0).hPrivateKeyObject, privateKey);
+  EXPECT_EQ(Entry(0).pszKeyName, nullptr) << "an identifier that is present but empty gives no name";
+  const std::vector<Line> lines = BuildLines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                       KeyName("NTE_INVALID_PARAMETER: non-null CKA_ID with zero-length buffer was provided.")),
+            1);
+}
+
+TEST_F(KeyObjectListTest, EmptyToken) {
+  EXPECT_EQ(Build(), NTE_NO_MORE_ITEMS);
+  EXPECT_EQ(Entries(), 0u);
+  EXPECT_TRUE(kit::SameLines(
+      {KeyName("InitializeObjectList - Entry"), KeyName("Find Token Public Keys"), Number("numPublicKeys = ", 0),
+       KeyName("Find Token Private Keys "), Number("numPublicKeys = ", 0), KeyName("InitializeObjectList - Exit")},
+      BuildLines()));
+  // The second pass runs even when the first has counted nothing.
+  const std::vector<std::string> calls = token().TakeTexts();
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), kSearchPublic), 2);
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), kSearchPrivate), 2);
+}
+
+TEST_F(KeyObjectListTest, RebuiltByEveryNewEnumeration) {
+  token().AddKeyPair(Ascii("Key1"), "");
+  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(Entries(), 1u);
+  token().AddKeyPair(Ascii("Other"), "");
+  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(Entries(), 2u);
+}
+
+TEST_F(KeyObjectListTest, RebuildFreesTheOldArray) {
+  token().AddKeyPair(Ascii("Key1"), "");
+  kit::MemoryWatch watch;
+  EXPECT_EQ(Build(), 0);
+  const void* old = kit::RecordOf(provider_)->pKeyObjects;
+  ASSERT_NE(old, nullptr);
+  EXPECT_EQ(Build(), 0);
+  EXPECT_TRUE(watch.WasFreed(old));
+}
+
+// Each token call of the build that fails ends it with the status of an internal error.
+struct FailingCall {
+  const char* function;
+  std::size_t nth;
+  const char* message;
+};
+
+class FailingBuild : public KeyObjectListTest, public ::testing::WithParamInterface<FailingCall> {};
+
+TEST_P(FailingBuild, IsAnInternalError) {
+  token().AddKeyPair(Ascii("Key1"), "");
+  Open();
+  token().Fail(GetParam().function, CKR_DEVICE_ERROR, GetParam().nth);
+  EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
+  const std::vector<Line> lines = BuildLines();
+  ASSERT_GE(lines.size(), 2u);
+  EXPECT_EQ(lines[lines.size() - 2], KeyName(GetParam().message));
+}
+
+INSTANTIATE_TEST_SUITE_P(EachCall, FailingBuild,
+                         ::testing::Values(FailingCall{"C_FindObjectsInit", 1, "Find Token Public Keys error"},
+                                           FailingCall{"C_FindObjects", 1, "Find Token Public Keys error"},
+                                           FailingCall{"C_FindObjectsFinal", 1, "Find Token Public Keys error"},
+                                           FailingCall{"C_FindObjectsInit", 2, "Find Token Public Keys error"},
+                                           FailingCall{"C_FindObjects", 2, "Find Token Public Keys error"},
+                                           FailingCall{"C_FindObjectsFinal", 2, "Find Token Public Keys error"},
+                                           FailingCall{"C_FindObjectsInit", 3, "Find Token Private Keys error"},
+                                           FailingCall{"C_FindObjects", 3, "Find Token Private Keys error"},
+                                           FailingCall{"C_FindObjectsFinal", 3, "Find Token Private Keys error"},
+                                           FailingCall{"C_FindObjectsInit", 4, "Find Token Private Keys error"},
+                                           FailingCall{"C_FindObjects", 4, "Find Token Private Keys error"},
+                                           FailingCall{"C_FindObjectsFinal", 4, "Find Token Private Keys error"},
+                                           FailingCall{"C_GetAttributeValue", 1, "Get Public Keys atrributes error"},
+                                           FailingCall{"C_GetAttributeValue", 2, "Get Private Keys atrributes error"}),
+                         [](const ::testing::TestParamInfo<FailingCall>& given) {
+                           return std::string(given.param.function + 2) + std::to_string(given.param.nth);
+                         });
+
+TEST_F(KeyObjectListTest, FailureMidwayLeavesTheEntriesAdded) {
+  token().AddKeyPair(Ascii("Key1"), "");
+  Open();
+  token().Fail("C_GetAttributeValue", CKR_DEVICE_ERROR, 2);
+  EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
+  EXPECT_EQ(Entries(), 1u);
+}
+
+TEST_F(KeyObjectListTest, IdentifierOf200BytesFitsOf201Fails) {
+  const CK_OBJECT_HANDLE key = token().AddPublicKey(Bytes(200, 'i'), "");
+  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(Entry(0).cbKeyId, 200u);
+  token().ObjectAttributes(key)[CKA_ID] = Bytes(201, 'i');
+  EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
+  token().ObjectAttributes(key)[CKA_ID] = Bytes(20, 'i');
+  token().ObjectAttributes(key)[CKA_LABEL] = Bytes(201, 'l');
+  EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
+  token().ObjectAttributes(key).erase(CKA_LABEL);
+  EXPECT_EQ(Build(), NTE_INTERNAL_ERROR) << "a key without label attribute cannot be read";
+}
+
+TEST_F(KeyObjectListTest, NameEndsBeforeTheFirstZeroByte) {
+  token().AddPublicKey({0x3F, 0x9A, 0x00, 0x12}, "");
+  EXPECT_EQ(Build(), 0);
+  EXPECT_STREQ(Entry(0).pszKeyName, L"\x3F\x9A");
+  EXPECT_EQ(Entry(0).cbKeyId, 4u);
+}
+
+TEST_F(KeyObjectListTest, IdentifierThatBeginsWithZeroGivesAnEmptyNameNotTheLabel) {
+  token().AddPublicKey({0x00}, "label");
+  EXPECT_EQ(Build(), 0);
+  ASSERT_NE(Entry(0).pszKeyName, nullptr);
+  EXPECT_STREQ(Entry(0).pszKeyName, L"");
+  EXPECT_EQ(Entry(0).cbKeyName, 1u);
+}
+
+TEST_F(KeyObjectListTest, AnyAllocationMayFail) {
+  token().AddKeyPair(Ascii("Key1"), "label");
+  token().AddKeyPair(Ascii("Second"), "label");
+  Open();
+  for (std::size_t nth = 1; nth < 500; ++nth) {
+    kit::MemoryWatch watch;
+    watch.FailAllocation(nth);
+    const SECURITY_STATUS status = Build();
+    const bool reached = watch.Allocations() >= nth;
+    watch.StopFailing();
+    EXPECT_TRUE(status == 0 || status == NTE_NO_MEMORY || status == NTE_INTERNAL_ERROR || status == NTE_NO_MORE_ITEMS)
+        << std::hex << status;
+    if (!reached) break;
+    ASSERT_LT(nth, 499u);
+  }
+  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(Entries(), 2u);
+}
+
+TEST_F(KeyObjectListTest, ArrayOfHandlesThatCannotBeAllocated) {
+  token().AddKeyPair(Ascii("Key1"), "label");
+  Open();
+  kit::MemoryWatch watch;
+  watch.FailWhen([](std::size_t size, std::size_t) { return size == sizeof(CK_OBJECT_HANDLE); });
+  EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
+  const std::vector<Line> lines = BuildLines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), KeyName("NTE_INTERNAL_ERROR: Object memory allocation error")), 1);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), KeyName("Find Token Public Keys error")), 1);
+}
+
+TEST_F(KeyObjectListTest, MoreKeysInTheSecondPassThanInTheFirst) {
+  token().AddKeyPair(Ascii("Key1"), "");
+  Open();
+  std::size_t searches = 0;
+  token().Before("C_FindObjectsInit", [&](const fake::Call&) {
+    if (++searches == 2) token().AddPublicKey(Ascii("Late"), "");
+  });
+  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(Entries(), 1u);
+}
+
+}  // namespace

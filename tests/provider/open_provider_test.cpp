@@ -1,0 +1,348 @@
+// OpenProvider, step by step.
+#include <string>
+
+#include "kit/dialogs.h"
+#include "kit/provider.h"
+
+namespace {
+
+using kit::Frame;
+using kit::Hex32;
+using kit::kProviderKey;
+using kit::kProviderName;
+using kit::Line;
+using kit::Pointer32;
+using kit::Registry;
+
+constexpr DWORD kSilent = NCRYPT_SILENT_FLAG;
+const char kName[] = "Norvale Token Works KSP v1.0";
+
+class OpenProviderTest : public kit::ProviderTest {
+ protected:
+  SECURITY_STATUS Open(const wchar_t* name, DWORD flags) {
+    handle_ = 0;
+    return ksp().OpenProvider(&handle_, name, flags);
+  }
+  // The frame of an open with the lines between arguments and exit.
+  std::vector<Line> Lines(const std::string& name, DWORD flags, std::vector<Line> body, LONG status) {
+    std::vector<Line> lines{Pointer32("phProvider       : ", &handle_), "pszProviderName  : " + name,
+                            Hex32("dwFlags          : ", flags)};
+    lines.insert(lines.end(), body.begin(), body.end());
+    return Frame("KELDAKSPOpenProvider", lines, status);
+  }
+  void ExpectRefused(const wchar_t* name, DWORD flags, LONG status, std::vector<Line> body) {
+    EXPECT_EQ(Open(name, flags), status);
+    EXPECT_EQ(handle_, 0u);
+    const std::wstring wide = name ? name : L"";
+    ExpectLines(Lines(std::string(wide.begin(), wide.end()), flags, std::move(body), status));
+  }
+  kit::ProviderRecord& Record() { return *kit::RecordOf(handle_); }
+  void Close() {
+    if (handle_) {
+      EXPECT_EQ(ksp().FreeProvider(handle_), 0);
+    }
+    handle_ = 0;
+  }
+  void TearDown() override {
+    Close();
+    kit::ProviderTest::TearDown();
+  }
+
+  NCRYPT_PROV_HANDLE handle_ = 0;
+};
+
+TEST_F(OpenProviderTest, OneReaderIsTakenWithoutAsking) {
+  AddReader("Reader 0");
+  kit::DialogRobot robot;
+  EXPECT_EQ(Open(kProviderName, 0), 0);
+  EXPECT_EQ(robot.created(), 0u);
+  ASSERT_NE(handle_, 0u);
+  ExpectLines(Lines(
+      kName, 0,
+      {"Defaulted to reader: Reader 0", "Caching provider instance", Hex32("Provider handle retrieved: ", handle_)},
+      0));
+  ExpectCalls({"C_GetSlotList(present=FALSE, list=NULL)", "C_GetSlotList(present=FALSE, list=PTR, count=1)",
+               "C_GetSlotList(present=TRUE, list=NULL)", "C_GetSlotList(present=TRUE, list=PTR, count=1)",
+               "C_GetSlotInfo(slot=11)", "C_OpenSession(slot=11, flags=0x6, application=NULL, notify=NULL)"});
+  EXPECT_EQ(Registry::Get().TakeReads(), (std::vector<std::wstring>{L"Aliases", L"dwUseProviderCache"}));
+}
+
+TEST_F(OpenProviderTest, FillsTheRecord) {
+  AddReader("Reader 0");
+  ASSERT_EQ(Open(kProviderName, kSilent), 0);
+  const kit::ProviderRecord& record = Record();
+  EXPECT_EQ(record.cbLength, sizeof(kit::ProviderRecord) + sizeof kProviderName);
+  EXPECT_EQ(std::string(record.signature, 4), "KLDA");
+  EXPECT_EQ(record.reserved1, 0u);
+  EXPECT_STREQ(record.pszName, kProviderName);
+  EXPECT_NE(record.pszName, kProviderName);
+  EXPECT_EQ(record.pContext, nullptr);
+  EXPECT_EQ(record.hSession, 0x51u);
+  EXPECT_EQ(record.pKeyObjects, nullptr);
+  EXPECT_EQ(record.cKeyObjects, 0u);
+  EXPECT_EQ(record.pPinCache, nullptr);
+  EXPECT_EQ(record.cchPinCache, 0u);
+  EXPECT_EQ(record.loginState, 0u);
+  EXPECT_STREQ(record.pszReader, L"Reader 0");
+  EXPECT_EQ(record.slotId, 11u);
+  EXPECT_EQ(record.hWnd, 0u);
+  ASSERT_NE(record.pLock, nullptr);
+  EXPECT_TRUE(TryEnterCriticalSection(record.pLock));
+  LeaveCriticalSection(record.pLock);
+}
+
+TEST_F(OpenProviderTest, LockSpins1024Times) {
+  AddReader();
+  DWORD spins = 0;
+  const CRITICAL_SECTION* section = nullptr;
+  const kit::Hook<"InitializeCriticalSectionAndSpinCount", decltype(&InitializeCriticalSectionAndSpinCount)> hook(
+      [&](auto original, LPCRITICAL_SECTION given, DWORD count) {
+        spins = count;
+        section = given;
+        return original(given, count);
+      });
+  ASSERT_EQ(Open(kProviderName, kSilent), 0);
+  EXPECT_EQ(spins, 1024u);
+  EXPECT_EQ(section, Record().pLock);
+}
+
+TEST_F(OpenProviderTest, RefusesWithoutHandlePointer) {
+  EXPECT_EQ(ksp().OpenProvider(nullptr, kProviderName, 0), NTE_INVALID_PARAMETER);
+  ExpectLines(Frame("KELDAKSPOpenProvider",
+                    {"phProvider       : 0x00000000", std::string("pszProviderName  : ") + kName,
+                     "dwFlags          : 0x00000000", "NTE_INVALID_PARAMETER: phProvider is NULL"},
+                    NTE_INVALID_PARAMETER));
+  ExpectCalls({});
+  EXPECT_TRUE(Registry::Get().TakeReads().empty());
+}
+
+TEST_F(OpenProviderTest, ChecksTheHandlePointerFirst) {
+  EXPECT_EQ(ksp().OpenProvider(nullptr, nullptr, 0), NTE_INVALID_PARAMETER);
+  ExpectLines(Frame("KELDAKSPOpenProvider",
+                    {"phProvider       : 0x00000000", "pszProviderName  : ", "dwFlags          : 0x00000000",
+                     "NTE_INVALID_PARAMETER: phProvider is NULL"},
+                    NTE_INVALID_PARAMETER));
+}
+
+TEST_F(OpenProviderTest, RefusesWithoutName) {
+  ExpectRefused(nullptr, 0, NTE_INVALID_PARAMETER, {"NTE_INVALID_PARAMETER: pszProviderName is NULL"});
+  EXPECT_TRUE(Registry::Get().TakeReads().empty());
+}
+
+TEST_F(OpenProviderTest, RefusesWhenTheAliasesAreMissing) {
+  Registry::Get().Remove(kProviderKey, L"Aliases");
+  ExpectRefused(kProviderName, 0, NTE_INTERNAL_ERROR, {"NTE_INTERNAL_ERROR: OpenProvider::RegGetValue"});
+}
+
+TEST_F(OpenProviderTest, RefusesWhenTheAliasesAreOfAnotherType) {
+  Registry::Get().Remove(kProviderKey, L"Aliases");
+  Registry::Get().SetString(kProviderKey, L"Aliases", kProviderName);
+  ExpectRefused(kProviderName, 0, NTE_INTERNAL_ERROR, {"NTE_INTERNAL_ERROR: OpenProvider::RegGetValue"});
+}
+
+TEST_F(OpenProviderTest, RefusesWhenTheAliasesExceed2048Bytes) {
+  AddReader();
+  // 1022 characters, their terminator and the list's: 2048 bytes.
+  Registry::Get().SetMultiString(kProviderKey, L"Aliases", {std::wstring(1022, L'a')});
+  EXPECT_EQ(Open(std::wstring(1022, L'a').c_str(), kSilent), 0);
+  Close();
+  Forget();
+  Registry::Get().SetMultiString(kProviderKey, L"Aliases", {kProviderName, std::wstring(1000, L'a')});
+  ExpectRefused(kProviderName, 0, NTE_INTERNAL_ERROR, {"NTE_INTERNAL_ERROR: OpenProvider::RegGetValue"});
+}
+
+TEST_F(OpenProviderTest, AcceptsEveryAlias) {
+  AddReader();
+  Registry::Get().SetMultiString(kProviderKey, L"Aliases", {L"First", L"Second name", kProviderName});
+  for (const wchar_t* alias : {L"First", L"Second name", kProviderName}) {
+    EXPECT_EQ(Open(alias, kSilent), 0);
+    EXPECT_STREQ(Record().pszName, alias);
+    EXPECT_EQ(Record().cbLength, sizeof(kit::ProviderRecord) + (std::wcslen(alias) + 1) * sizeof(wchar_t));
+    Close();
+  }
+}
+
+TEST_F(OpenProviderTest, RefusesANameThatIsNoAlias) {
+  Registry::Get().SetMultiString(kProviderKey, L"Aliases", {L"First", kProviderName});
+  for (const wchar_t* name : {L"first", L"First ", L"Firs", L"irst", L"Norvale Token Works KSP v1.0 "}) {
+    ExpectRefused(name, 0, NTE_INVALID_PARAMETER,
+                  {"NTE_INVALID_PARAMETER: pszProviderName does not match the registered provider name"});
+  }
+  ExpectCalls({});
+}
+
+TEST_F(OpenProviderTest, EmptyNameEqualsTheEmptyStringThatEndsTheList) {
+  // The walk compares every string that it meets, the last, empty one included.
+  AddReader();
+  EXPECT_EQ(Open(L"", kSilent), 0);
+  EXPECT_STREQ(Record().pszName, L"");
+}
+
+TEST_F(OpenProviderTest, RecordThatCannotBeAllocated) {
+  AddReader();
+  const std::size_t size = sizeof(kit::ProviderRecord) + sizeof kProviderName;
+  kit::MemoryWatch watch;
+  watch.FailWhen([size](std::size_t asked, std::size_t) { return asked == size; });
+  ExpectRefused(kProviderName, kSilent, NTE_NO_MEMORY, {"NTE_NO_MEMORY: Not enough memory to allocate for pProvider"});
+  ExpectCalls({});
+}
+
+TEST_F(OpenProviderTest, FailingSlotCount) {
+  AddReader();
+  token().Fail("C_GetSlotList", CKR_GENERAL_ERROR);
+  EXPECT_EQ(Open(kProviderName, kSilent), NTE_INTERNAL_ERROR);
+  EXPECT_EQ(handle_, 0u);
+  // Banner, entry line, three arguments, a fixed line, exit line, banner.
+  const std::vector<Line> lines = kit::Log::Get().Take();
+  ASSERT_EQ(lines.size(), 8u);
+  EXPECT_FALSE(lines[5].text.empty());
+  ExpectCalls({"C_GetSlotList(present=FALSE, list=NULL)"});
+}
+
+TEST_F(OpenProviderTest, NoSlotAtAll) {
+  ExpectRefused(kProviderName, 0, NTE_FAIL, {"NTE_FAIL: No slot found"});
+  ExpectCalls({"C_GetSlotList(present=FALSE, list=NULL)"});
+}
+
+TEST_F(OpenProviderTest, NoTokenAndSilent) {
+  token().AddSlot("Reader 0", false);
+  ExpectRefused(kProviderName, kSilent, NTE_FAIL, {"NTE_FAIL: No active slot was found and NCRYPT_SILENT_FLAG is set"});
+  ExpectCalls({"C_GetSlotList(present=FALSE, list=NULL)", "C_GetSlotList(present=FALSE, list=PTR, count=1)",
+               "C_GetSlotList(present=TRUE, list=NULL)"});
+}
+
+TEST_F(OpenProviderTest, SilentWithTwoTokensTakesTheFirst) {
+  AddReader("Reader B");
+  AddReader("Reader A");
+  kit::DialogRobot robot;
+  EXPECT_EQ(Open(kProviderName, kSilent), 0);
+  EXPECT_EQ(robot.created(), 0u);
+  ExpectLines(Lines(
+      kName, kSilent,
+      {"Multiple slots are detected but NCRYPT_SILENT_FLAG is set. Defaulting to first slot.",
+       "Defaulted to reader: Reader B", "Caching provider instance", Hex32("Provider handle retrieved: ", handle_)},
+      0));
+  EXPECT_EQ(Record().slotId, 11u);
+}
+
+TEST_F(OpenProviderTest, EmptyReadersDoNotCount) {
+  token().AddSlot("Empty", false);
+  AddReader("Full");
+  token().AddSlot("Empty too", false);
+  EXPECT_EQ(Open(kProviderName, 0), 0);
+  EXPECT_STREQ(Record().pszReader, L"Full");
+  EXPECT_EQ(Record().slotId, 12u);
+  ExpectCalls({"C_GetSlotList(present=FALSE, list=NULL)", "C_GetSlotList(present=FALSE, list=PTR, count=3)",
+               "C_GetSlotList(present=TRUE, list=NULL)", "C_GetSlotList(present=TRUE, list=PTR, count=1)",
+               "C_GetSlotInfo(slot=12)", "C_OpenSession(slot=12, flags=0x6, application=NULL, notify=NULL)"});
+}
+
+TEST_F(OpenProviderTest, OnlyTheSilentFlagIsLookedAt) {
+  AddReader();
+  EXPECT_EQ(Open(kProviderName, 0xFFFFFFFF), 0);
+  ExpectLines(Lines(
+      kName, 0xFFFFFFFF,
+      {"Defaulted to reader: Reader 0", "Caching provider instance", Hex32("Provider handle retrieved: ", handle_)},
+      0));
+}
+
+TEST_F(OpenProviderTest, SlotInfoThatCannotBeRead) {
+  AddReader();
+  token().Fail("C_GetSlotInfo", CKR_DEVICE_ERROR);
+  ExpectRefused(kProviderName, kSilent, NTE_INTERNAL_ERROR, {"NTE_INTERNAL_ERROR: GetSlotInfo failed"});
+}
+
+TEST_F(OpenProviderTest, ReaderNamesLoseTrailingBlanksOnly) {
+  AddReader("  A  reader   ");
+  EXPECT_EQ(Open(kProviderName, kSilent), 0);
+  EXPECT_STREQ(Record().pszReader, L"  A  reader");
+}
+
+TEST_F(OpenProviderTest, ReaderNamesLoseTrailingZeros) {
+  AddReader(std::string("Zeros\0\0 \0", 9) + std::string(55, '\0'));
+  EXPECT_EQ(Open(kProviderName, kSilent), 0);
+  EXPECT_STREQ(Record().pszReader, L"Zeros");
+}
+
+TEST_F(OpenProviderTest, ReaderNamesHave32CharactersAtMost) {
+  AddReader("0123456789012345678901234567890123456789");
+  EXPECT_EQ(Open(kProviderName, kSilent), 0);
+  EXPECT_STREQ(Record().pszReader, L"01234567890123456789012345678901");
+}
+
+TEST_F(OpenProviderTest, BlankReaderNameIsEmpty) {
+  AddReader("");
+  EXPECT_EQ(Open(kProviderName, kSilent), 0);
+  EXPECT_STREQ(Record().pszReader, L"");
+  ExpectLines(
+      Lines(kName, kSilent,
+            {"Defaulted to reader: ", "Caching provider instance", Hex32("Provider handle retrieved: ", handle_)}, 0));
+}
+
+TEST_F(OpenProviderTest, SessionThatCannotBeOpened) {
+  AddReader();
+  token().Fail("C_OpenSession", CKR_SESSION_COUNT);
+  ExpectRefused(kProviderName, kSilent, NTE_INTERNAL_ERROR,
+                {"Defaulted to reader: Reader 0", "NTE_INTERNAL_ERROR: Error in opening PKCS#11 session"});
+  EXPECT_EQ(Registry::Get().TakeReads(), std::vector<std::wstring>{L"Aliases"});
+}
+
+TEST_F(OpenProviderTest, AFailedOpenKeepsItsRecord) {
+  AddReader();
+  token().Fail("C_OpenSession", CKR_SESSION_COUNT);
+  const std::size_t size = sizeof(kit::ProviderRecord) + sizeof kProviderName;
+  kit::MemoryWatch watch;
+  EXPECT_EQ(Open(kProviderName, kSilent), NTE_INTERNAL_ERROR);
+  std::size_t records = 0;
+  for (const auto& [address, bytes] : watch.Live())
+    records += bytes == size;
+  EXPECT_EQ(records, 1u) << "the record of a failed open stays allocated";
+}
+
+TEST_F(OpenProviderTest, EachOpenHasASessionOfItsOwn) {
+  AddReader();
+  NCRYPT_PROV_HANDLE first = 0;
+  NCRYPT_PROV_HANDLE second = 0;
+  ASSERT_EQ(ksp().OpenProvider(&first, kProviderName, kSilent), 0);
+  ASSERT_EQ(ksp().OpenProvider(&second, kProviderName, kSilent), 0);
+  EXPECT_NE(first, second);
+  EXPECT_NE(kit::RecordOf(first)->hSession, kit::RecordOf(second)->hSession);
+  EXPECT_EQ(token().OpenSessions(), 2u);
+  ksp().FreeProvider(first);
+  ksp().FreeProvider(second);
+  EXPECT_EQ(token().OpenSessions(), 0u);
+}
+
+TEST_F(OpenProviderTest, AnyAllocationMayFail) {
+  AddReader();
+  for (std::size_t nth = 1; nth < 200; ++nth) {
+    kit::MemoryWatch watch;
+    watch.FailAllocation(nth);
+    const SECURITY_STATUS status = Open(kProviderName, kSilent);
+    const bool reached = watch.Allocations() >= nth;
+    watch.StopFailing();
+    if (status == 0) {
+      Close();
+    } else {
+      EXPECT_TRUE(status == NTE_NO_MEMORY || status == NTE_INTERNAL_ERROR) << std::hex << status;
+      EXPECT_EQ(handle_, 0u);
+    }
+    if (!reached) break;
+    ASSERT_LT(nth, 199u);
+  }
+}
+
+TEST_F(OpenProviderTest, SlotsThatChangeBetweenTheCallsDoNoHarm) {
+  AddReader("Reader 0");
+  // A second token appears between the count and the fetch.
+  token().Before("C_GetSlotList", [&](const fake::Call& call) {
+    if (call.text.find("present=TRUE, list=PTR") != std::string::npos) {
+      token().Before("C_GetSlotList", nullptr);
+      AddReader("Reader 1");
+    }
+  });
+  const SECURITY_STATUS status = Open(kProviderName, kSilent);
+  EXPECT_TRUE(status == 0 || status == NTE_INTERNAL_ERROR);
+}
+
+}  // namespace
