@@ -1,8 +1,13 @@
 #!/usr/bin/env bash
-# build.sh [x64] [x86] [native]: builds into build/<what> (without arguments: x64 and x86).
+# build.sh [--without-tests] [x64] [x86] [native]: builds into build/<what> (without names: x64 and x86).
 # shellcheck source=scripts/lib.sh
 source "$(dirname "$0")/lib.sh"
 
+targets=()
+if [[ ${1-} == --without-tests ]]; then
+  targets=(keldaksp keldactl standin_router standin_winscard)
+  shift
+fi
 (($#)) || set -- x64 x86
 for what in "$@"; do
   [[ $what =~ ^(x64|x86|native)$ ]] || die "unknown build $what; known are: x64 x86 native"
@@ -16,5 +21,7 @@ for what in "$@"; do
     cat "$BUILD/$what.configure.log" >&2
     die "the $what build could not be configured"
   }
-  cmake --build "$BUILD/$what" -j "${KELDA_JOBS:-$(nproc)}" || die "the $what build failed"
+  wanted=("${targets[@]}")
+  [[ ! ${targets[*]} || $what != x64 ]] || wanted+=(standin_softtoken)
+  cmake --build "$BUILD/$what" -j "${KELDA_JOBS:-$(nproc)}" ${wanted:+--target "${wanted[@]}"} || die "the $what build failed"
 done

@@ -28,7 +28,7 @@ file=$(realpath -m "${file:-$ROOT/README.md}")
 [[ ! $ask || ${DISPLAY-} ]] || die "--ask needs a desktop, and DISPLAY is not set"
 
 "$ROOT/scripts/prepare.sh" build run
-"$ROOT/scripts/build.sh" x64
+"$ROOT/scripts/build.sh" --without-tests x64
 
 demo=$BUILD/demo
 key='demo-key'
