@@ -86,7 +86,7 @@ SECURITY_STATUS GetProviderHandle(const Key& key, PBYTE output, DWORD output_siz
   return ERROR_SUCCESS;
 }
 
-SECURITY_STATUS FreeProviderHandle(std::shared_ptr<Provider> provider) {
+SECURITY_STATUS FreeProviderHandle(const std::shared_ptr<Provider>& provider) {
   // Keys and other handles keep the provider open; the last of them closes it.
   return provider.use_count() == 1 ? provider->Close() : ERROR_SUCCESS;
 }
@@ -324,8 +324,8 @@ SECURITY_STATUS WINAPI NCryptFreeObject(NCRYPT_HANDLE hObject) {
   return Guarded([&]() -> SECURITY_STATUS {
     router::Object object;
     if (!Objects().Remove(hObject, &object)) return NTE_INVALID_HANDLE;
-    if (auto* provider = std::get_if<std::shared_ptr<router::Provider>>(&object)) {
-      return router::FreeProviderHandle(std::move(*provider));
+    if (const auto* provider = std::get_if<std::shared_ptr<router::Provider>>(&object)) {
+      return router::FreeProviderHandle(*provider);
     }
     if (const auto* key = std::get_if<std::shared_ptr<router::Key>>(&object)) {
       const auto& provider = *(*key)->provider;

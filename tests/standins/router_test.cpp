@@ -568,6 +568,7 @@ TEST_F(RouterTest, TakesCallsFromManyThreads) {
   constexpr int kThreads = 4;
   constexpr int kRounds = 200;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   std::array<int, kThreads> failures{};
   for (int& failed : failures) {
     threads.emplace_back([&failed] {

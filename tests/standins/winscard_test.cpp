@@ -74,7 +74,7 @@ class WinscardTest : public testing::Test {
     DWORD count = SCARD_AUTOALLOCATE;
     EXPECT_EQ(SCARD(SCardListReadersW)(context_, nullptr, reinterpret_cast<LPWSTR>(&names), &count), SCARD_S_SUCCESS);
     if (names == nullptr) return {};
-    const auto list = Split(names);
+    auto list = Split(names);
     EXPECT_EQ(SCARD(SCardFreeMemory)(context_, names), SCARD_S_SUCCESS);
     EXPECT_EQ(SCARD(SCardFreeMemory)(context_, names), SCARD_E_INVALID_PARAMETER);
     return list;
