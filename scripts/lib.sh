@@ -75,6 +75,19 @@ on() {
 export WINEDEBUG=${WINEDEBUG:--all}
 export PATH=/usr/lib/wine:$PATH
 
+# Fonts (above all Tahoma) and colours are to be Windows' own; without a window manager, Wine waits two seconds for each
+# closing window unless windows are unmanaged.
+prefix_settings() {
+  local managed=$1 name
+  printf 'REGEDIT4\r\n\r\n'
+  [[ $managed ]] || printf '[HKEY_CURRENT_USER\\Software\\Wine\\X11 Driver]\r\n"Managed"="N"\r\n\r\n'
+  printf '[HKEY_CURRENT_USER\\Control Panel\\Colors]\r\n"ButtonFace"="240 240 240"\r\n'
+  for name in ActiveTitle InactiveTitle GradientActiveTitle GradientInactiveTitle; do
+    printf '"%s"="153 180 209"\r\n' "$name"
+  done
+  printf '"TitleText"="0 0 0"\r\n"InactiveTitleText"="0 0 0"\r\n'
+}
+
 # use_prefix ARCH DIR [managed]: makes the Wine prefix when it is not there, and selects it. Needs a display. Only a
 # prefix for a person's desktop leaves its windows to the window manager.
 use_prefix() {
@@ -86,19 +99,17 @@ use_prefix() {
     export WINEARCH=win32 WINE=wine
   fi
   PREFIXES+=("$arch $dir")
-  if [[ ! -e $dir/.ready ]]; then
+  if [[ ! -e $dir/.ready-2 ]]; then
     step "Making a Wine prefix ($arch)"
     rm -rf "$dir"
     mkdir -p "$(dirname "$dir")"
     # No mono and no gecko: nothing here needs them, and they would ask.
     WINEDLLOVERRIDES="mscoree=;mshtml=" on "$arch" "$WINE" wineboot -i >/dev/null 2>&1 || die "Wine could not make $dir"
-    # Without a window manager Wine waits two seconds for each closing window unless windows are unmanaged.
-    [[ $managed ]] || on "$arch" "$WINE" reg add 'HKCU\Software\Wine\X11 Driver' /v Managed /d N /f >/dev/null
-    # Fonts and face colour as Windows has them.
     cp /usr/share/wine/fonts/{marlett,tahoma,tahomabd}.ttf "$dir/drive_c/windows/Fonts/"
-    on "$arch" "$WINE" reg add 'HKCU\Control Panel\Colors' /v ButtonFace /d '240 240 240' /f >/dev/null
+    prefix_settings "$managed" >"$dir/settings.reg"
+    on "$arch" "$WINE" reg import "$(windows_path "$dir/settings.reg")" >/dev/null || die "Wine could not set up $dir"
     on "$arch" wineserver -w
-    touch "$dir/.ready"
+    touch "$dir/.ready-2"
   fi
 }
 
