@@ -130,6 +130,31 @@ AttributeRead::AttributeRead(win::Attribute* attributes, win::Ulong count) : att
   }
 }
 
+bool AttributeRead::Lacks(CK_ATTRIBUTE_TYPE type) const {
+  return std::any_of(native_.begin(), native_.end(), [type](const CK_ATTRIBUTE& attribute) {
+    return attribute.type == type && attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION;
+  });
+}
+
+CK_RV AttributeRead::Supply(CK_ATTRIBUTE_TYPE type, CK_ULONG number) {
+  CK_RV result = CKR_OK;
+  for (std::size_t i = 0; i < native_.size(); ++i) {
+    auto& attribute = native_[i];
+    if (attribute.ulValueLen != CK_UNAVAILABLE_INFORMATION) continue;
+    if (attribute.type != type) {
+      result = CKR_ATTRIBUTE_TYPE_INVALID;
+    } else if (attribute.pValue == nullptr) {
+      attribute.ulValueLen = sizeof(number);
+    } else if (win::Load<win::Attribute>(&attributes_[i]).value_len < sizeof(win::Ulong)) {
+      if (result == CKR_OK) result = CKR_BUFFER_TOO_SMALL;
+    } else {
+      numbers_[i].assign(1, number);
+      attribute.ulValueLen = sizeof(number);
+    }
+  }
+  return result;
+}
+
 void AttributeRead::HandOut() {
   for (std::size_t i = 0; i < native_.size(); ++i) {
     auto target = win::Load<win::Attribute>(&attributes_[i]);

@@ -54,6 +54,13 @@ class AttributeRead {
  public:
   AttributeRead(win::Attribute* attributes, win::Ulong count);
   std::vector<CK_ATTRIBUTE>& native() { return native_; }
+
+  // Did the read leave this attribute unavailable?
+  bool Lacks(CK_ATTRIBUTE_TYPE type) const;
+  // Puts in a number that the read left unavailable. Returns what the read's result is with it: CKR_OK,
+  // CKR_BUFFER_TOO_SMALL, or CKR_ATTRIBUTE_TYPE_INVALID while other attributes stay unavailable.
+  CK_RV Supply(CK_ATTRIBUTE_TYPE type, CK_ULONG number);
+
   // Writes lengths and values to the caller. An unavailable length is 0xFFFFFFFF there.
   void HandOut();
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdlib>
 #include <limits>
 #include <string_view>
@@ -479,35 +480,12 @@ CK_RV Module::DestroyObject(win::Ulong session, win::Ulong object) {
   return softhsm_->C_DestroyObject(session, native);
 }
 
-// A card tells the modulus' bits of private keys too; SoftHSM has that attribute on public keys only. What is left of
-// the read's result once it has been supplied.
-static CK_RV SupplyModulusBits(CK_FUNCTION_LIST& softhsm, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
-                               std::vector<CK_ATTRIBUTE>* attributes) {
-  bool all_known = true;
-  for (auto& attribute : *attributes) {
-    if (attribute.ulValueLen != CK_UNAVAILABLE_INFORMATION) continue;
-    CK_ATTRIBUTE modulus{CKA_MODULUS, nullptr, 0};
-    if (attribute.type != CKA_MODULUS_BITS || softhsm.C_GetAttributeValue(session, object, &modulus, 1) != CKR_OK) {
-      all_known = false;
-      continue;
-    }
-    std::vector<CK_BYTE> bytes(modulus.ulValueLen);
-    modulus.pValue = bytes.data();
-    if (softhsm.C_GetAttributeValue(session, object, &modulus, 1) != CKR_OK) return CKR_GENERAL_ERROR;
-    CK_ULONG bits = 8 * bytes.size();
-    for (const auto byte : bytes) {
-      if (byte != 0) {
-        for (int bit = 7; (byte >> bit) == 0; --bit)
-          --bits;
-        break;
-      }
-      bits -= 8;
-    }
-    attribute.ulValueLen = sizeof bits;
-    // The read's room for a number holds at least one.
-    if (attribute.pValue != nullptr) std::memcpy(attribute.pValue, &bits, sizeof bits);
-  }
-  return all_known ? CKR_OK : CKR_ATTRIBUTE_TYPE_INVALID;
+// A card tells the length of private keys too; SoftHSM has CKA_MODULUS_BITS on public keys only.
+std::optional<CK_ULONG> Module::ModulusBits(const Session& session, CK_OBJECT_HANDLE native) {
+  const auto modulus = ReadBytes(session, native, CKA_MODULUS);
+  const auto first = std::find_if(modulus.begin(), modulus.end(), [](std::uint8_t byte) { return byte != 0; });
+  if (first == modulus.end()) return std::nullopt;
+  return static_cast<CK_ULONG>(std::bit_width(*first) + 8 * (modulus.end() - first - 1));
 }
 
 CK_RV Module::GetAttributeValue(win::Ulong session, win::Ulong object, win::Attribute* attributes, win::Ulong count) {
@@ -519,7 +497,9 @@ CK_RV Module::GetAttributeValue(win::Ulong session, win::Ulong object, win::Attr
   if (const CK_RV rv = ToNativeObject(*record, object, &native); rv != CKR_OK) return rv;
   AttributeRead read(attributes, count);
   CK_RV rv = softhsm_->C_GetAttributeValue(record->reading, native, read.native().data(), read.native().size());
-  if (rv == CKR_ATTRIBUTE_TYPE_INVALID) rv = SupplyModulusBits(*softhsm_, record->reading, native, &read.native());
+  if (rv == CKR_ATTRIBUTE_TYPE_INVALID && read.Lacks(CKA_MODULUS_BITS)) {
+    if (const auto bits = ModulusBits(*record, native)) rv = read.Supply(CKA_MODULUS_BITS, *bits);
+  }
   if (rv == CKR_OK || rv == CKR_ATTRIBUTE_SENSITIVE || rv == CKR_ATTRIBUTE_TYPE_INVALID || rv == CKR_BUFFER_TOO_SMALL) {
     read.HandOut();
   }

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -121,6 +122,7 @@ class Module {
   std::vector<std::uint8_t> ReadBytes(const Session& session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type);
   PrivateObject Describe(const Session& session, CK_OBJECT_HANDLE native);
   std::vector<CK_OBJECT_HANDLE> FindTwins(const Session& session, const PrivateObject& object);
+  std::optional<CK_ULONG> ModulusBits(const Session& session, CK_OBJECT_HANDLE native);
   bool IsPrivate(const Session& session, CK_OBJECT_HANDLE native);
   win::Ulong ToHandle(const Session& session, CK_OBJECT_HANDLE native);
   CK_RV ToNativeObject(const Session& session, win::Ulong handle, CK_OBJECT_HANDLE* native);

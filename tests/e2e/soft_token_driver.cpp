@@ -342,10 +342,30 @@ TEST_F(SoftToken, KeepsTheRulesForAttributeLengths) {
   EXPECT_EQ(list_->C_GetAttributeValue(session_, key, read.data(), 1), CKR_BUFFER_TOO_SMALL);
   EXPECT_EQ(read[0].ulValueLen, 0xFFFFFFFFu);
 
+  // The length of private keys is told as well.
+  const auto private_key = FindOne(CKO_PRIVATE_KEY, "Key1");
+  for (const CK_ULONG room : {CK_ULONG{4}, CK_ULONG{8}}) {
+    std::array<CK_ULONG, 2> value{};
+    read[0] = {CKA_MODULUS_BITS, value.data(), room};
+    ASSERT_EQ(list_->C_GetAttributeValue(session_, private_key, read.data(), 1), CKR_OK);
+    EXPECT_EQ(read[0].ulValueLen, 4u);
+    EXPECT_EQ(value, (std::array<CK_ULONG, 2>{2048, 0}));
+  }
+  read = {{{CKA_ID, id.data(), 200}, {CKA_MODULUS_BITS, nullptr, 0}, {CKA_CERTIFICATE_TYPE, nullptr, 0}}};
+  EXPECT_EQ(list_->C_GetAttributeValue(session_, private_key, read.data(), 2), CKR_OK);
+  EXPECT_EQ(read[1].ulValueLen, 4u);
+  EXPECT_EQ(list_->C_GetAttributeValue(session_, private_key, read.data(), 3), CKR_ATTRIBUTE_TYPE_INVALID);
+  EXPECT_EQ(read[1].ulValueLen, 4u);
+  EXPECT_EQ(read[2].ulValueLen, 0xFFFFFFFFu);
+  std::array<CK_BYTE, 4> narrow = {9, 9, 9, 9};
+  read[0] = {CKA_MODULUS_BITS, narrow.data(), 3};
+  EXPECT_EQ(list_->C_GetAttributeValue(session_, private_key, read.data(), 1), CKR_BUFFER_TOO_SMALL);
+  EXPECT_EQ(read[0].ulValueLen, 0xFFFFFFFFu);
+  EXPECT_EQ(narrow, (std::array<CK_BYTE, 4>{9, 9, 9, 9}));
+
   LogIn();
   read[0] = {CKA_PRIVATE_EXPONENT, nullptr, 0};
-  EXPECT_EQ(list_->C_GetAttributeValue(session_, FindOne(CKO_PRIVATE_KEY, "Key1"), read.data(), 1),
-            CKR_ATTRIBUTE_SENSITIVE);
+  EXPECT_EQ(list_->C_GetAttributeValue(session_, private_key, read.data(), 1), CKR_ATTRIBUTE_SENSITIVE);
   EXPECT_EQ(read[0].ulValueLen, 0xFFFFFFFFu);
   EXPECT_EQ(list_->C_GetAttributeValue(session_, 0, read.data(), 1), CKR_OBJECT_HANDLE_INVALID);
 }
