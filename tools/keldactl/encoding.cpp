@@ -144,8 +144,8 @@ Bytes CertificationRequestInfo(const std::wstring& subject, const RsaPublicKey& 
   DWORD size = 0;
   Bytes name;
   for (int pass = 0; pass < 2; ++pass) {
-    if (!CertStrToNameW(X509_ASN_ENCODING, subject.c_str(), CERT_X500_NAME_STR, nullptr, pass ? name.data() : nullptr,
-                        &size, nullptr)) {
+    if (!CertStrToNameW(X509_ASN_ENCODING, subject.c_str(), CERT_X500_NAME_STR | CERT_NAME_STR_ENABLE_UTF8_UNICODE_FLAG,
+                        nullptr, pass ? name.data() : nullptr, &size, nullptr)) {
       throw Failure(L"Reading the subject " + Quoted(subject), static_cast<long>(GetLastError()));
     }
     name.resize(size);

@@ -5,7 +5,10 @@
 #include "output.h"
 #include "progress.h"
 #include "property_table.h"
+#include "signing.h"
 #include "status.h"
+
+#include <winscard.h>
 
 #include <cstring>
 
@@ -25,7 +28,7 @@ int ListKeys(const Arguments& arguments) {
 
 std::wstring ExportPolicy(DWORD policy) {
   return FlagsInWords(policy,
-                      {{NCRYPT_ALLOW_EXPORT_FLAG, L"wrapped"},
+                      {{NCRYPT_ALLOW_EXPORT_FLAG, L"wrapped by another key"},
                        {NCRYPT_ALLOW_PLAINTEXT_EXPORT_FLAG, L"in plain text"},
                        {NCRYPT_ALLOW_ARCHIVING_FLAG, L"once for archiving"},
                        {NCRYPT_ALLOW_PLAINTEXT_ARCHIVING_FLAG, L"once for archiving in plain text"}},
@@ -72,7 +75,7 @@ int ShowKey(const Arguments& arguments) {
   table.Add(L"Lengths offered", NCRYPT_LENGTHS_PROPERTY, Lengths);
   table.Number(L"Block length", NCRYPT_BLOCK_LENGTH_PROPERTY, ByteCount);
   table.Number(L"Used for", NCRYPT_KEY_USAGE_PROPERTY, KeyUsage);
-  table.Number(L"Export", NCRYPT_EXPORT_POLICY_PROPERTY, ExportPolicy);
+  table.Number(L"Export policy", NCRYPT_EXPORT_POLICY_PROPERTY, ExportPolicy);
   table.Number(L"Key of", NCRYPT_KEY_TYPE_PROPERTY, KeyType);
   table.Add(L"Certificate", NCRYPT_CERTIFICATE_PROPERTY, [](const Bytes& value) -> std::wstring {
     try {
@@ -131,6 +134,20 @@ int CreateKey(const Arguments& arguments) {
   return kExitOk;
 }
 
+// A token lets only a logged-in user delete, and CNG has no call for logging in. Every use of the private key makes the
+// provider ask for the PIN, so the key signs something of no use; whether it can does not matter.
+void LogIn(const Key& key) {
+  const HashAlgorithm& algorithm = FindHash(L"sha256");
+  try {
+    SignHash(key, algorithm, HashOf(algorithm, {}));
+  } catch (const Failure& failure) {
+    if (failure.status() == SCARD_W_CANCELLED_BY_USER || failure.status() == NTE_USER_CANCELLED ||
+        failure.status() == ERROR_CANCELLED) {
+      throw;
+    }
+  }
+}
+
 int DeleteKey(const Arguments& arguments) {
   const Provider provider(arguments);
   Key key = provider.Open(arguments);
@@ -140,7 +157,12 @@ int DeleteKey(const Arguments& arguments) {
     Complain(L"Nothing was deleted.");
     return kExitFailed;
   }
-  const SECURITY_STATUS status = NCryptDeleteKey(key.handle.get(), key.flags);
+  SECURITY_STATUS status = NCryptDeleteKey(key.handle.get(), key.flags);
+  if (status != ERROR_SUCCESS) {
+    LogIn(key);
+    status = NCryptDeleteKey(key.handle.get(), key.flags);
+  }
+  // The deleted key's handle is gone with it.
   if (status == ERROR_SUCCESS) key.handle.release();
   Check(status, L"Deleting the key " + Quoted(found));
   Say(L"Deleted the key " + Quoted(found) + L".");

@@ -6,11 +6,23 @@
 #include <map>
 
 namespace keldactl {
+namespace {
+
+// The name for the table. Random bytes as a name tell nobody anything, so only their beginning is shown.
+std::wstring Shown(const std::wstring& name) {
+  constexpr size_t kMost = 36;
+  if (name.empty()) return L"(empty)";
+  std::wstring text = Printable(name);
+  if (text != name && text.size() > kMost) text = text.substr(0, kMost - 3) + L"...";
+  return text;
+}
+
+}  // namespace
 
 void SayKeys(const std::vector<ListedKey>& keys) {
   std::vector<std::vector<std::wstring>> rows = {{L"NAME", L"HEX TEXT", L"ALGORITHM"}};
   for (const ListedKey& key : keys) {
-    rows.push_back({key.name.empty() ? L"(empty)" : Printable(key.name), HexText(key.name), key.algorithm});
+    rows.push_back({Shown(key.name), HexText(key.name), key.algorithm});
   }
   SayTable(rows);
 }
