@@ -1,8 +1,8 @@
 // What an RSAPair does with its keys.
 #include <cstring>
-#include <new>
 
 #include "crypto/digest_info.h"
+#include "support/wipe.h"
 #include "token/rsa_pair.h"
 
 namespace {
@@ -46,15 +46,17 @@ SECURITY_STATUS RSAPair::Sign(const unsigned char* pbHash, DWORD cbHash, unsigne
   DigestInfoPrefix prefix;
   if (!FindDigestInfoPrefix(cbHash, prefix)) return NTE_INVALID_PARAMETER;
 
+  WipedBytes buffer(prefix.length + cbHash);
+  if (prefix.length != 0) std::memcpy(buffer.data(), prefix.bytes, prefix.length);
+  std::memcpy(buffer.data() + prefix.length, pbHash, cbHash);
   // Public material only; the buffer is never released. Kept on purpose (docs/kept-oddities.md).
-  const std::size_t cbData = prefix.length + cbHash;
-  unsigned char* data = new unsigned char[cbData];
-  if (prefix.length != 0) std::memcpy(data, prefix.bytes, prefix.length);
-  std::memcpy(data + prefix.length, pbHash, cbHash);
+  const auto cbData = static_cast<CK_ULONG>(buffer.size());
+  unsigned char* data = buffer.Release();
 
   CK_MECHANISM mechanism = RsaPkcs();
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks)
   if (Token().C_SignInit(session_, &mechanism, privateKey_) != CKR_OK) return NTE_INTERNAL_ERROR;
-  return StatusOfResult(Token().C_Sign(session_, data, static_cast<CK_ULONG>(cbData), pbSignature, pcbSignature));
+  return StatusOfResult(Token().C_Sign(session_, data, cbData, pbSignature, pcbSignature));
 }
 
 SECURITY_STATUS RSAPair::Verify(const unsigned char* pbHash, DWORD cbHash, const unsigned char* pbSignature,

@@ -33,7 +33,7 @@ class Certificate : public CryptokiObject {
   WipedArray<char> TakeLabel(PCCERT_CONTEXT context);
 
   unsigned char flags_[4] = {};
-  CK_ULONG reserved_ = 0;
+  [[maybe_unused]] CK_ULONG reserved_ = 0;
   WipedBytes serialNumber_;
   WipedBytes encoded_;
   WipedBytes third_;

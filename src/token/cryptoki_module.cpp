@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 CryptokiModule::CryptokiModule() : log_(LogPointer::Create(-1, 0)) {
+  // cppcheck-suppress useInitializationList ; the log has to be there before the module is loaded
   module_ = LoadLibraryW(L"keldapkcs11.dll");
   if (module_ == nullptr) {
     log_->WriteLine("Failed to load PKCS#11 Library.\n");

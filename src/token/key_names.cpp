@@ -5,6 +5,7 @@
 #include "diag/debug_log.h"
 #include "support/text.h"
 #include "token/hex_name.h"
+#include "token/name_buffer.h"
 
 namespace {
 
@@ -54,14 +55,10 @@ SECURITY_STATUS ReadKeyNameFromParams(const NCryptBufferDesc* parameters, WideNa
   for (ULONG i = 0; i < parameters->cBuffers; ++i) {
     const NCryptBuffer& buffer = parameters->pBuffers[i];
     if (buffer.BufferType != NCRYPTBUFFER_PKCS_KEY_NAME || buffer.pvBuffer == nullptr || buffer.cbBuffer < 2) continue;
-    // Any zero byte will do, as in the high half of a Latin letter. The copy ends with the data at the latest, so that
-    // a name without a terminator of its own is never read beyond it.
-    if (std::memchr(buffer.pvBuffer, 0, buffer.cbBuffer) == nullptr) return NTE_INVALID_PARAMETER;
     const auto* bytes = static_cast<const unsigned char*>(buffer.pvBuffer);
     std::size_t cbName = 0;
-    while (cbName + 1 < buffer.cbBuffer && (bytes[cbName] != 0 || bytes[cbName + 1] != 0))
-      cbName += sizeof(wchar_t);
-    if (cbName + 1 >= buffer.cbBuffer) cbName = buffer.cbBuffer;
+    if (!MeasureName(bytes, buffer.cbBuffer, cbName)) return NTE_INVALID_PARAMETER;
+    // Room for an odd last byte and for the terminator.
     name = WideName(cbName / sizeof(wchar_t) + 2);
     std::memcpy(name.data(), bytes, cbName);
   }

@@ -41,7 +41,7 @@ class PrivateKey : public CryptokiObject {
   WipedBytes publicExponent_;
   WipedBytes privateExponent_;
   WipedBytes modulus_;
-  CK_ULONG reserved_[2] = {};
+  [[maybe_unused]] CK_ULONG reserved_[2] = {};
   WipedBytes prime1_;
   WipedBytes prime2_;
   WipedBytes exponent1_;

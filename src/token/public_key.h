@@ -34,7 +34,7 @@ class PublicKey : public CryptokiObject {
   WipedBytes id_;  // kDeclaredIdSize bytes, of which the last are zero
   WipedBytes publicExponent_;
   WipedBytes modulus_;
-  CK_ULONG counters_[2] = {};
+  [[maybe_unused]] CK_ULONG counters_[2] = {};
 };
 
 // Whether the token takes a modulus of this many bits in a create operation.

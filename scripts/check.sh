@@ -1,0 +1,106 @@
+#!/usr/bin/env bash
+# check.sh: looks at sources and products without running them. Needs a build of x64 and x86 (scripts/build.sh). Prints
+# "PASS: name" or "FAIL: name" for each check, and what was found before it.
+# shellcheck source=scripts/lib.sh
+# shellcheck disable=SC2317 # the checks are called by name
+source "$(dirname "$0")/lib.sh"
+cd "$ROOT"
+"$ROOT/scripts/prepare.sh" check
+
+failed=0
+# check NAME COMMAND...: passes when the command succeeds.
+check() {
+  local name=$1 output status=0
+  shift
+  output=$("$@" 2>&1) || status=$?
+  if ((status == 0)); then
+    echo "PASS: $name"
+  else
+    printf '%s\n' "$output" | head -n 60
+    echo "FAIL: $name"
+    failed=1
+  fi
+}
+
+sources() { git ls-files --cached --others --exclude-standard -- "$@"; }
+
+formatted() { sources '*.cpp' '*.h' '*.c' | xargs clang-format --dry-run --Werror; }
+
+shell_scripts() { { sources '*.sh'; echo .ci/run; } | xargs shellcheck -x; }
+
+# commands ARCH FILTER: the compile commands of a build whose source matches, one a line, made fit for Clang.
+commands() {
+  python3 - "$BUILD/$1/compile_commands.json" "$1" "$2" <<'PYTHON'
+import json, re, shlex, subprocess, sys
+database, arch, wanted = sys.argv[1:]
+triplet = {"x64": "x86_64", "x86": "i686"}[arch] + "-w64-mingw32"
+headers = subprocess.run([triplet + "-g++-posix", "-print-file-name=include/c++"], capture_output=True, text=True,
+                         check=True).stdout.strip()
+dropped = {"-mno-ms-bitfields", "-Wno-restrict"}
+seen = set()
+for entry in json.load(open(database)):
+    if not re.search(wanted, entry["file"]) or not entry["file"].endswith((".cpp", ".c")) or entry["file"] in seen:
+        continue
+    seen.add(entry["file"])
+    words = shlex.split(entry["command"])
+    while not words[0].endswith(("g++-posix", "gcc-posix")):  # a compiler cache may stand before the compiler
+        words.pop(0)
+    cpp = words.pop(0).endswith("g++-posix")
+    words = [word for word in words if word not in dropped]
+    output = words.index("-o")
+    del words[output:output + 2]
+    words.remove("-c")
+    compiler = ["clang++" if cpp else "clang", "--target=" + triplet, "-fsyntax-only", "-Wno-unknown-warning-option"]
+    if cpp:
+        compiler += ["-stdlib++-isystem", headers, "-stdlib++-isystem", headers + "/" + triplet,
+                     "-stdlib++-isystem", headers + "/backward"]
+    print(shlex.join(compiler + words))
+PYTHON
+}
+
+# shellcheck disable=SC2016 # $0 is the inner shell's
+in_parallel() { xargs -P "$(nproc)" -d '\n' -I{} sh -c 'cd "$0" && {}' "$ROOT"; }
+
+clang_compiles() { commands "$1" '/(src|tools|standins|tests)/' | in_parallel; }
+
+tidy() {
+  local headers
+  headers=$(x86_64-w64-mingw32-g++-posix -print-file-name=include/c++)
+  sources 'src/*.cpp' 'tools/*.cpp' |
+    xargs -P "$(nproc)" -n 4 clang-tidy --quiet -p "$BUILD/x64" --extra-arg=--target=x86_64-w64-mingw32 \
+      --extra-arg=-Wno-unknown-warning-option --extra-arg=-Wno-error --extra-arg=-Wno-unused-command-line-argument \
+      --extra-arg="-stdlib++-isystem$headers" --extra-arg="-stdlib++-isystem$headers/x86_64-w64-mingw32"
+}
+
+cppcheck_is_content() {
+  cppcheck --quiet --error-exitcode=1 --std=c++20 --language=c++ --platform=win64 --inline-suppr \
+    --enable=warning,performance,portability -Isrc -D_WIN32 -j "$(nproc)" src tools
+}
+
+# Exactly the entry export and the 26 entries, none of them decorated.
+exports() {
+  local objdump=$1-w64-mingw32-objdump dll=$BUILD/$2/bin/keldaksp.dll
+  diff <(sed -n 's/^  \([A-Za-z]*\)$/\1/p' src/provider/keldaksp.def | sort) \
+    <("$objdump" -p "$dll" | sed -n '/^\[Ordinal\/Name Pointer\] Table/,/^$/s/^\s*\[ *[0-9]*\] //p' | sort)
+}
+
+# Windows' own DLLs and no others.
+imports() {
+  local objdump=$1-w64-mingw32-objdump dll=$BUILD/$2/bin/keldaksp.dll foreign
+  foreign=$("$objdump" -p "$dll" | sed -n 's/^\s*DLL Name: //p' | tr '[:upper:]' '[:lower:]' |
+    grep -vxE '(advapi32|bcrypt|crypt32|gdi32|kernel32|msvcrt|user32|winscard)\.dll' || true)
+  [[ -z $foreign ]] || { echo "imports from $foreign"; return 1; }
+}
+
+check "sources are formatted" formatted
+check "scripts pass shellcheck" shell_scripts
+for arch in x64 x86; do
+  triplet=x86_64
+  [[ $arch == x64 ]] || triplet=i686
+  check "Clang compiles everything ($arch)" clang_compiles "$arch"
+  check "keldaksp.dll exports its 27 names ($arch)" exports "$triplet" "$arch"
+  check "keldaksp.dll imports only Windows' DLLs ($arch)" imports "$triplet" "$arch"
+done
+check "clang-tidy finds nothing" tidy
+check "cppcheck finds nothing" cppcheck_is_content
+exit "$failed"
