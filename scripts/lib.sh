@@ -148,22 +148,7 @@ windows_path() {
   printf 'Z:%s' "${path//\//\\}"
 }
 
-# ---- The PIN dialog --------------------------------------------------------------------------------------------------
-
-# wait_for_dialog NAME PID: prints the window whose caption begins with NAME; fails when process PID ends before it comes.
-wait_for_dialog() {
-  local name=$1 pid=$2 window tries
-  for ((tries = 0; tries < 600; tries++)); do
-    window=$(xdotool search --onlyvisible --name "^$name" 2>/dev/null | head -n 1) || true
-    if [[ $window ]]; then
-      printf '%s' "$window"
-      return 0
-    fi
-    kill -0 "$pid" 2>/dev/null || return 1
-    sleep 0.1
-  done
-  return 1
-}
+# ---- Dialogs ---------------------------------------------------------------------------------------------------------
 
 # picture_of WINDOW FILE: waits until the window has been drawn, that is until two pictures in a row are equal and not
 # of one colour.

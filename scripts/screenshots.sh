@@ -3,7 +3,9 @@
 # shellcheck source=scripts/lib.sh
 source "$(dirname "$0")/lib.sh"
 
-"$ROOT/scripts/demo.sh"
+"$ROOT/scripts/demo.sh" --readers 2
 mkdir -p "$ROOT/docs/images"
-convert "$BUILD/demo/pin-dialog.png" -strip "$ROOT/docs/images/pin-dialog.png"
-step "Taken: docs/images/pin-dialog.png"
+for picture in pin-dialog reader-dialog; do
+  convert "$BUILD/demo/$picture.png" -strip "$ROOT/docs/images/$picture.png"
+  step "Taken: docs/images/$picture.png"
+done
