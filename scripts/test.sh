@@ -135,7 +135,14 @@ builds=()
 [[ ! -v wanted[native] ]] || builds+=(native)
 [[ ! -v wanted[x64] && ! -v wanted[e2e] ]] || builds+=(x64)
 [[ ! -v wanted[x86] ]] || builds+=(x86)
-[[ ! $build ]] || ((${#builds[@]} == 0)) || "$ROOT/scripts/build.sh" "${builds[@]}"
+# A build that fails takes its tests with it, and leaves the others.
+for what in "${builds[@]+"${builds[@]}"}"; do
+  if [[ $build ]] && ! "$ROOT/scripts/build.sh" "$what"; then
+    fail "the $what build failed"
+    unset "wanted[$what]"
+    [[ $what != x64 ]] || unset "wanted[e2e]" "wanted[check]"
+  fi
+done
 
 rm -rf "$results"
 mkdir -p "$results"
