@@ -161,6 +161,9 @@ std::optional<Bytes> UnpadBlock(std::uint8_t type, const Bytes& block) {
   if (block.size() < 11 || block[0] != 0 || block[1] != type) return std::nullopt;
   const auto end = std::find(block.begin() + 2, block.end(), std::uint8_t{0});
   if (end == block.end()) return std::nullopt;
+  if (type == 1 && std::any_of(block.begin() + 2, end, [](std::uint8_t byte) { return byte != 0xFF; })) {
+    return std::nullopt;
+  }
   return Bytes(end + 1, block.end());
 }
 

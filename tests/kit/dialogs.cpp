@@ -7,12 +7,15 @@
 #include <mutex>
 #include <set>
 
+#include "kit/imports.h"
+
 namespace kit {
 
 struct DialogRobot::State {
   std::mutex lock;
   std::condition_variable changed;
   std::deque<HWND> shown;
+  std::set<HWND> running;  // those whose message loop has been seen at work
   std::set<HWND> seen;
   std::size_t created = 0;
   std::size_t handled = 0;
@@ -25,9 +28,53 @@ namespace {
 // The robot of the thread that opens dialogs; its hook procedure runs on that thread.
 thread_local DialogRobot::State* t_state = nullptr;
 
+// Dialogs that the DLL has ended. Their windows live on for a moment, and must not be answered any more.
+struct EndedDialogs {
+  std::mutex lock;
+  std::set<HWND> windows;
+  Hook<"EndDialog", decltype(&EndDialog)> hook{[this](auto original, HWND window, INT_PTR result) -> BOOL {
+    {
+      const std::lock_guard guard(lock);
+      windows.insert(window);
+    }
+    return original(window, result);
+  }};
+
+  bool Has(HWND window) {
+    const std::lock_guard guard(lock);
+    return windows.contains(window);
+  }
+  void Forget(HWND window) {
+    const std::lock_guard guard(lock);
+    windows.erase(window);
+  }
+};
+
+EndedDialogs& Ended() {
+  static EndedDialogs ended;
+  return ended;
+}
+
 bool IsDialog(HWND window) {
   wchar_t name[16];
   return GetClassNameW(window, name, 16) && std::wcscmp(name, L"#32770") == 0;
+}
+
+UINT ProbeMessage() {
+  static const UINT message = RegisterWindowMessageW(L"KeldaTestDialogProbe");
+  return message;
+}
+
+// A posted message is taken out by the dialog's own message loop only: once that has happened the dialog has been
+// initialised, shown and given its focus.
+LRESULT CALLBACK OnMessage(int code, WPARAM wParam, LPARAM lParam) {
+  const auto* message = reinterpret_cast<const MSG*>(lParam);
+  if (t_state && code == HC_ACTION && wParam == PM_REMOVE && message->message == ProbeMessage()) {
+    const std::lock_guard guard(t_state->lock);
+    t_state->running.insert(message->hwnd);
+    t_state->changed.notify_all();
+  }
+  return CallNextHookEx(nullptr, code, wParam, lParam);
 }
 
 LRESULT CALLBACK OnHook(int code, WPARAM wParam, LPARAM lParam) {
@@ -35,6 +82,7 @@ LRESULT CALLBACK OnHook(int code, WPARAM wParam, LPARAM lParam) {
   if (t_state && (code == HCBT_CREATEWND || code == HCBT_ACTIVATE) && IsDialog(window)) {
     const std::lock_guard guard(t_state->lock);
     if (code == HCBT_CREATEWND) {
+      Ended().Forget(window);
       ++t_state->created;
     } else if (t_state->seen.insert(window).second) {
       t_state->shown.push_back(window);
@@ -58,14 +106,21 @@ void Work(const std::shared_ptr<DialogRobot::State>& state) {
       ++state->handled;
     }
     Dialog dialog(window);
-    // The dialog answers once it runs its message loop; that it does so, it has been initialised.
-    dialog.Send(0, WM_NULL);
-    if (step) step(dialog);
+    PostMessageW(window, ProbeMessage(), 0, 0);
+    {
+      std::unique_lock guard(state->lock);
+      state->changed.wait(guard, [&] { return state->stop || state->running.contains(window); });
+    }
+    if (step && dialog.open()) step(dialog);
     if (dialog.open()) dialog.PressCancel();
   }
 }
 
 }  // namespace
+
+bool Dialog::open() const {
+  return IsWindow(window_) != FALSE && !Ended().Has(window_);
+}
 
 LRESULT Dialog::Send(int id, UINT message, WPARAM wParam, LPARAM lParam) const {
   return SendMessageW(id ? control(id) : window_, message, wParam, lParam);
@@ -99,8 +154,10 @@ void Dialog::CloseBySystemMenu() const {
 
 DialogRobot::DialogRobot(std::vector<Step> steps) : state_(std::make_shared<State>()) {
   state_->steps = std::move(steps);
+  Ended();
   t_state = state_.get();
   hook_ = SetWindowsHookExW(WH_CBT, &OnHook, nullptr, GetCurrentThreadId());
+  messageHook_ = SetWindowsHookExW(WH_GETMESSAGE, &OnMessage, nullptr, GetCurrentThreadId());
   worker_ = std::thread(&Work, state_);
 }
 
@@ -111,6 +168,7 @@ DialogRobot::~DialogRobot() {
 std::size_t DialogRobot::Finish() {
   if (worker_.joinable()) {
     UnhookWindowsHookEx(hook_);
+    UnhookWindowsHookEx(messageHook_);
     t_state = nullptr;
     {
       const std::lock_guard guard(state_->lock);

@@ -24,7 +24,8 @@ class Dialog {
   std::wstring caption() const { return TextOf(window_); }
   std::wstring text(int id) const { return TextOf(control(id)); }
   bool enabled(int id) const { return IsWindowEnabled(control(id)) != FALSE; }
-  bool open() const { return IsWindow(window_) != FALSE; }
+  // Whether it has neither been ended nor destroyed.
+  bool open() const;
   // One WM_CHAR for each character to the control.
   void Type(int id, const std::wstring& characters) const;
   // A key with its WM_KEYDOWN and WM_KEYUP (no WM_CHAR).
@@ -65,6 +66,7 @@ class DialogRobot {
  private:
   std::shared_ptr<State> state_;
   HHOOK hook_ = nullptr;
+  HHOOK messageHook_ = nullptr;
   std::thread worker_;
 };
 

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <ostream>
 #include <utility>
 
 #include "kit/imports.h"
@@ -13,7 +14,8 @@ namespace {
 constexpr DWORD kDebuggerNarrow = 0x40010006;
 constexpr DWORD kDebuggerWide = 0x4001000A;
 
-thread_local bool t_inWide = false;
+// Set while the provider itself sends a line: GoogleTest talks to the debugger as well.
+thread_local bool t_fromProvider = false;
 
 LONG CALLBACK OnException(EXCEPTION_POINTERS* pointers) {
   const EXCEPTION_RECORD* record = pointers->ExceptionRecord;
@@ -21,22 +23,27 @@ LONG CALLBACK OnException(EXCEPTION_POINTERS* pointers) {
     // The length counts the terminator.
     const auto length = static_cast<std::size_t>(record->ExceptionInformation[0]);
     const auto* text = reinterpret_cast<const char*>(record->ExceptionInformation[1]);
-    if (!t_inWide) Log::Get().NoteDebugger(text, length ? length - 1 : 0);
+    if (t_fromProvider) Log::Get().NoteDebugger(text, length ? length - 1 : 0);
     return EXCEPTION_CONTINUE_EXECUTION;
   }
   if (record->ExceptionCode == kDebuggerWide) return EXCEPTION_CONTINUE_EXECUTION;
   return EXCEPTION_CONTINUE_SEARCH;
 }
 
-std::string ReadAll(const std::wstring& path) {
+// The file from the given byte on; `end` receives the position behind its last byte.
+std::string ReadFrom(const std::wstring& path, std::size_t begin, std::size_t& end) {
+  end = begin;
   const HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                   nullptr, OPEN_EXISTING, 0, nullptr);
   if (file == INVALID_HANDLE_VALUE) return {};
-  std::string raw(GetFileSize(file, nullptr), '\0');
+  const std::size_t size = GetFileSize(file, nullptr);
+  std::string raw(size > begin ? size - begin : 0, '\0');
   DWORD read = 0;
+  SetFilePointer(file, static_cast<LONG>(begin), nullptr, FILE_BEGIN);
   if (!ReadFile(file, raw.data(), static_cast<DWORD>(raw.size()), &read, nullptr)) read = 0;
   CloseHandle(file);
   raw.resize(read);
+  end = begin + read;
   std::string text;
   for (std::size_t i = 0; i < raw.size(); ++i) {
     if (raw[i] == '\r' && i + 1 < raw.size() && raw[i + 1] == '\n') continue;
@@ -57,12 +64,16 @@ void Log::Install() {
   GetTempPathW(MAX_PATH, temporary);
   folder_ = std::wstring(temporary) + L"kelda_" + std::to_wstring(GetCurrentProcessId());
   CreateDirectoryW(folder_.c_str(), nullptr);
+  EmptyFolder();  // a process of the same number may have been stopped here
   AddVectoredExceptionHandler(1, &OnException);
+  static const Hook<"OutputDebugStringA", decltype(&OutputDebugStringA)> narrow([](auto original, LPCSTR text) {
+    t_fromProvider = true;
+    original(text);
+    t_fromProvider = false;
+  });
   static const Hook<"OutputDebugStringW", decltype(&OutputDebugStringW)> wide([](auto original, LPCWSTR text) {
     Log::Get().NoteWide(text);
-    t_inWide = true;
     original(text);
-    t_inWide = false;
   });
   static const Hook<"RegGetValueW", decltype(&RegGetValueW)> reads(
       [](auto original, HKEY key, LPCWSTR subKey, LPCWSTR value, DWORD flags, LPDWORD type, PVOID data, LPDWORD size) {
@@ -89,22 +100,34 @@ std::wstring Log::PathOf(int instance) const {
   return folder_ + L"\\" + std::to_wstring(generation_) + L"_" + std::to_wstring(instance) + L".log";
 }
 
+void Log::EmptyFolder() const {
+  WIN32_FIND_DATAW found;
+  const HANDLE search = FindFirstFileW((folder_ + L"\\*.log").c_str(), &found);
+  if (search == INVALID_HANDLE_VALUE) return;
+  do {
+    DeleteFileW((folder_ + L"\\" + found.cFileName).c_str());
+  } while (FindNextFileW(search, &found));
+  FindClose(search);
+}
+
 void Log::RemoveFiles() {
-  for (int i = 0; i <= constructed_; ++i)
-    DeleteFileW(PathOf(i).c_str());
+  EmptyFolder();
   RemoveDirectoryW(folder_.c_str());
 }
 
 void Log::Prepare(Mode mode) {
-  for (int i = 0; i <= constructed_; ++i)
-    DeleteFileW(PathOf(i).c_str());
+  EmptyFolder();
   ++generation_;
   mode_ = mode;
   constructed_ = 0;
   offsets_.clear();
   spoken_.clear();
   known_ = 0;
-  if (mode == Mode::Off) {
+  WriteSwitch();
+}
+
+void Log::WriteSwitch() {
+  if (mode_ == Mode::Off) {
     Registry::Get().Remove(kSdkKey, L"KSPLOG");
     Registry::Get().Remove(kSdkKey, L"KSPDIR");
   } else {
@@ -118,7 +141,8 @@ std::wstring Log::FilePath() const {
 }
 
 std::string Log::FileText(int instance) const {
-  return ReadAll(PathOf(instance));
+  std::size_t end = 0;
+  return ReadFrom(PathOf(instance), 0, end);
 }
 
 std::wstring Log::NextPath() {
@@ -184,13 +208,15 @@ bool Log::Assign(const std::vector<DebuggerLine>& lines, const std::vector<int>&
     int instance;
     std::string text;
     std::size_t at;
+    std::size_t end;  // in bytes of the file
   };
   std::vector<File> files;
   for (int i : instances) {
-    File file{i, FileText(i), offsets_[i]};
+    File file{i, {}, 0, 0};
+    file.text = ReadFrom(PathOf(i), offsets_[i], file.end);
     // The start line is in the file only.
     const std::string start = "\n\n" + std::string(66, '*') + " LOG START - ";
-    if (file.at == 0 && file.text.starts_with(start)) {
+    if (offsets_[i] == 0 && file.text.starts_with(start)) {
       const std::size_t end = file.text.find('\n', start.size());
       file.at = end == std::string::npos ? file.text.size() : std::min(end + 2, file.text.size());
     }
@@ -198,7 +224,9 @@ bool Log::Assign(const std::vector<DebuggerLine>& lines, const std::vector<int>&
   }
   std::vector<std::size_t> tried(lines.size() + 1, 0);  // how many files were tried at each line
   std::size_t position = 0;
+  std::size_t steps = 0;
   while (position < lines.size()) {
+    if (++steps > 20 * lines.size() + 1000) return false;
     const std::string wanted = lines[position].text + "\n";
     std::size_t& next = tried[position];
     while (next < files.size() && files[next].text.compare(files[next].at, wanted.size(), wanted) != 0)
@@ -219,10 +247,21 @@ bool Log::Assign(const std::vector<DebuggerLine>& lines, const std::vector<int>&
   for (std::size_t i = 0; i < lines.size(); ++i)
     result.emplace_back(files[tried[i] - 1].instance, lines[i].text);
   for (const File& file : files) {
-    offsets_[file.instance] = file.text.size();
+    offsets_[file.instance] = file.end;
     spoken_.insert(file.instance);
   }
   return true;
+}
+
+void PrintTo(const Line& line, std::ostream* out) {
+  static const char* const names[] = {"?", "key-name", "main", "module", "pin-manager", "pin"};
+  *out << "[";
+  if (line.instance >= 0 && line.instance < 6) {
+    *out << names[line.instance];
+  } else {
+    *out << "instance " << line.instance;
+  }
+  *out << "] \"" << line.text << "\"";
 }
 
 std::string Hex32(const std::string& label, ULONGLONG value) {

@@ -3,6 +3,7 @@
 
 #include <windows.h>
 
+#include <iosfwd>
 #include <map>
 #include <mutex>
 #include <set>
@@ -26,6 +27,8 @@ struct Line {
   bool operator==(const Line&) const = default;
 };
 
+void PrintTo(const Line& line, std::ostream* out);
+
 struct DebuggerLine {
   std::string text;
   DWORD thread;
@@ -46,6 +49,8 @@ class Log {
   void Install();
   // To be called before the provider is loaded: writes "KSPLOG" and "KSPDIR" and forgets earlier files.
   void Prepare(Mode mode);
+  // "KSPLOG" and "KSPDIR" once more: instances that the provider constructs later read them, too.
+  void WriteSwitch();
   Mode mode() const { return mode_; }
   void RemoveFiles();
 
@@ -69,13 +74,14 @@ class Log {
 
  private:
   std::wstring PathOf(int instance) const;
+  void EmptyFolder() const;
   bool Assign(const std::vector<DebuggerLine>& lines, const std::vector<int>& instances, std::vector<Line>& result);
   Mode mode_ = Mode::Off;
   std::wstring folder_;
   int generation_ = 0;
   int constructed_ = 0;
   int known_ = 0;                       // instances constructed up to the last Take
-  std::map<int, std::size_t> offsets_;  // how far each instance's file has been read
+  std::map<int, std::size_t> offsets_;  // how far each instance's file has been read, in bytes
   std::set<int> spoken_;                // instances that have written a line
   std::mutex lock_;
   std::vector<DebuggerLine> lines_;

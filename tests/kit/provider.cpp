@@ -32,15 +32,9 @@ void CALLBACK OnModule(ULONG reason, const NotificationData* data, void*) {
   }
 }
 
-std::string Shown(const Line& line) {
-  static const char* const names[] = {"?", "key-name", "main", "module", "pin-manager", "pin"};
-  const std::string name =
-      line.instance >= 0 && line.instance < 6 ? names[line.instance] : "instance " + std::to_string(line.instance);
-  return "[" + name + "] " + ::testing::PrintToString(line.text);
-}
-
-template <typename Item, typename Show>
-::testing::AssertionResult Same(const std::vector<Item>& expected, const std::vector<Item>& actual, Show show) {
+template <typename Item>
+::testing::AssertionResult Same(const std::vector<Item>& expected, const std::vector<Item>& actual) {
+  const auto show = [](const Item& item) { return ::testing::PrintToString(item); };
   if (expected == actual) return ::testing::AssertionSuccess();
   ::testing::AssertionResult failure = ::testing::AssertionFailure();
   std::size_t first = 0;
@@ -143,6 +137,7 @@ void ProviderTest::SetUp() {
     ASSERT_TRUE(Provider::Get().Load(Log::Mode::Tagged)) << "error " << Provider::Get().loadError();
   }
   ASSERT_NE(Provider::Get().table, nullptr);
+  Log::Get().WriteSwitch();
   ksp().FreeBuffer(nullptr);  // no reader chosen by an earlier test is remembered
   Forget();
 }
@@ -193,11 +188,11 @@ void ProviderTest::ExpectCalls(const std::vector<std::string>& expected) {
 }
 
 ::testing::AssertionResult SameLines(const std::vector<Line>& expected, const std::vector<Line>& actual) {
-  return Same(expected, actual, Shown);
+  return Same(expected, actual);
 }
 
 ::testing::AssertionResult SameTexts(const std::vector<std::string>& expected, const std::vector<std::string>& actual) {
-  return Same(expected, actual, [](const std::string& text) { return ::testing::PrintToString(text); });
+  return Same(expected, actual);
 }
 
 }  // namespace kit

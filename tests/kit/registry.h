@@ -32,8 +32,8 @@ class Registry {
   void Remove(const wchar_t* key, const wchar_t* value);
   void RemoveKey(const wchar_t* key);
 
-  // The registration of a working provider: "Aliases" with the provider's name, "Default Key Length" 2048, and nothing
-  // below the SDK key but "KSPLOG" and "KSPDIR" as the log capture wants them.
+  // The registration of a working provider: "Aliases" with the provider's name, "Default Key Length" 2048, and no
+  // settings key.
   void SetDefaults();
 
   // The value names that the provider has read since the last call ("Aliases", "PINCACHE", ...), in order.

@@ -67,6 +67,13 @@ TEST_F(OpenProviderTest, OneReaderIsTakenWithoutAsking) {
   EXPECT_EQ(Registry::Get().TakeReads(), (std::vector<std::wstring>{L"Aliases", L"dwUseProviderCache"}));
 }
 
+TEST_F(OpenProviderTest, WithoutSettingsKeyNothingIsQueriedInIt) {
+  Registry::Get().RemoveKey(kit::kSdkKey);
+  AddReader("Reader 0");
+  EXPECT_EQ(Open(kProviderName, 0), 0);
+  EXPECT_EQ(Registry::Get().TakeReads(), std::vector<std::wstring>{L"Aliases"});
+}
+
 TEST_F(OpenProviderTest, FillsTheRecord) {
   AddReader("Reader 0");
   ASSERT_EQ(Open(kProviderName, kSilent), 0);
