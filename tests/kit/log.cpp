@@ -5,6 +5,8 @@
 #include <ostream>
 #include <utility>
 
+#include <gtest/gtest.h>
+
 #include "kit/imports.h"
 #include "kit/registry.h"
 
@@ -117,6 +119,8 @@ void Log::RemoveFiles() {
 
 void Log::Prepare(Mode mode) {
   EmptyFolder();
+  TakeDebuggerLines();
+  TakeWideLines();
   ++generation_;
   mode_ = mode;
   constructed_ = 0;
@@ -195,7 +199,7 @@ std::vector<Line> Log::Take() {
   result.clear();
   for (const DebuggerLine& line : lines)
     result.emplace_back(kNoInstance, line.text);
-  result.emplace_back(kNoInstance, "(kit: the log files do not hold exactly the debugger's lines)");
+  ADD_FAILURE() << "the log files do not hold exactly the debugger's lines: " << lastMismatch_;
   for (int i : instances)
     offsets_[i] = FileText(i).size();
   return result;
@@ -237,12 +241,17 @@ bool Log::Assign(const std::vector<DebuggerLine>& lines, const std::vector<int>&
       tried[++position] = 0;
       continue;
     }
-    if (position == 0) return false;
+    if (position == 0) {
+      lastMismatch_ = "no file begins with \"" + lines[0].text + "\"";
+      return false;
+    }
     --position;
     files[tried[position] - 1].at -= lines[position].text.size() + 1;
   }
   for (const File& file : files) {
-    if (file.at != file.text.size()) return false;
+    if (file.at == file.text.size()) continue;
+    lastMismatch_ = "in file " + std::to_string(file.instance) + " only: \"" + file.text.substr(file.at) + "\"";
+    return false;
   }
   for (std::size_t i = 0; i < lines.size(); ++i)
     result.emplace_back(files[tried[i] - 1].instance, lines[i].text);

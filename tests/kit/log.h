@@ -82,7 +82,8 @@ class Log {
   int constructed_ = 0;
   int known_ = 0;                       // instances constructed up to the last Take
   std::map<int, std::size_t> offsets_;  // how far each instance's file has been read, in bytes
-  std::set<int> spoken_;                // instances that have written a line
+  std::string lastMismatch_;
+  std::set<int> spoken_;  // instances that have written a line
   std::mutex lock_;
   std::vector<DebuggerLine> lines_;
   std::vector<std::wstring> wide_;
