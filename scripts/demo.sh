@@ -64,7 +64,7 @@ eval "$environment"
 if [[ $ask ]]; then
   use_prefix x64 "$demo/prefix-desktop" managed
 else
-  start_display 1024x768
+  start_display
   use_prefix x64 "$demo/prefix"
 fi
 

@@ -113,12 +113,12 @@ use_prefix() {
   fi
 }
 
-# start_display [SIZE]: an X server of our own on a free display, in DISPLAY.
+# start_display: an X server of our own on a free display, in DISPLAY.
 start_display() {
-  local size=${1:-1024x768} pipe
+  local pipe
   pipe=$(mktemp -u)
   mkfifo "$pipe"
-  Xvfb -displayfd 5 -screen 0 "${size}x24" -nolisten tcp 5>"$pipe" >/dev/null 2>&1 &
+  Xvfb -displayfd 5 -screen 0 1024x768x24 -nolisten tcp 5>"$pipe" >/dev/null 2>&1 &
   XVFB_PID=$!
   local number=
   read -r -t 60 number <"$pipe" || true

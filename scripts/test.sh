@@ -153,7 +153,7 @@ if [[ -v wanted[native] ]]; then
 fi
 
 if [[ -v wanted[x64] || -v wanted[x86] ]]; then
-  start_display 1024x768
+  start_display
 fi
 for arch in x64 x86; do
   [[ -v wanted[$arch] ]] || continue
