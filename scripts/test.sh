@@ -81,14 +81,14 @@ run_program() {
     for ((i = 0; i < bad; i++)); do
       fail "$name ($arch): ${cases[i]:-(unnamed)}"
     done
-    grep -v -E '^\[ *(OK|RUN|-+) *\]' "$log" | head -n 150
+    tr -d '\r' <"$log" | grep -v -E '^\[ *(OK|RUN|-+) *\]' | cat -s | head -n 150
   elif ((tests == 0 || status != 0)); then
     if ((status == 124)); then
       fail "$name ($arch): did not end within $limit s"
     else
       fail "$name ($arch): ended with status $status after reporting $tests cases"
     fi
-    tail -n 40 "$log"
+    tail -n 40 "$log" | tr -d '\r'
   fi
 }
 
