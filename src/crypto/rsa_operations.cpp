@@ -60,7 +60,7 @@ SECURITY_STATUS RSAPair::Sign(const unsigned char* pbHash, DWORD cbHash, unsigne
 }
 
 SECURITY_STATUS RSAPair::Verify(const unsigned char* pbHash, DWORD cbHash, const unsigned char* pbSignature,
-                                DWORD cbSignature) noexcept {
+                                DWORD cbSignature) {
   if (session_ == 0 || publicKey_ == 0 || module_ == nullptr) return NTE_INVALID_PARAMETER;
   if (pbHash == nullptr || pbSignature == nullptr) return NTE_INVALID_PARAMETER;
   CK_MECHANISM mechanism = RsaPkcs();
@@ -70,7 +70,7 @@ SECURITY_STATUS RSAPair::Verify(const unsigned char* pbHash, DWORD cbHash, const
 }
 
 SECURITY_STATUS RSAPair::Encrypt(const unsigned char* pbInput, DWORD cbInput, unsigned char* pbOutput,
-                                 DWORD* pcbOutput) noexcept {
+                                 DWORD* pcbOutput) {
   if (session_ == 0 || publicKey_ == 0 || module_ == nullptr) return NTE_INVALID_PARAMETER;
   if (pbInput == nullptr || pcbOutput == nullptr) return NTE_INVALID_PARAMETER;
   CK_MECHANISM mechanism = RsaPkcs();
@@ -79,7 +79,7 @@ SECURITY_STATUS RSAPair::Encrypt(const unsigned char* pbInput, DWORD cbInput, un
 }
 
 SECURITY_STATUS RSAPair::Decrypt(const unsigned char* pbInput, DWORD cbInput, unsigned char* pbOutput,
-                                 DWORD* pcbOutput) noexcept {
+                                 DWORD* pcbOutput) {
   if (session_ == 0 || privateKey_ == 0 || module_ == nullptr) return NTE_INVALID_PARAMETER;
   if (pbInput == nullptr || pcbOutput == nullptr) return NTE_INVALID_PARAMETER;
   CK_MECHANISM mechanism = RsaPkcs();

@@ -1,4 +1,5 @@
 // KELDAKSPSignHash and KELDAKSPVerifySignature. Only PKCS#1 v1.5 is offered, whatever the padding information says.
+#include <algorithm>
 #include <memory>
 
 #include "keys/handle_checks.h"
@@ -58,6 +59,7 @@ SECURITY_STATUS SignHash(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, c
   const auto pair = NewPair(provider);
   pair->SetPrivateKeyHandle(key->hPrivateKeyObject);
   g_Log->WriteBytes("Hash\t\t: ", pbHashValue, cbHashValue);
+  const DWORD cbRoom = cbSignature;
   status = pair->Sign(pbHashValue, cbHashValue, pbSignature, pbSignature != nullptr ? &cbSignature : pcbResult);
   if (status != ERROR_SUCCESS) g_Log->WriteLine("Signing failed. Check PKCS logs for detailed information");
   if (pbSignature == nullptr) {
@@ -65,7 +67,7 @@ SECURITY_STATUS SignHash(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, c
     return status;
   }
   *pcbResult = cbSignature;  // whatever the status: the token may have told the length it needs
-  if (status == ERROR_SUCCESS) g_Log->WriteBytes("Signature\t\t: ", pbSignature, *pcbResult);
+  if (status == ERROR_SUCCESS) g_Log->WriteBytes("Signature\t\t: ", pbSignature, std::min(*pcbResult, cbRoom));
   return status;
 }
 

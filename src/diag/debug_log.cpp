@@ -31,8 +31,8 @@ void DebugClass::Start(std::int32_t level, std::int32_t writeStartLine) noexcept
   level_ = level;
   reserved_ = 0;
   if (writeStartLine != 0) {
-    startTime_ = std::time(nullptr);
-    const char* text = std::ctime(&startTime_);
+    startTime_ = _time64(nullptr);
+    const char* text = _ctime64(&startTime_);
     logformat::StartLine(startLine_, text != nullptr ? text : "");
     if (open) std::fputs(startLine_, file_);
   }

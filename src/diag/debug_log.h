@@ -42,7 +42,7 @@ class DebugClass {
   std::uint32_t enabled_ = 0;
   std::int32_t level_ = 0;
   std::uint32_t reserved_ = 0;
-  std::time_t startTime_ = 0;
+  __time64_t startTime_ = 0;
   std::uint32_t lastRegStatus_ = 0;
   char startLine_[logformat::kStartLineSize] = {};
   wchar_t logSwitch_[16] = {};

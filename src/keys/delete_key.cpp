@@ -8,13 +8,13 @@
 
 namespace {
 
-bool DestroyObject(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object) noexcept {
+bool DestroyObject(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object) {
   if (object == 0) return true;
   return g_Cryptoki != nullptr && g_Cryptoki->Functions().C_DestroyObject(session, object) == CKR_OK;
 }
 
 // No login is attempted: the token decides whether the session may destroy the objects.
-SECURITY_STATUS DeleteKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, DWORD dwFlags) noexcept {
+SECURITY_STATUS DeleteKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, DWORD dwFlags) {
   const KELDAKSP_PROVIDER* provider = ProviderFromHandle(hProvider);
   if (provider == nullptr) return Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
   KELDAKSP_KEY* key = KeyFromHandle(hKey);

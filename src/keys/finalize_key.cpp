@@ -28,7 +28,7 @@ class Component {
   const BYTE* bytes_;
 };
 
-SECURITY_STATUS DestroyOverwrittenKey(const KELDAKSP_KEY* key, const KELDAKSP_PROVIDER* provider) noexcept {
+SECURITY_STATUS DestroyOverwrittenKey(const KELDAKSP_KEY* key, const KELDAKSP_PROVIDER* provider) {
   g_Log->WriteLine("Overwrite flag is set.");
   const CK_FUNCTION_LIST& token = g_Cryptoki->Functions();
   if (token.C_DestroyObject(provider->hSession, key->hPrivateKeyObject) != CKR_OK) {

@@ -11,6 +11,7 @@
 #include "provider/entry_frame.h"
 #include "provider/key_storage_interface.h"
 #include "provider/provider_cache.h"
+#include "support/limits.h"
 #include "support/text.h"
 #include "support/wipe.h"
 #include "token/cryptoki_module.h"
@@ -60,20 +61,19 @@ SECURITY_STATUS Unwrap(const KELDAKSP_PROVIDER* provider, const KELDAKSP_KEY* im
   pair->SetSession(provider->hSession);
   pair->SetModule(g_Cryptoki);
   pair->SetPrivateKeyHandle(importKey->hPrivateKeyObject);
-  DWORD cbPlain = 0;
-  SECURITY_STATUS status = ERROR_SUCCESS;
-  if (cbData > kClearBytes) {
-    status = pair->Decrypt(pbData + cbClear, cbData - cbClear, nullptr, &cbPlain);
-    if (status != ERROR_SUCCESS) return status;
-  }
-  WipedBytes working(std::size_t{cbPlain} + kClearBytes);
+  const BYTE* pbWrapped = pbData + cbClear;
+  const DWORD cbWrapped = cbData - cbClear;  // nothing is left to decrypt of data that ends with the clear bytes
+  DWORD room = 0;
+  SECURITY_STATUS status = pair->Decrypt(pbWrapped, cbWrapped, nullptr, &room);
+  if (status != ERROR_SUCCESS) return status;
+  // The size is the token's word: one that no plaintext has must not wrap around below.
+  if (room > kLargestBlock - kClearBytes) return NTE_NO_MEMORY;
+  WipedBytes working(std::size_t{room} + kClearBytes);
   std::memcpy(working.data(), pbData, cbClear);
-  if (cbData > kClearBytes) {
-    const DWORD room = cbPlain;
-    status = pair->Decrypt(pbData + cbClear, cbData - cbClear, working.data() + kClearBytes, &cbPlain);
-    if (status != ERROR_SUCCESS) return status;
-    cbPlain = std::min(cbPlain, room);
-  }
+  DWORD cbPlain = room;
+  status = pair->Decrypt(pbWrapped, cbWrapped, working.data() + kClearBytes, &cbPlain);
+  if (status != ERROR_SUCCESS) return status;
+  cbPlain = std::min(cbPlain, room);
   blob = WipedBytes(std::size_t{cbPlain} + kClearBytes);
   std::memcpy(blob.data(), working.data(), blob.size());
   return ERROR_SUCCESS;

@@ -103,10 +103,16 @@ void DestroyKeyObject(KELDAKSP_KEY* key) noexcept {
 }
 
 SECURITY_STATUS CheckKeyExists(KELDAKSP_KEY* key, const KELDAKSP_PROVIDER* provider) {
-  const auto pair = std::make_unique<RSAPair>();
+  const std::unique_ptr<RSAPair> pair(new (std::nothrow) RSAPair());
+  if (pair == nullptr) return NTE_NO_MEMORY;
   pair->SetSession(provider->hSession);
   pair->SetModule(g_Cryptoki);
-  const SECURITY_STATUS status = pair->FindByLabel(key->pszKeyName);
+  SECURITY_STATUS status = NTE_NO_MEMORY;
+  try {
+    status = pair->FindByLabel(key->pszKeyName);
+  } catch (const std::bad_alloc&) {
+    // the status says it
+  }
   key->hPrivateKeyObject = pair->PrivateKeyHandle();
   key->hPublicKeyObject = pair->PublicKeyHandle();
   return status;

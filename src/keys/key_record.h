@@ -76,5 +76,6 @@ struct KeyObjectDeleter {
 using KeyObjectOwner = std::unique_ptr<KELDAKSP_KEY, KeyObjectDeleter>;
 
 // Asks the token whether a key labelled with the record's name exists and fills the record's object handles from the
-// answer, whatever it is. Returns NTE_EXISTS, NTE_NOT_FOUND, NTE_INVALID_PARAMETER or NTE_INTERNAL_ERROR.
+// answer, whatever it is. Returns NTE_EXISTS, NTE_NOT_FOUND, NTE_INVALID_PARAMETER, NTE_INTERNAL_ERROR or
+// NTE_NO_MEMORY.
 SECURITY_STATUS CheckKeyExists(KELDAKSP_KEY* key, const KELDAKSP_PROVIDER* provider);

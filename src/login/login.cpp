@@ -53,7 +53,7 @@ SECURITY_STATUS LoginThroughDialog(CLogin& dialog) {
 }
 
 SECURITY_STATUS LoginFromCache(const KELDAKSP_PROVIDER& provider, const unsigned char* serial, DWORD cbPin,
-                               PinBuffer& pin) noexcept {
+                               PinBuffer& pin) {
   pin.Wipe();
   g_PinLog->WriteLine("Retrieving PIN from cache");
   // A longer PIN, typed where another program had raised the field's limit, does not fit and is refused by the lookup.
@@ -143,7 +143,7 @@ SECURITY_STATUS Login(KELDAKSP_PROVIDER* provider) noexcept {
   return status;
 }
 
-SECURITY_STATUS Logout(KELDAKSP_PROVIDER* provider) noexcept {
+SECURITY_STATUS Logout(KELDAKSP_PROVIDER* provider) {
   if (provider == nullptr || g_Cryptoki == nullptr) return NTE_INVALID_PARAMETER;
   const CK_RV result = g_Cryptoki->Functions().C_Logout(provider->hSession);
   if (result != CKR_OK && result != kCkrUserNotLoggedIn) return NTE_INTERNAL_ERROR;

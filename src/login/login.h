@@ -11,4 +11,4 @@ SECURITY_STATUS Login(KELDAKSP_PROVIDER* provider) noexcept;
 
 // Logs the provider's session out and forgets the provider's cached PIN. A session that is not logged in counts as
 // success. Returns 0, NTE_INVALID_PARAMETER or NTE_INTERNAL_ERROR. The PIN buffer itself is leaked; kept on purpose.
-SECURITY_STATUS Logout(KELDAKSP_PROVIDER* provider) noexcept;
+SECURITY_STATUS Logout(KELDAKSP_PROVIDER* provider);

@@ -11,7 +11,7 @@
 
 namespace {
 
-SECURITY_STATUS FreeProvider(NCRYPT_PROV_HANDLE hProvider) noexcept {
+SECURITY_STATUS FreeProvider(NCRYPT_PROV_HANDLE hProvider) {
   KELDAKSP_PROVIDER* provider = ProviderFromHandle(hProvider);
   if (provider == nullptr) return Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: pProvider is NULL");
 

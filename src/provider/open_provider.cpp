@@ -24,12 +24,13 @@ constexpr char kGetSlotInfoFailed[] = "NTE_INTERNAL_ERROR: GetSlotInfo failed";
 // The module's slots, all of them or those that hold a token.
 class SlotList {
  public:
-  CK_RV Count(CK_BBOOL tokenPresent) noexcept { return Functions().C_GetSlotList(tokenPresent, nullptr, &count_); }
-  // Fetches as many slots as were counted. A failed call leaves slots of number 0; a module that meanwhile knows more
-  // slots than there is room for changes nothing.
+  CK_RV Count(CK_BBOOL tokenPresent) { return Functions().C_GetSlotList(tokenPresent, nullptr, &count_); }
+  // Fetches as many slots as were counted. What a failed call leaves out names no slot, so that its use fails.
   void Fetch(CK_BBOOL tokenPresent) {
     const CK_ULONG room = count_;
-    slots_ = std::make_unique<CK_SLOT_ID[]>(std::max<CK_ULONG>(room, 1));
+    const std::size_t size = std::max<CK_ULONG>(room, 1);
+    slots_ = std::make_unique<CK_SLOT_ID[]>(size);
+    std::fill_n(slots_.get(), size, CK_UNAVAILABLE_INFORMATION);
     Functions().C_GetSlotList(tokenPresent, slots_.get(), &count_);
     count_ = std::min(count_, room);
   }
@@ -44,7 +45,7 @@ class SlotList {
 };
 
 // False when the slot's information cannot be read.
-bool ReadReaderName(CK_SLOT_ID slot, wchar_t (&name)[kReaderNameSize]) noexcept {
+bool ReadReaderName(CK_SLOT_ID slot, wchar_t (&name)[kReaderNameSize]) {
   CK_SLOT_INFO info = {};
   if (g_Cryptoki->Functions().C_GetSlotInfo(slot, &info) != CKR_OK) return false;
   ReaderNameFromDescription(name, info.slotDescription);

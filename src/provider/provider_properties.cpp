@@ -33,6 +33,7 @@ SECURITY_STATUS FindProperty(const KELDAKSP_PROVIDER* provider, const wchar_t* n
   } else if (WideEqual(name, NCRYPT_MAX_NAME_LENGTH_PROPERTY)) {
     value.number = 64;
   } else if (WideEqual(name, NCRYPT_NAME_PROPERTY)) {
+    if (provider->pszName == nullptr) return NTE_INTERNAL_ERROR;  // a record whose session did not close
     value.text = provider->pszName;
   } else if (WideEqual(name, NCRYPT_VERSION_PROPERTY)) {
     value.number = 0x01000100;

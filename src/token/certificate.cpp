@@ -36,8 +36,9 @@ CK_RV Certificate::ReadKeyId(CK_RV& valueResult) {
   CK_ATTRIBUTE attribute = {CKA_ID, nullptr, 0};
   const CK_RV lengthResult = Token().C_GetAttributeValue(session_, KeyHandle(), &attribute, 1);
   if (lengthResult != CKR_OK) return lengthResult;
-  if (attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION) return CKR_ATTRIBUTE_TYPE_INVALID;
-  id_ = WipedBytes(attribute.ulValueLen);
+  // An identifier larger than any that there is room for counts as unreadable, like one that the token does not have.
+  id_ = WipedBytes::Try(attribute.ulValueLen);
+  if (id_.empty()) return CKR_HOST_MEMORY;
   attribute.pValue = id_.data();
   valueResult = Token().C_GetAttributeValue(session_, KeyHandle(), &attribute, 1);
   return CKR_OK;

@@ -46,7 +46,7 @@ void CryptokiModule::Fail(const char* text) const {
   throw std::runtime_error(text);
 }
 
-CK_RV CryptokiModule::Login(CK_SESSION_HANDLE session, const unsigned char* pin, CK_ULONG pinLength) const noexcept {
+CK_RV CryptokiModule::Login(CK_SESSION_HANDLE session, const unsigned char* pin, CK_ULONG pinLength) const {
   // PKCS#11 takes the PIN through a pointer to non-const and does not write to it.
   return functionList_->login(session, CKU_USER, const_cast<unsigned char*>(pin), pinLength);
 }

@@ -20,7 +20,7 @@ class CryptokiModule {
   const CK_FUNCTION_LIST& Functions() const noexcept { return functionList_->standard; }
 
   // The maker's login entry: 0, a CK_RV, or 1 to 14 for a wrong PIN (tries left). pin has pinLength bytes.
-  CK_RV Login(CK_SESSION_HANDLE session, const unsigned char* pin, CK_ULONG pinLength) const noexcept;
+  CK_RV Login(CK_SESSION_HANDLE session, const unsigned char* pin, CK_ULONG pinLength) const;
 
  private:
   bool LoadFunctionList() noexcept;

@@ -6,7 +6,7 @@ CryptokiObject::~CryptokiObject() {
   log_.Destroy();
 }
 
-CK_RV CryptokiObject::Destroy() noexcept {
+CK_RV CryptokiObject::Destroy() {
   if (session_ == 0 || object_ == 0 || module_ == nullptr) return CKR_ARGUMENTS_BAD;
   object_ = 0;
   return Token().C_DestroyObject(session_, object_);

@@ -18,7 +18,7 @@ class CryptokiObject {
   virtual ~CryptokiObject();
   // Destroys the token object. Returns CKR_ARGUMENTS_BAD without session, object handle or module, else what the token
   // answers. The handle is cleared before the call, so that the call names object 0; kept on purpose.
-  virtual CK_RV Destroy() noexcept;
+  virtual CK_RV Destroy();
   virtual CK_OBJECT_CLASS GetClass() const noexcept;
   virtual std::string& GetName() noexcept;
   // The flags count as set only when they equal 1.

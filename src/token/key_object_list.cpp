@@ -45,7 +45,7 @@ struct KeyAttributes {
 class ObjectHandles {
  public:
   // Two passes: the first counts, the second fetches. False when a call fails; the search then stays as it is.
-  bool Find(const CK_FUNCTION_LIST& token, CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass) noexcept {
+  bool Find(const CK_FUNCTION_LIST& token, CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass) {
     CK_BBOOL onToken = CK_TRUE;
     CK_ATTRIBUTE search[] = {
         {CKA_TOKEN, &onToken, sizeof(onToken)},
@@ -58,6 +58,8 @@ class ObjectHandles {
       g_KeyNameLog->WriteLine("NTE_INTERNAL_ERROR: Object memory allocation error");
       return false;
     }
+    // A module that writes fewer handles than it says leaves handles of no object.
+    std::fill_n(handles_.get(), room, CK_OBJECT_HANDLE{0});
     if (!Pass(token, session, search, handles_.get(), room)) return false;
     count_ = std::min(count_, room);
     return true;
@@ -68,7 +70,7 @@ class ObjectHandles {
 
  private:
   bool Pass(const CK_FUNCTION_LIST& token, CK_SESSION_HANDLE session, CK_ATTRIBUTE (&search)[2],
-            CK_OBJECT_HANDLE* handles, CK_ULONG room) noexcept {
+            CK_OBJECT_HANDLE* handles, CK_ULONG room) {
     count_ = 0;
     return token.C_FindObjectsInit(session, search, static_cast<CK_ULONG>(std::size(search))) == CKR_OK &&
            token.C_FindObjects(session, handles, room, &count_) == CKR_OK &&
@@ -162,7 +164,7 @@ constexpr ClassTexts kPrivateKeys = {CKO_PRIVATE_KEY, "Find Token Private Keys "
                                      "Get Private Key atrributes", "Get Private Keys atrributes error"};
 
 bool FindKeys(const KELDAKSP_PROVIDER* provider, const CryptokiModule& module, const ClassTexts& texts,
-              ObjectHandles& handles) noexcept {
+              ObjectHandles& handles) {
   g_KeyNameLog->WriteLine(texts.find);
   if (!handles.Find(module.Functions(), provider->hSession, texts.objectClass)) {
     g_KeyNameLog->WriteLine(texts.findError);
@@ -174,7 +176,7 @@ bool FindKeys(const KELDAKSP_PROVIDER* provider, const CryptokiModule& module, c
 
 // False when the attributes cannot be read; a value of more than 200 bytes cannot.
 bool ReadKey(const KELDAKSP_PROVIDER* provider, const CryptokiModule& module, CK_OBJECT_HANDLE object,
-             KeyAttributes& attributes) noexcept {
+             KeyAttributes& attributes) {
   CK_ATTRIBUTE read[] = {
       {CKA_ID, attributes.id, kAttributeSize},
       {CKA_LABEL, attributes.label, kAttributeSize},
@@ -354,7 +356,12 @@ void ReleaseKeyObjectList(KELDAKSP_PROVIDER* provider) noexcept {
 SECURITY_STATUS InitializeObjectList(KELDAKSP_PROVIDER* provider, const CryptokiModule* module) {
   g_KeyNameLog->WriteLine("InitializeObjectList - Entry");
   ReleaseKeyObjectList(provider);
-  const SECURITY_STATUS status = BuildObjectList(provider, module) ? ERROR_SUCCESS : NTE_INTERNAL_ERROR;
+  SECURITY_STATUS status = NTE_NO_MEMORY;
+  try {
+    status = BuildObjectList(provider, module) ? ERROR_SUCCESS : NTE_INTERNAL_ERROR;
+  } catch (const std::bad_alloc&) {
+    // the status says it; the exit line is written all the same
+  }
   g_KeyNameLog->WriteLine("InitializeObjectList - Exit");
   return status;
 }
@@ -370,7 +377,12 @@ SECURITY_STATUS ReadKeyNameFromKeyObjectList(const KELDAKSP_PROVIDER* provider, 
 SECURITY_STATUS FindKELDKSPKeyfromObjectList(KELDAKSP_PROVIDER* provider, const CryptokiModule* module,
                                              const wchar_t* keyName, KELDAKSP_KEY* target) {
   g_KeyNameLog->WriteLine("FindKELDKSPKeyfromObjectList - Entry");
-  const SECURITY_STATUS status = FindKey(provider, module, keyName, target);
+  SECURITY_STATUS status = NTE_NO_MEMORY;
+  try {
+    status = FindKey(provider, module, keyName, target);
+  } catch (const std::bad_alloc&) {
+    // the status says it; the exit line is written all the same
+  }
   g_KeyNameLog->WriteLine("FindKELDKSPKeyfromObjectList - Exit");
   return status;
 }

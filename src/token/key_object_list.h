@@ -13,7 +13,7 @@ struct KELDAKSP_ENUM_STATE {
 };
 
 // (Re)builds the list: one record for every RSA key on the token, public and private keys paired by CKA_ID. Returns 0
-// or NTE_INTERNAL_ERROR; a failure on the way leaves the entries made so far. Throws std::bad_alloc.
+// or NTE_INTERNAL_ERROR or NTE_NO_MEMORY; a failure on the way leaves the entries made so far.
 SECURITY_STATUS InitializeObjectList(KELDAKSP_PROVIDER* provider, const CryptokiModule* module);
 
 // Empties the list: names and identifiers are wiped, everything is freed.
@@ -27,6 +27,6 @@ SECURITY_STATUS ReadKeyNameFromKeyObjectList(const KELDAKSP_PROVIDER* provider, 
 
 // Finds an entry by name, or by the hexadecimal text of its name, and copies it into target, which the caller has
 // allocated and zeroed. Builds the list when it is empty. Returns 0, NTE_BAD_KEYSET (no such key) or
-// NTE_INTERNAL_ERROR. Throws std::bad_alloc.
+// NTE_INTERNAL_ERROR or NTE_NO_MEMORY.
 SECURITY_STATUS FindKELDKSPKeyfromObjectList(KELDAKSP_PROVIDER* provider, const CryptokiModule* module,
                                              const wchar_t* keyName, KELDAKSP_KEY* target);

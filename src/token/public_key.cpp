@@ -6,7 +6,7 @@ bool IsCreatableModulus(CK_ULONG bits) noexcept {
   return bits == 512 || bits == 1024 || bits == 2048 || bits == 4096;
 }
 
-CK_RV PublicKey::Create(KeyUsage usage, const char* label, CK_ULONG labelLength) noexcept {
+CK_RV PublicKey::Create(KeyUsage usage, const char* label, CK_ULONG labelLength) {
   if (session_ == 0 || object_ != 0 || module_ == nullptr) return CKR_ARGUMENTS_BAD;
   if (!IsCreatableModulus(modulusBits_)) return CKR_ARGUMENTS_BAD;
   if (publicExponent_.empty() || modulus_.empty() || id_.empty()) return CKR_TEMPLATE_INCOMPLETE;

@@ -23,7 +23,7 @@ class PublicKey : public CryptokiObject {
   // Writes the object (PKCS#11 v2.40, 4.8 and 2.1.2). label has labelLength bytes, or is null for a session object.
   // Returns CKR_ARGUMENTS_BAD (no session or module, an object already there, or a modulus length that is not 512,
   // 1024, 2048 or 4096 bits), CKR_TEMPLATE_INCOMPLETE, or what the token answers.
-  CK_RV Create(KeyUsage usage, const char* label, CK_ULONG labelLength) noexcept;
+  CK_RV Create(KeyUsage usage, const char* label, CK_ULONG labelLength);
 
  private:
   CK_ULONG modulusBits_ = 0;

@@ -14,13 +14,12 @@ SECURITY_STATUS ReadPublicKeyValues(const CK_FUNCTION_LIST& token, CK_SESSION_HA
   };
   constexpr CK_ULONG kCount = static_cast<CK_ULONG>(std::size(attributes));
   if (token.C_GetAttributeValue(session, object, attributes, kCount) != CKR_OK) return NTE_INTERNAL_ERROR;
-  for (const CK_ATTRIBUTE& attribute : attributes) {
-    if (attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION) return NTE_INTERNAL_ERROR;
-  }
   PublicKeyValues read;
-  read.modulus = WipedBytes(attributes[0].ulValueLen);
-  WipedBytes bits(attributes[1].ulValueLen);
-  read.publicExponent = WipedBytes(attributes[2].ulValueLen);
+  read.modulus = WipedBytes::Try(attributes[0].ulValueLen);
+  WipedBytes bits = WipedBytes::Try(attributes[1].ulValueLen);
+  read.publicExponent = WipedBytes::Try(attributes[2].ulValueLen);
+  // Values larger than any that there is room for count as unreadable, like those that the token does not have.
+  if (read.modulus.empty() || bits.empty() || read.publicExponent.empty()) return NTE_INTERNAL_ERROR;
   attributes[0].pValue = read.modulus.data();
   attributes[1].pValue = bits.data();
   attributes[2].pValue = read.publicExponent.data();

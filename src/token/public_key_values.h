@@ -12,6 +12,6 @@ struct PublicKeyValues {
 };
 
 // Reads CKA_MODULUS, CKA_MODULUS_BITS and CKA_PUBLIC_EXPONENT, first their lengths and then their values. Returns 0, or
-// NTE_INTERNAL_ERROR (values is then unchanged). Throws std::bad_alloc.
+// NTE_INTERNAL_ERROR (values is then unchanged).
 SECURITY_STATUS ReadPublicKeyValues(const CK_FUNCTION_LIST& token, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
                                     PublicKeyValues& values);

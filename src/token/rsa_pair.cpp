@@ -114,7 +114,7 @@ SECURITY_STATUS RSAPair::FindByLabel(const wchar_t* name) {
 }
 
 SECURITY_STATUS RSAPair::FindOne(CK_OBJECT_CLASS objectClass, char* label, CK_ULONG labelLength,
-                                 CK_OBJECT_HANDLE& found) noexcept {
+                                 CK_OBJECT_HANDLE& found) {
   CK_ATTRIBUTE attributes[] = {
       {CKA_CLASS, &objectClass, sizeof(objectClass)},
       {CKA_LABEL, label, labelLength},
@@ -140,7 +140,7 @@ SECURITY_STATUS RSAPair::ReadPublicKey() {
   return ERROR_SUCCESS;
 }
 
-SECURITY_STATUS RSAPair::ReadPrivateKey() noexcept {
+SECURITY_STATUS RSAPair::ReadPrivateKey() {
   CK_ATTRIBUTE attributes[] = {
       {CKA_SIGN, &sign_, sizeof(sign_)},
       {CKA_DECRYPT, &decrypt_, sizeof(decrypt_)},

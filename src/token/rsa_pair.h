@@ -39,22 +39,19 @@ class RSAPair : public CryptokiObject {
   // Verifies a signature over exactly the bytes given; nothing is wrapped. Returns 0, NTE_INVALID_PARAMETER,
   // NTE_INTERNAL_ERROR or NTE_FAIL (a wrong signature included).
   SECURITY_STATUS Verify(const unsigned char* pbHash, DWORD cbHash, const unsigned char* pbSignature,
-                         DWORD cbSignature) noexcept;
+                         DWORD cbSignature);
 
   // *pcbOutput is the room in pbOutput on entry and the length on return; a null pbOutput asks for the length. Return
   // 0, NTE_INVALID_PARAMETER, NTE_BUFFER_TOO_SMALL or NTE_INTERNAL_ERROR; decryption also NTE_PERM and
   // NTE_INVALID_HANDLE.
-  SECURITY_STATUS Encrypt(const unsigned char* pbInput, DWORD cbInput, unsigned char* pbOutput,
-                          DWORD* pcbOutput) noexcept;
-  SECURITY_STATUS Decrypt(const unsigned char* pbInput, DWORD cbInput, unsigned char* pbOutput,
-                          DWORD* pcbOutput) noexcept;
+  SECURITY_STATUS Encrypt(const unsigned char* pbInput, DWORD cbInput, unsigned char* pbOutput, DWORD* pcbOutput);
+  SECURITY_STATUS Decrypt(const unsigned char* pbInput, DWORD cbInput, unsigned char* pbOutput, DWORD* pcbOutput);
 
  private:
   // Finds one token object of a class by label. Returns 0, NTE_NOT_FOUND or NTE_INTERNAL_ERROR.
-  SECURITY_STATUS FindOne(CK_OBJECT_CLASS objectClass, char* label, CK_ULONG labelLength,
-                          CK_OBJECT_HANDLE& found) noexcept;
+  SECURITY_STATUS FindOne(CK_OBJECT_CLASS objectClass, char* label, CK_ULONG labelLength, CK_OBJECT_HANDLE& found);
   SECURITY_STATUS ReadPublicKey();
-  SECURITY_STATUS ReadPrivateKey() noexcept;
+  SECURITY_STATUS ReadPrivateKey();
 
   CK_OBJECT_HANDLE publicKey_ = 0;
   CK_OBJECT_HANDLE privateKey_ = 0;

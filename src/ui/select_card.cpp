@@ -94,6 +94,8 @@ void CSelectCard::OnOK() {
 
 SECURITY_STATUS TakeSelection(const CSelectCard& dialog, wchar_t* buffer) noexcept {
   g_KeyNameLog->WriteLine("Retrieving data");
+  // Nothing is selected when another program has ended the dialog in the place of the OK button.
+  if (dialog.Selected() == nullptr) return NTE_FAIL;
   const std::size_t cchSelected = WideLength(dialog.Selected()) + 1;
   if (cchSelected > kSelectedReaderSize) return NTE_FAIL;
   std::memcpy(buffer, dialog.Selected(), cchSelected * sizeof(wchar_t));
