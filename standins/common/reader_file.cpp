@@ -1,11 +1,16 @@
 #include "common/reader_file.h"
 
+#include <cerrno>
 #include <charconv>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 namespace standins {
 namespace {
+
+// How often a file that is in use is tried again.
+constexpr int kMostTries = 100000;
 
 std::string_view Trim(std::string_view text) {
   constexpr std::string_view kBlanks = " \t\r";
@@ -59,6 +64,11 @@ ReaderFile ParseReaderFile(std::string_view text) {
 
 ReaderFile ReadReaderFile(const std::string& path) {
   std::ifstream stream(path, std::ios::binary);
+  // Whoever replaces the file has it to himself for a moment, on Windows; a file that is not there is another matter.
+  for (int tries = 0; !stream && errno == EACCES && tries < kMostTries; ++tries) {
+    std::this_thread::yield();
+    stream.open(path, std::ios::binary);
+  }
   if (!stream) return {};
   std::ostringstream text;
   text << stream.rdbuf();

@@ -11,7 +11,8 @@
 //   !list 80100011                 the smart card service refuses the list of readers with this code
 //   !list empty                    the smart card service answers with a list without names
 //
-// Somebody who changes the file while programs run replaces it as a whole (write another file, then rename it).
+// Somebody who changes the file while programs run replaces it as a whole: write another file, then rename it (from
+// Windows code again and again while the old one is in use).
 #ifndef KELDA_STANDINS_COMMON_READER_FILE_H_
 #define KELDA_STANDINS_COMMON_READER_FILE_H_
 

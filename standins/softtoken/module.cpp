@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <limits>
 #include <string_view>
+#include <utility>
 
 #include "softtoken/token_store.h"
 
@@ -409,22 +410,26 @@ bool Module::IsPrivate(const Session& session, CK_OBJECT_HANDLE native) {
   return value.size() == 1 && value[0] == CK_TRUE;
 }
 
-Module::PrivateObject Module::Describe(const Session& session, CK_OBJECT_HANDLE native) {
-  PrivateObject object;
+Module::ObjectEntry Module::Describe(const Session& session, CK_OBJECT_HANDLE native) {
+  ObjectEntry object;
   object.serial = session.serial;
   object.object_class = ReadBytes(session, native, CKA_CLASS);
   object.id = ReadBytes(session, native, CKA_ID);
   object.label = ReadBytes(session, native, CKA_LABEL);
+  object.modulus = ReadBytes(session, native, CKA_MODULUS);
   return object;
 }
 
-std::vector<CK_OBJECT_HANDLE> Module::FindTwins(const Session& session, const PrivateObject& object) {
-  auto object_class = object.object_class;
-  auto id = object.id;
-  auto label = object.label;
-  std::vector<CK_ATTRIBUTE> attributes{{CKA_CLASS, object_class.data(), object_class.size()}};
-  if (!id.empty()) attributes.push_back({CKA_ID, id.data(), id.size()});
-  if (!label.empty()) attributes.push_back({CKA_LABEL, label.data(), label.size()});
+std::vector<CK_OBJECT_HANDLE> Module::FindTwins(const Session& session, const ObjectEntry& object) {
+  ObjectEntry copy = object;  // PKCS#11 takes values as if it could write to them
+  std::vector<CK_ATTRIBUTE> attributes;
+  const auto add = [&attributes](CK_ATTRIBUTE_TYPE type, std::vector<std::uint8_t>& value) {
+    if (!value.empty()) attributes.push_back({type, value.data(), value.size()});
+  };
+  add(CKA_CLASS, copy.object_class);
+  add(CKA_ID, copy.id);
+  add(CKA_LABEL, copy.label);
+  add(CKA_MODULUS, copy.modulus);
   std::vector<CK_OBJECT_HANDLE> twins;
   if (Search(session, attributes, &twins) != CKR_OK) return {};
   std::erase_if(twins, [&](CK_OBJECT_HANDLE twin) { return !IsPrivate(session, twin); });
@@ -532,7 +537,12 @@ CK_RV Module::FindObjectsInit(win::Ulong session, const win::Attribute* attribut
   if (const CK_RV rv = Search(*record, native, &objects); rv != CKR_OK) return rv;
   record->found.clear();
   record->next_found = 0;
-  for (const auto object : objects) {
+  // SoftHSM's order differs from process to process, a card's does not.
+  std::vector<std::pair<ObjectEntry, CK_OBJECT_HANDLE>> listed;
+  for (const auto object : objects)
+    listed.emplace_back(Describe(*record, object), object);
+  std::sort(listed.begin(), listed.end());
+  for (const auto& [entry, object] : listed) {
     if (const auto handle = ToHandle(*record, object); handle != 0) record->found.push_back(handle);
   }
   record->searching = true;

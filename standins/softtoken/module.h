@@ -7,6 +7,7 @@
 
 #include <p11-kit/pkcs11.h>
 
+#include <compare>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -98,15 +99,16 @@ class Module {
     Operation operation = Operation::kNone;
   };
 
-  // A private object by what a card's directory tells of it. SoftHSM's own handle of it ends with every logout,
-  // the handle that programs hold does not.
-  struct PrivateObject {
+  // An object by what a card's directory tells of it. SoftHSM's own handles of private objects end with every logout,
+  // the handles that programs hold do not.
+  struct ObjectEntry {
     std::string serial;
     std::vector<std::uint8_t> object_class;
     std::vector<std::uint8_t> id;
     std::vector<std::uint8_t> label;
-    std::size_t ordinal = 0;  // among objects with the same directory entry
-    bool operator==(const PrivateObject&) const = default;
+    std::vector<std::uint8_t> modulus;
+    std::size_t ordinal = 0;  // among objects with the same entry
+    auto operator<=>(const ObjectEntry&) const = default;
   };
 
   class BorrowedLogin;
@@ -120,8 +122,8 @@ class Module {
   bool IsLoggedIn(win::Ulong session);
 
   std::vector<std::uint8_t> ReadBytes(const Session& session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type);
-  PrivateObject Describe(const Session& session, CK_OBJECT_HANDLE native);
-  std::vector<CK_OBJECT_HANDLE> FindTwins(const Session& session, const PrivateObject& object);
+  ObjectEntry Describe(const Session& session, CK_OBJECT_HANDLE native);
+  std::vector<CK_OBJECT_HANDLE> FindTwins(const Session& session, const ObjectEntry& object);
   std::optional<CK_ULONG> ModulusBits(const Session& session, CK_OBJECT_HANDLE native);
   bool IsPrivate(const Session& session, CK_OBJECT_HANDLE native);
   win::Ulong ToHandle(const Session& session, CK_OBJECT_HANDLE native);
@@ -137,7 +139,7 @@ class Module {
   CK_FUNCTION_LIST* softhsm_ = nullptr;
   std::vector<std::string> reader_names_;  // a reader keeps its number, wherever the file lists it
   std::map<win::Ulong, Session> sessions_;
-  std::vector<PrivateObject> private_objects_;
+  std::vector<ObjectEntry> private_objects_;
 };
 
 }  // namespace softtoken

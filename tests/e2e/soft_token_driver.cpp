@@ -18,6 +18,8 @@
 #include <string>
 #include <vector>
 
+#include "standins/replace_reader_file.h"
+
 namespace {
 
 using Bytes = std::vector<CK_BYTE>;
@@ -79,14 +81,9 @@ class SoftToken : public testing::Test {
     list_->C_CloseSession(session_);
   }
 
-  // Replaces the reader file as a whole. The Linux path in the variable is one of drive Z.
+  // The Linux path in the variable is one of drive Z.
   static void SetReaders(const std::string& text) {
-    const std::string path = "Z:" + Environment("KELDA_READERS");
-    {
-      std::ofstream file(path + ".new", std::ios::binary);
-      file << text;
-    }
-    ASSERT_TRUE(MoveFileExA((path + ".new").c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING)) << GetLastError();
+    ASSERT_TRUE(standins::ReplaceReaderFile("Z:" + Environment("KELDA_READERS"), text)) << GetLastError();
   }
 
   static CK_SESSION_HANDLE Open(CK_SLOT_ID slot) {
@@ -284,7 +281,14 @@ TEST_F(SoftToken, TellsTwinsApart) {
   const auto twins = Find(CKO_PRIVATE_KEY, "Twin");
   ASSERT_EQ(twins.size(), 2u);
   EXPECT_NE(twins[0], twins[1]);
-  EXPECT_NE(Read(twins[0], CKA_MODULUS), Read(twins[1], CKA_MODULUS));
+  const auto first = Read(twins[0], CKA_MODULUS);
+  EXPECT_NE(first, Read(twins[1], CKA_MODULUS));
+  for (int i = 0; i < 3; ++i) {
+    LogIn();
+    EXPECT_EQ(Read(twins[0], CKA_MODULUS), first);
+    EXPECT_EQ(list_->C_Logout(session_), CKR_OK);
+    EXPECT_EQ(Read(twins[0], CKA_MODULUS), first);
+  }
 }
 
 TEST_F(SoftToken, SearchesInSteps) {
@@ -292,6 +296,11 @@ TEST_F(SoftToken, SearchesInSteps) {
   CK_ATTRIBUTE search{CKA_CLASS, &public_key, sizeof(public_key)};
   const auto all = Find(CKO_PUBLIC_KEY);
   ASSERT_GE(all.size(), 3u);
+  // In one order in every process: that of identifiers.
+  std::vector<Bytes> identifiers;
+  for (const auto key : all)
+    identifiers.push_back(Read(key, CKA_ID));
+  EXPECT_TRUE(std::is_sorted(identifiers.begin(), identifiers.end()));
   CK_OBJECT_HANDLE object = 0;
   CK_ULONG count = 0;
   EXPECT_EQ(list_->C_FindObjects(session_, &object, 1, &count), CKR_OPERATION_NOT_INITIALIZED);

@@ -564,6 +564,16 @@ TEST_F(RouterTest, HasNoKeyDerivationToForward) {
   ROUTER(NCryptFreeObject)(provider);
 }
 
+TEST_F(RouterTest, PassesPrimitiveFunctionsOn) {
+  const HMODULE primitives = LoadLibraryW(L"bcrypt.dll");
+  for (const char* name : {"BCryptOpenAlgorithmProvider", "BCryptHashData", "BCryptGenRandom"}) {
+    const auto function = GetProcAddress(Router(), name);
+    EXPECT_NE(function, nullptr) << name;
+    EXPECT_EQ(function, GetProcAddress(primitives, name)) << name;
+  }
+  FreeLibrary(primitives);
+}
+
 TEST_F(RouterTest, TakesCallsFromManyThreads) {
   constexpr int kThreads = 4;
   constexpr int kRounds = 200;

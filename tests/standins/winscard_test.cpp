@@ -6,10 +6,11 @@
 #include <winscard.h>
 
 #include <array>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "standins/replace_reader_file.h"
 
 namespace {
 
@@ -59,15 +60,7 @@ class WinscardTest : public testing::Test {
     DeleteFileA(path_.c_str());
   }
 
-  // As a whole, so that nobody reads half a file.
-  void Write(const std::string& text) const {
-    const std::string draft = path_ + ".new";
-    {
-      std::ofstream file(draft, std::ios::binary);
-      file << text;
-    }
-    ASSERT_TRUE(MoveFileExA(draft.c_str(), path_.c_str(), MOVEFILE_REPLACE_EXISTING)) << GetLastError();
-  }
+  void Write(const std::string& text) const { ASSERT_TRUE(standins::ReplaceReaderFile(path_, text)) << GetLastError(); }
 
   std::vector<std::wstring> List() const {
     wchar_t* names = nullptr;

@@ -1,0 +1,36 @@
+// Replaces the reader file of the stand-ins as a whole, so that nobody reads half a file.
+#ifndef KELDA_TESTS_STANDINS_REPLACE_READER_FILE_H_
+#define KELDA_TESTS_STANDINS_REPLACE_READER_FILE_H_
+
+#include <windows.h>
+
+#include <fstream>
+#include <string>
+
+namespace standins {
+
+// False with the last error set when the file could not be replaced.
+inline bool ReplaceReaderFile(const std::string& path, const std::string& text) {
+  constexpr ULONGLONG kPatienceMs = 10000;
+  const std::string draft = path + ".new";
+  {
+    std::ofstream file(draft, std::ios::binary);
+    file << text;
+  }
+  // A file that somebody reads at this moment cannot be replaced; reading takes no time worth speaking of.
+  const ULONGLONG start = GetTickCount64();
+  while (MoveFileExA(draft.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING) == FALSE) {
+    const DWORD error = GetLastError();
+    const bool in_use = error == ERROR_ACCESS_DENIED || error == ERROR_SHARING_VIOLATION;
+    if (!in_use || GetTickCount64() - start > kPatienceMs) {
+      SetLastError(error);
+      return false;
+    }
+    SwitchToThread();
+  }
+  return true;
+}
+
+}  // namespace standins
+
+#endif  // KELDA_TESTS_STANDINS_REPLACE_READER_FILE_H_
