@@ -79,7 +79,9 @@ LRESULT CALLBACK OnMessage(int code, WPARAM wParam, LPARAM lParam) {
 
 LRESULT CALLBACK OnHook(int code, WPARAM wParam, LPARAM lParam) {
   auto* window = reinterpret_cast<HWND>(wParam);
-  if (t_state && (code == HCBT_CREATEWND || code == HCBT_ACTIVATE) && IsDialog(window)) {
+  // The end of a dialog may activate that of another thread, which is not this robot's business.
+  if (t_state && (code == HCBT_CREATEWND || code == HCBT_ACTIVATE) && IsDialog(window) &&
+      GetWindowThreadProcessId(window, nullptr) == GetCurrentThreadId()) {
     const std::lock_guard guard(t_state->lock);
     if (code == HCBT_CREATEWND) {
       Ended().Forget(window);
