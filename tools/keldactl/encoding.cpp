@@ -240,7 +240,8 @@ std::wstring Certificate::Name(DWORD flags) const {
   const DWORD size = CertNameToStrW(X509_ASN_ENCODING, name, CERT_X500_NAME_STR, nullptr, 0);
   std::wstring text(size, L'\0');
   CertNameToStrW(X509_ASN_ENCODING, name, CERT_X500_NAME_STR, text.data(), size);
-  return text.c_str();
+  text.resize(size ? size - 1 : 0);
+  return text;
 }
 
 }  // namespace keldactl

@@ -13,7 +13,10 @@ std::wstring Shown(const std::wstring& name) {
   constexpr size_t kMost = 36;
   if (name.empty()) return L"(empty)";
   std::wstring text = Printable(name);
-  if (text != name && text.size() > kMost) text = text.substr(0, kMost - 3) + L"...";
+  if (text != name && text.size() > kMost) {
+    text.resize(kMost - 3);
+    text += L"...";
+  }
   return text;
 }
 
