@@ -49,11 +49,14 @@ SECURITY_STATUS SetName(KELDAKSP_KEY* key, const BYTE* pbInput, DWORD cbInput) n
     return Refuse(NTE_BAD_DATA, "cbInput >= (KELDAKSP_MAX_NAME_LEN*sizeof(WCHAR))");
   }
   if (cbInput % 2 != 0) return Refuse(NTE_BAD_DATA, "(cbInput % 2)");
+  // The old name goes first: without memory for the new one the key is left without a name.
+  SecureWipe(key->pszKeyName, WideLength(key->pszKeyName) * sizeof(wchar_t));
+  delete[] key->pszKeyName;
+  key->pszKeyName = nullptr;
+  key->cbKeyName = 0;
   WipedArray<wchar_t> name = WipedArray<wchar_t>::Try(cbInput / sizeof(wchar_t) + 1);
   if (name.empty()) return NTE_NO_MEMORY;
   std::memcpy(name.data(), pbInput, cbInput);
-  SecureWipe(key->pszKeyName, WideLength(key->pszKeyName) * sizeof(wchar_t));
-  delete[] key->pszKeyName;
   key->pszKeyName = name.Release();
   g_Log->WriteWide("pKey->pszKeyName = ", key->pszKeyName);
   key->cbKeyName = static_cast<DWORD>(WideLength(key->pszKeyName));
