@@ -539,6 +539,7 @@ CK_RV Module::FindObjectsInit(win::Ulong session, const win::Attribute* attribut
   record->next_found = 0;
   // SoftHSM's order differs from process to process, a card's does not.
   std::vector<std::pair<ObjectEntry, CK_OBJECT_HANDLE>> listed;
+  listed.reserve(objects.size());
   for (const auto object : objects)
     listed.emplace_back(Describe(*record, object), object);
   std::sort(listed.begin(), listed.end());

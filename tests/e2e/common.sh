@@ -6,7 +6,8 @@ source "$(dirname "${BASH_SOURCE[0]}")/../../scripts/lib.sh"
 trap leave_nothing EXIT
 trap 'exit 130' INT TERM
 
-softhsm=/usr/lib/softhsm/libsofthsm2.so
+export softhsm=/usr/lib/softhsm/libsofthsm2.so
+work= # the folder of the script that sources this
 
 # check NAME COMMAND...: passes when COMMAND succeeds.
 check() {

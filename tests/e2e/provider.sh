@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # An ordinary CNG program signs, asks for PINs, makes keys and more on real SoftHSM tokens, through router, provider
 # and token module; OpenSSL and pkcs11-tool look at the results from the Linux side.
+# shellcheck source=tests/e2e/common.sh
 source "$(dirname "$0")/common.sh"
 
 work=$BUILD/e2e-provider
@@ -43,6 +44,15 @@ openssl req -x509 -newkey rsa:2048 -nodes -keyout /dev/null -subj "/C=NV/O=Norva
 start_display
 use_prefix x64 "$work/prefix"
 "$ROOT/scripts/register.sh" x64 "$WINEPREFIX" "$work/app/keldaksp.dll"
+
+lists_keys() {
+  local keys
+  keys=$("$WINE" "$work/app/keldactl.exe" keys)
+  printf '%s\n' "$keys"
+  [[ $keys == *Key1*Key2* ]]
+}
+printf 'Norvale Reader 0 = demo\n' >"$work/token/readers"
+check "keldactl lists the keys" lists_keys
 
 driver "$work/app/provider_driver.exe" 'Cancelling.*'
 check "cancelling costs no try" tries_are demo "3 3"
@@ -91,17 +101,22 @@ ids() {
     /ID:/ && name == label { print type, $2 }' "$listing" | sort
 }
 is_pair() {
-  local objects
+  local objects identifier
   objects=$(ids "$1")
-  [[ $objects =~ ^Private\ ([0-9a-f]{40})$'\n'Public\ ([0-9a-f]{40})$ && ${BASH_REMATCH[1]} == "${BASH_REMATCH[2]}" ]] ||
-    { printf '%s\n' "$objects" && return 1; }
+  identifier=${objects##* }
+  printf '%s\n' "$objects"
+  [[ $identifier =~ ^[0-9a-f]{40}$ && $objects == "Private $identifier"$'\n'"Public $identifier" ]]
 }
 for bits in 1024 2048 3072 4096; do
   check "the pair of $bits bits shares an identifier of 20 bytes" is_pair "Made$bits"
 done
 check "an overwritten key is there once" is_pair Again
 check "a deleted key is gone" test -z "$(ids Doomed)"
-check "an imported public key is alone" bash -c '[[ $1 =~ ^Public\ [0-9a-f]{128}0{128}$ ]]' - "$(ids Imported)"
+is_public_key_alone() {
+  ids "$1"
+  [[ $(ids "$1") =~ ^Public\ [0-9a-f]{128}0{128}$ ]]
+}
+check "an imported public key is alone" is_public_key_alone Imported
 
 certificate_is_with_its_key() {
   local identifier

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # The stand-in token module on a real SoftHSM token: called from Windows code, looked at from the Linux side.
+# shellcheck source=tests/e2e/common.sh
 source "$(dirname "$0")/common.sh"
 
 work=$BUILD/e2e-soft-token
@@ -53,7 +54,10 @@ check "the generated public key is on the token" shows "Public Key Object" Made 
 check "the generated private key is on the token" shows "Private Key Object" Made "$made"
 check "the created public key is on the token" shows "Public Key Object" Copy "$copied"
 check "the certificate is on the token" shows "Certificate Object" Copy 4b657931
-check "the destroyed pair is gone" bash -c '! grep -q Doomed "$1"' - "$listing"
-check "the certificate is what was stored" bash -c \
-  'pkcs11-tool --module "$1" --token-label demo --read-object --type cert --id 4b657931 -o "$2.read" && cmp "$2" "$2.read"' \
-  - "$softhsm" "$work/out/certificate.der"
+is_gone() { ! grep "$1" "$listing"; }
+check "the destroyed pair is gone" is_gone Doomed
+certificate_is_as_stored() {
+  pkcs11-tool --module "$softhsm" --token-label demo --read-object --type cert --id 4b657931 \
+    --output-file "$work/out/certificate.read" && cmp "$work/out/certificate.der" "$work/out/certificate.read"
+}
+check "the certificate is what was stored" certificate_is_as_stored

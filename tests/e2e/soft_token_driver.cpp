@@ -298,6 +298,7 @@ TEST_F(SoftToken, SearchesInSteps) {
   ASSERT_GE(all.size(), 3u);
   // In one order in every process: that of identifiers.
   std::vector<Bytes> identifiers;
+  identifiers.reserve(all.size());
   for (const auto key : all)
     identifiers.push_back(Read(key, CKA_ID));
   EXPECT_TRUE(std::is_sorted(identifiers.begin(), identifiers.end()));
