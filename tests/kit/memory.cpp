@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <set>
 
 #include "kit/imports.h"
 
@@ -16,6 +17,7 @@ struct MemoryWatch::State {
   std::function<bool(std::size_t, std::size_t)> fail;
   std::vector<FreedBlock> freed;
   std::map<const void*, std::size_t> live;
+  std::set<const void*> released;  // without those that were handed out again since
 
   bool Refuse(std::size_t size) {
     const std::lock_guard guard(lock);
@@ -24,7 +26,10 @@ struct MemoryWatch::State {
   }
   void* Allocated(void* block, std::size_t size) {
     const std::lock_guard guard(lock);
-    if (block) live[block] = size;
+    if (block) {
+      live[block] = size;
+      released.erase(block);
+    }
     return block;
   }
   void Freeing(const void* block, std::size_t size) {
@@ -33,6 +38,7 @@ struct MemoryWatch::State {
     const auto* bytes = static_cast<const std::uint8_t*>(block);
     freed.push_back({block, std::vector<std::uint8_t>(bytes, bytes + size)});
     live.erase(block);
+    released.insert(block);
   }
 };
 
@@ -126,8 +132,8 @@ std::map<const void*, std::size_t> MemoryWatch::Live() const {
 }
 
 bool MemoryWatch::WasFreed(const void* address) const {
-  const std::vector<FreedBlock> freed = Freed();
-  return std::any_of(freed.begin(), freed.end(), [&](const FreedBlock& block) { return block.address == address; });
+  const std::lock_guard guard(state_->lock);
+  return state_->released.contains(address);
 }
 
 bool MemoryWatch::FreedContains(std::string_view bytes) const {

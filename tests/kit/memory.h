@@ -35,7 +35,7 @@ class MemoryWatch {
   std::vector<FreedBlock> Freed() const;
   // Blocks that were allocated under this watch and not released: address and size.
   std::map<const void*, std::size_t> Live() const;
-  // What was allocated under this watch at the address, whether still live or already released.
+  // Whether the block at the address was released under this watch and not handed out again since.
   bool WasFreed(const void* address) const;
 
   // Whether a released block held these bytes, or the text as 16-bit characters.

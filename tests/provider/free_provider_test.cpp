@@ -53,8 +53,8 @@ TEST_F(FreeProviderTest, ReleasesWhatTheRecordOwnsAndWipesTheRecord) {
   for (const kit::FreedBlock& block : watch.Freed()) {
     if (block.address != kit::RecordOf(provider)) continue;
     EXPECT_GE(block.contents.size(), record.cbLength);
-    wiped = std::all_of(block.contents.begin(), block.contents.begin() + record.cbLength,
-                        [](std::uint8_t byte) { return byte == 0; });
+    const auto end = block.contents.begin() + static_cast<std::ptrdiff_t>(record.cbLength);
+    wiped = std::all_of(block.contents.begin(), end, [](std::uint8_t byte) { return byte == 0; });
   }
   EXPECT_TRUE(wiped) << "the whole record is zero when it is freed";
 }
