@@ -17,6 +17,7 @@ struct DialogRobot::State {
   std::deque<HWND> shown;
   std::set<HWND> running;  // those whose message loop has been seen at work
   std::set<HWND> seen;
+  std::set<HWND> gone;  // destroyed, not reused since
   std::size_t created = 0;
   std::size_t handled = 0;
   bool stop = false;
@@ -97,23 +98,25 @@ LRESULT CALLBACK OnHook(int code, WPARAM wParam, LPARAM lParam) {
 void Work(const std::shared_ptr<DialogRobot::State>& state) {
   for (;;) {
     HWND window = nullptr;
-    DialogRobot::Step step;
     {
       std::unique_lock guard(state->lock);
       state->changed.wait(guard, [&] { return state->stop || !state->shown.empty(); });
       if (state->shown.empty()) return;
       window = state->shown.front();
       state->shown.pop_front();
+    }
+    PostMessageW(window, ProbeMessage(), 0, 0);
+    DialogRobot::Step step;
+    {
+      std::unique_lock guard(state->lock);
+      state->changed.wait(
+          guard, [&] { return state->stop || state->gone.contains(window) || state->running.contains(window); });
+      if (!state->running.contains(window)) continue;  // ended by its own initialisation
       if (state->handled < state->steps.size()) step = state->steps[state->handled];
       ++state->handled;
     }
     Dialog dialog(window);
-    PostMessageW(window, ProbeMessage(), 0, 0);
-    {
-      std::unique_lock guard(state->lock);
-      state->changed.wait(guard, [&] { return state->stop || state->running.contains(window); });
-    }
-    if (step && dialog.open()) step(dialog);
+    if (step) step(dialog);
     if (dialog.open()) dialog.PressCancel();
   }
 }

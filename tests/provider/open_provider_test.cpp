@@ -1,8 +1,10 @@
 // OpenProvider, step by step.
+#include <algorithm>
 #include <string>
 
 #include "kit/dialogs.h"
 #include "kit/provider.h"
+#include "kit/readers.h"
 
 namespace {
 
@@ -350,6 +352,197 @@ TEST_F(OpenProviderTest, SlotsThatChangeBetweenTheCallsDoNoHarm) {
   });
   const SECURITY_STATUS status = Open(kProviderName, kSilent);
   EXPECT_TRUE(status == 0 || status == NTE_INTERNAL_ERROR);
+}
+
+// Opens with a choice to make: the dialog lists what the smart card service lists.
+class ReaderChoiceTest : public OpenProviderTest {
+ protected:
+  void SetUp() override {
+    OpenProviderTest::SetUp();
+    AddReader("Reader B");
+    AddReader("Reader A");
+  }
+  static kit::DialogRobot::Step Choose(int index) {
+    return [index](kit::Dialog& dialog) {
+      dialog.Send(kit::kReaderList, CB_SETCURSEL, static_cast<WPARAM>(index));
+      dialog.PressOk();
+    };
+  }
+  static void Accept(kit::Dialog& dialog) { dialog.PressOk(); }
+  // What SelectReader writes; it writes through the key-name log.
+  static std::vector<Line> DialogLines(bool confirmed) {
+    std::vector<Line> lines{kit::KeyName("Loading resources"), kit::KeyName("Loading Dialog"),
+                            kit::KeyName("Dialog Loaded")};
+    if (confirmed) {
+      lines.push_back(kit::KeyName("Retrieving data"));
+      lines.push_back(kit::KeyName("Data Retrieved"));
+    } else {
+      lines.push_back(kit::KeyName("Action was cancelled by the user"));
+    }
+    return lines;
+  }
+  std::vector<Line> Asked(bool confirmed, std::vector<Line> rest) {
+    std::vector<Line> body{"Checking provider cache", "Provider not set"};
+    for (Line& line : DialogLines(confirmed))
+      body.push_back(std::move(line));
+    for (Line& line : rest)
+      body.push_back(std::move(line));
+    return body;
+  }
+
+  kit::Readers readers_{{L"Reader B", L"Reader A"}};
+};
+
+TEST_F(ReaderChoiceTest, ChosenReaderIsOpened) {
+  kit::DialogRobot robot({Choose(1)});  // sorted: A, B
+  EXPECT_EQ(Open(kProviderName, 0), 0);
+  EXPECT_EQ(robot.Finish(), 1u);
+  ExpectLines(Lines(kName, 0,
+                    Asked(true, {"Acquired Reader B", "Iterating through slot list", "Found slot: Reader B",
+                                 "Reader name acquired. Setting active slot to Reader B", "Caching provider instance",
+                                 Hex32("Provider handle retrieved: ", handle_)}),
+                    0));
+  ExpectCalls({"C_GetSlotList(present=FALSE, list=NULL)", "C_GetSlotList(present=FALSE, list=PTR, count=2)",
+               "C_GetSlotList(present=TRUE, list=NULL)", "C_GetSlotList(present=TRUE, list=PTR, count=2)",
+               "C_GetSlotInfo(slot=11)", "C_OpenSession(slot=11, flags=0x6, application=NULL, notify=NULL)"});
+  EXPECT_EQ(readers_.established, 1);
+  EXPECT_EQ(readers_.lastScope, DWORD{SCARD_SCOPE_USER});
+  EXPECT_TRUE(readers_.listedRight);
+  EXPECT_EQ(readers_.released, 1);
+}
+
+TEST_F(ReaderChoiceTest, PreselectedReaderIsTheAlphabeticallyFirst) {
+  kit::DialogRobot robot({Accept});
+  EXPECT_EQ(Open(kProviderName, 0), 0);
+  EXPECT_STREQ(Record().pszReader, L"Reader A");
+  EXPECT_EQ(Record().slotId, 12u);
+  const std::vector<Line> lines = kit::Log::Get().Take();
+  EXPECT_NE(std::find(lines.begin(), lines.end(), Line("Found slot: Reader B")), lines.end());
+}
+
+TEST_F(ReaderChoiceTest, Cancelled) {
+  for (int way = 0; way < 2; ++way) {
+    kit::DialogRobot robot({[way](kit::Dialog& dialog) {
+      if (way == 0) dialog.PressCancel();
+      if (way == 1) dialog.CloseBySystemMenu();
+    }});
+    ExpectRefused(kProviderName, 0, ERROR_CANCELLED, Asked(false, {"ERROR_CANCELLED: The operation was cancelled."}));
+    EXPECT_EQ(robot.Finish(), 1u);
+    EXPECT_EQ(token().Count("C_OpenSession"), 0u);
+  }
+}
+
+TEST_F(ReaderChoiceTest, ChoiceIsAskedOnceForTwoOpensInARow) {
+  kit::DialogRobot robot({Choose(1), Accept});
+  ASSERT_EQ(Open(kProviderName, 0), 0);
+  const NCRYPT_PROV_HANDLE first = handle_;
+  EXPECT_EQ(Open(kProviderName, 0), 0);
+  EXPECT_STREQ(Record().pszReader, L"Reader B");
+  EXPECT_EQ(robot.Finish(), 1u);
+  ksp().FreeProvider(first);
+}
+
+TEST_F(ReaderChoiceTest, ChoiceIsAskedTwiceWhenTheCacheIsSwitchedOff) {
+  Registry::Get().SetDword(kit::kSdkKey, L"dwUseProviderCache", 0);
+  kit::DialogRobot robot({Choose(1), Choose(0)});
+  ASSERT_EQ(Open(kProviderName, 0), 0);
+  const NCRYPT_PROV_HANDLE first = handle_;
+  EXPECT_EQ(Open(kProviderName, 0), 0);
+  EXPECT_STREQ(Record().pszReader, L"Reader A");
+  EXPECT_EQ(robot.Finish(), 2u);
+  ksp().FreeProvider(first);
+}
+
+TEST_F(ReaderChoiceTest, ChoiceIsAskedTwiceWhenAnotherEntryIsCalledBetween) {
+  kit::DialogRobot robot({Choose(1), Choose(0)});
+  ASSERT_EQ(Open(kProviderName, 0), 0);
+  const NCRYPT_PROV_HANDLE first = handle_;
+  DWORD length = 0;
+  ksp().GetProviderProperty(first, L"Version", nullptr, 0, &length, 0);
+  EXPECT_EQ(Open(kProviderName, 0), 0);
+  EXPECT_STREQ(Record().pszReader, L"Reader A");
+  EXPECT_EQ(robot.Finish(), 2u);
+  ksp().FreeProvider(first);
+}
+
+TEST_F(ReaderChoiceTest, TrailingBlanksOfTheDescriptionDoNotCount) {
+  token().SlotAt(0).description = "Reader B   ";
+  kit::DialogRobot robot({Choose(1)});
+  EXPECT_EQ(Open(kProviderName, 0), 0);
+  EXPECT_STREQ(Record().pszReader, L"Reader B");
+}
+
+TEST_F(ReaderChoiceTest, ReaderThatIsNoSlot) {
+  readers_.names = {L"Reader C", L"Reader D"};
+  kit::DialogRobot robot({Accept});
+  ExpectRefused(kProviderName, 0, NTE_INTERNAL_ERROR,
+                Asked(true, {"Acquired Reader C", "Iterating through slot list", "Found slot: Reader B",
+                             "Found slot: Reader A", "NTE_INTERNAL_ERROR: Selected reader not found."}));
+}
+
+TEST_F(ReaderChoiceTest, NameOfMoreThan32CharactersNeverEqualsASlot) {
+  const std::string name = "A reader with a name of 39 characters..";
+  token().SlotAt(1).description = name;
+  readers_.names = {std::wstring(name.begin(), name.end())};
+  kit::DialogRobot robot({Accept});
+  EXPECT_EQ(Open(kProviderName, 0), NTE_INTERNAL_ERROR);
+}
+
+TEST_F(ReaderChoiceTest, SlotInfoThatCannotBeReadInTheSearch) {
+  token().Fail("C_GetSlotInfo", CKR_DEVICE_ERROR, 2);
+  kit::DialogRobot robot({Accept});
+  ExpectRefused(kProviderName, 0, NTE_INTERNAL_ERROR,
+                Asked(true, {"Acquired Reader A", "Iterating through slot list", "Found slot: Reader B",
+                             "NTE_INTERNAL_ERROR: GetSlotInfo failed"}));
+}
+
+TEST_F(ReaderChoiceTest, NoTokenAsksAndFindsTheOneInsertedMeanwhile) {
+  token().SlotAt(0).tokenPresent = false;
+  token().SlotAt(1).tokenPresent = false;
+  kit::DialogRobot robot({[this](kit::Dialog& dialog) {
+    token().SlotAt(1).tokenPresent = true;
+    dialog.PressOk();
+  }});
+  EXPECT_EQ(Open(kProviderName, 0), 0);
+  EXPECT_EQ(Record().slotId, 12u);
+  ExpectLines(Lines(kName, 0,
+                    Asked(true, {"Acquired Reader A", "Iterating through slot list", "Found slot: Reader A",
+                                 "Reader name acquired. Setting active slot to Reader A", "Caching provider instance",
+                                 Hex32("Provider handle retrieved: ", handle_)}),
+                    0));
+  ExpectCalls({"C_GetSlotList(present=FALSE, list=NULL)", "C_GetSlotList(present=FALSE, list=PTR, count=2)",
+               "C_GetSlotList(present=TRUE, list=NULL)", "C_GetSlotList(present=TRUE, list=PTR, count=0)",
+               "C_GetSlotList(present=TRUE, list=NULL)", "C_GetSlotList(present=TRUE, list=PTR, count=1)",
+               "C_GetSlotInfo(slot=12)", "C_OpenSession(slot=12, flags=0x6, application=NULL, notify=NULL)"});
+}
+
+TEST_F(ReaderChoiceTest, NoTokenAfterTheChoiceEither) {
+  token().SlotAt(0).tokenPresent = false;
+  token().SlotAt(1).tokenPresent = false;
+  kit::DialogRobot robot({Accept});
+  ExpectRefused(kProviderName, 0, NTE_FAIL, Asked(true, {"Acquired Reader A", "NTE_FAIL: No active slot was found"}));
+}
+
+TEST_F(ReaderChoiceTest, FailuresOfTheServiceEndTheCallWithTheirText) {
+  const auto expectFailure = [this](const std::string& text) {
+    kit::DialogRobot robot;
+    ExpectRefused(kProviderName, 0, NTE_FAIL,
+                  {"Checking provider cache", "Provider not set", kit::KeyName("Loading resources"),
+                   kit::KeyName("Loading Dialog"), kit::KeyName("Dialog Loaded"), Line(text)});
+    EXPECT_EQ(robot.Finish(), 0u) << "nothing is shown";
+  };
+  readers_.establishResult = SCARD_E_NO_SERVICE;
+  expectFailure("SCardEstablishContext Failed: 0x8010001D");
+  EXPECT_EQ(readers_.released, 0);
+  readers_.establishResult = SCARD_S_SUCCESS;
+  readers_.listResult = SCARD_E_NO_READERS_AVAILABLE;
+  expectFailure("SCardListReaders Failed: 0x8010002E");
+  EXPECT_EQ(readers_.released, 1);
+  readers_.listResult = SCARD_S_SUCCESS;
+  readers_.names = {};
+  expectFailure("No cards/tokens were detected.");
+  readers_.names = {L"A", L"Reader"};
+  expectFailure("No cards/tokens were detected.");
 }
 
 }  // namespace
