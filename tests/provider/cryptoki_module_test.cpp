@@ -95,16 +95,6 @@ TEST_F(CryptokiModuleTest, IsNeitherFinalisedNorFreedWhenTheProviderIsUnloaded) 
   EXPECT_EQ(GetModuleHandleW(L"keldapkcs11.dll"), module);
 }
 
-TEST_F(CryptokiModuleTest, ConstructsItsObjectsInOrder) {
-  ASSERT_TRUE(Reload());
-  EXPECT_EQ(Log::Get().InstancesConstructed(), 5);
-  const std::wstring enter = L"DebugClass ctor - Enter";
-  const std::wstring exit = L"DebugClass ctor - Exit";
-  EXPECT_EQ(Log::Get().TakeWideLines(),
-            (std::vector<std::wstring>{enter, exit, enter, exit, enter, exit, L"PinManager ctor - Entry", enter, exit,
-                                       L"PinManager ctor - Exit", enter, exit}));
-}
-
 // In a child of its own, since this process has the module loaded for good.
 int ReportLoad(kit::TokenModule kind) {
   kit::LoadTokenModule(kind);
