@@ -77,7 +77,7 @@ run_program() {
     "$skipped" $((SECONDS - begun))
   if ((bad)); then
     local cases i
-    mapfile -t cases < <(sed -n 's/^\[  FAILED  \] \([^ ,]*\).* (.*ms)$/\1/p' "$log" | tr -d '\r' | sort -u)
+    mapfile -t cases < <(tr -d '\r' <"$log" | sed -n 's/^\[  FAILED  \] \([^ ,]*\).* (.*ms)$/\1/p' | sort -u)
     for ((i = 0; i < bad; i++)); do
       fail "$name ($arch): ${cases[i]:-(unnamed)}"
     done
