@@ -427,12 +427,19 @@ TEST_F(PinDialogTest, ASelectionCollapsesWhenTheContextMenuIsClosed) {
         Select(dialog, 1, 3);
         const DWORD thread = GetWindowThreadProcessId(dialog.window(), nullptr);
         SendNotifyMessageW(dialog.control(kPinField), WM_RBUTTONUP, 0, MAKELPARAM(3, 3));
-        GUITHREADINFO info{};
-        info.cbSize = sizeof info;
         // The menu has a message loop of its own; wait until it runs, and close it.
-        while (GetGUIThreadInfo(thread, &info) && (info.flags & GUI_INMENUMODE) == 0)
+        const auto inMenu = [&](HWND& owner) {
+          GUITHREADINFO info{};
+          info.cbSize = sizeof info;
+          if (!GetGUIThreadInfo(thread, &info)) return false;
+          owner = info.hwndMenuOwner;
+          return (info.flags & GUI_INMENUMODE) != 0;
+        };
+        HWND owner = nullptr;
+        while (!inMenu(owner))
           Sleep(1);
-        SendMessageW(info.hwndMenuOwner, WM_CANCELMODE, 0, 0);
+        while (inMenu(owner))
+          SendMessageW(owner, WM_CANCELMODE, 0, 0);
         dialog.Send(kPinField, WM_NULL);
         EXPECT_EQ(Selection(dialog), std::make_pair(DWORD{1}, DWORD{1}));
       },
