@@ -8,6 +8,7 @@
 #include "provider/entry_frame.h"
 #include "provider/key_storage_interface.h"
 #include "provider/provider_cache.h"
+#include "support/limits.h"
 #include "support/text.h"
 #include "token/cryptoki_module.h"
 #include "token/public_key_values.h"
@@ -36,10 +37,13 @@ SECURITY_STATUS ExportPublicKey(const KELDAKSP_PROVIDER* provider, const KELDAKS
   if (cbBlob > cbOutput) {
     return Refuse(NTE_BUFFER_TOO_SMALL, "NTE_BUFFER_TOO_SMALL: The expected output is larger than the output buffer");
   }
-  std::memset(pbOutput, 0, cbOutput);
+  // The whole buffer is cleared and shown, not only the blob's part. A length at its maximum is no buffer's length, so
+  // that nothing behind the blob is touched then.
+  const DWORD cbCleared = cbOutput <= kLargestBlock ? cbOutput : cbBlob;
+  std::memset(pbOutput, 0, cbCleared);
   blob->Write(pbOutput);
   *pcbResult = cbBlob;
-  g_Log->WriteBytes("Public Key Blob: ", pbOutput, cbOutput);
+  g_Log->WriteBytes("Public Key Blob: ", pbOutput, cbCleared);
   return ERROR_SUCCESS;
 }
 
