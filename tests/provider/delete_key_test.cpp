@@ -160,6 +160,18 @@ TEST_F(DeleteKeyTest, HandleStaysAHandle) {
   ExpectCalls({});
 }
 
+#ifdef _WIN64  // see the generation of keys for why
+TEST_F(DeleteKeyTest, NothingThatTheTokenThrowsEscapes) {
+  token().AddKeyPair(Ascii("Key1"), "Key1");
+  const NCRYPT_KEY_HANDLE key = Open(L"Key1");
+  token().Before("C_DestroyObject", [](const fake::Call&) { throw 7; });
+  EXPECT_EQ(ksp().DeleteKey(provider_, key, 0), NTE_INTERNAL_ERROR);
+  ExpectLines(
+      Lines(key, 0, {"NTE_INTERNAL_ERROR: The operation ended with an unexpected exception"}, NTE_INTERNAL_ERROR));
+  EXPECT_STREQ(kit::KeyOf(key)->pszKeyName, L"Key1");
+}
+#endif
+
 TEST_F(DeleteKeyTest, RefusesForeignHandles) {
   token().AddKeyPair(Ascii("Key1"), "Key1");
   const NCRYPT_KEY_HANDLE key = Open(L"Key1");

@@ -190,6 +190,17 @@ TEST_F(OverwriteTest, FailingPublicDestructionComesTooLateForThePrivateObject) {
   ExpectCallsAfterLogin({"C_DestroyObject(session=0x51, object=0x104)"});
 }
 
+#ifdef _WIN64  // see the generation of keys for why
+TEST_F(OverwriteTest, NothingThatTheTokenThrowsEscapes) {
+  token().Before("C_DestroyObject", [](const fake::Call&) { throw CK_RV{CKR_DEVICE_ERROR}; });
+  EXPECT_EQ(Finalize(key_), NTE_INTERNAL_ERROR);
+  ExpectBody(
+      LoggedIn({"Overwrite flag is set.", "NTE_INTERNAL_ERROR: The operation ended with an unexpected exception"}),
+      NTE_INTERNAL_ERROR);
+  EXPECT_EQ(record().fFinished, 0u);
+}
+#endif
+
 TEST_F(OverwriteTest, WithoutTheFlagFoundHandlesAreLeftAlone) {
   record().fOverwrite = 0;
   EXPECT_EQ(Finalize(key_), 0);
@@ -346,6 +357,18 @@ TEST_F(GenerateTest, NothingElseThatIsThrownEscapes) {
   EXPECT_EQ(record().fFinished, 0u);
 }
 #endif
+
+// A module that says yes and does nothing leaves a finished key without objects, and an identifier of zeros.
+TEST_F(GenerateTest, TokenThatAnswersNothing) {
+  token().Fail("C_GenerateRandom", CKR_OK);
+  token().Fail("C_GenerateKeyPair", CKR_OK);
+  EXPECT_EQ(Finalize(Create(nullptr)), 0);
+  id_ = Bytes(20, 0);
+  ExpectCallsAfterLogin({"C_GenerateRandom(session=0x51, length=20)", GenerateCall(2048, false, "")});
+  EXPECT_EQ(record().fFinished, 1u);
+  EXPECT_EQ(record().hPublicKeyObject, 0u);
+  EXPECT_EQ(record().hPrivateKeyObject, 0u);
+}
 
 TEST_F(GenerateTest, NameOf62CharactersIsTheLongestLabel) {
   const std::wstring longest(62, L'n');
