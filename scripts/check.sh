@@ -61,7 +61,12 @@ PYTHON
 # shellcheck disable=SC2016 # $0 is the inner shell's
 in_parallel() { xargs -P "$(nproc)" -d '\n' -I{} sh -c 'cd "$0" && {}' "$ROOT"; }
 
-clang_compiles() { commands "$1" '/(src|tools|standins|tests)/' | in_parallel; }
+# The tests are compiled for x64 only: what the widths differ in is in the other folders.
+clang_compiles() {
+  local folders='(src|tools|standins)'
+  [[ $1 == x86 ]] || folders='(src|tools|standins|tests)'
+  commands "$1" "^$ROOT/$folders/" | in_parallel
+}
 
 tidy() {
   local headers
