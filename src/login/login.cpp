@@ -18,13 +18,13 @@ namespace {
 
 // Room for a cached PIN: as many bytes as characters can be typed.
 struct PinBuffer {
-  PinBuffer() noexcept { std::memset(bytes, 0, sizeof(bytes)); }
+  PinBuffer() noexcept = default;
   ~PinBuffer() { Wipe(); }
   PinBuffer(const PinBuffer&) = delete;
   PinBuffer& operator=(const PinBuffer&) = delete;
   void Wipe() noexcept { SecureWipe(bytes, sizeof(bytes)); }
 
-  unsigned char bytes[16];
+  unsigned char bytes[16] = {};
 };
 
 // The token's name without the blanks that pad it, terminated.

@@ -116,21 +116,21 @@ std::uint32_t PinManager::SetPin(const unsigned char* serial, DWORD /*cbSerial*/
   }
 
   log_->WriteLine("Saving cache to pool");
-  if (!Append(entry.get())) return static_cast<std::uint32_t>(NTE_NO_MEMORY);
-  entry.release();
+  if (!Append(entry)) return static_cast<std::uint32_t>(NTE_NO_MEMORY);
   log_->WriteLine("PIN securely saved");
   return 1;
 }
 
 // Dialogs of several threads may append at once: the exchange of the end orders them, and each links its own entry to
 // the one before. A reader sees the entries up to the first link that is still missing.
-bool PinManager::Append(PinCacheEntry* entry) noexcept {
+bool PinManager::Append(std::unique_ptr<PinCacheEntry>& entry) noexcept {
   if (count_.fetch_add(1) >= kMaxEntries) {
     count_.fetch_sub(1);
     return false;
   }
-  PinCacheEntry* previous = last_.exchange(entry, std::memory_order_acq_rel);
-  entry->previous_ = previous;
-  (previous != nullptr ? previous->next_ : first_).store(entry, std::memory_order_release);
+  PinCacheEntry* added = entry.release();
+  PinCacheEntry* previous = last_.exchange(added, std::memory_order_acq_rel);
+  added->previous_ = previous;
+  (previous != nullptr ? previous->next_ : first_).store(added, std::memory_order_release);
   return true;
 }

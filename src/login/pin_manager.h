@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 
 #include "diag/debug_log.h"
 #include "login/pin_cache_entry.h"
@@ -37,9 +38,10 @@ class PinManager {
   std::atomic<std::uint32_t>& DialogFlag() noexcept { return dialogFlag_; }
 
  private:
-  bool Append(PinCacheEntry* entry) noexcept;
+  // Takes the entry over unless the list is full.
+  bool Append(std::unique_ptr<PinCacheEntry>& entry) noexcept;
 
-  CRITICAL_SECTION lock_;
+  CRITICAL_SECTION lock_ = {};
   std::atomic<std::uint32_t> dialogFlag_ = 0;
   std::atomic<PinCacheEntry*> first_ = nullptr;
   std::atomic<PinCacheEntry*> last_ = nullptr;

@@ -122,7 +122,7 @@ TEST_F(PinDialogTest, IsLaidOutAsDesigned) {
       {IDCANCEL, L"Button", 166, 56, 56, 15, L"Cancel", BS_PUSHBUTTON | WS_TABSTOP},
       {kCaption, L"Static", 80, 23, 15, 8, L"PIN:", SS_LEFT},
       {kStatusLine, L"Static", 98, 41, 124, 8, L"", SS_CENTER},
-      {-1, L"Static", 12, 66, 68, 8, L"Key Storage Provider", SS_LEFT}};
+      {-1, L"Static", 12, 66, 68, 8, L"Key Storage Provider", SS_LEFTNOWORDWRAP}};
   SignWith([&](Dialog& dialog) {
     RECT client;
     GetClientRect(dialog.window(), &client);
@@ -256,6 +256,13 @@ TEST_F(PinDialogTest, BelongsToTheWindowOfTheProvider) {
   kit::RecordOf(provider_)->hWnd = 0;
   SignWith([&](Dialog& dialog) { EXPECT_EQ(GetWindow(dialog.window(), GW_OWNER), nullptr); });
   DestroyWindow(owner);
+}
+
+TEST_F(PinDialogTest, AnOwnerThatIsNoWindowEndsTheLogin) {
+  kit::RecordOf(provider_)->hWnd = 0x7FFFFFF0;
+  EXPECT_EQ(Sign(), NTE_NOT_FOUND);
+  kit::RecordOf(provider_)->hWnd = 0;
+  EXPECT_TRUE(kit::SameLines(ExitedWith(0), AfterDialogShown()));
 }
 
 TEST_F(PinDialogTest, ADialogThatCannotBeShownReportsTheLastError) {
