@@ -1,5 +1,7 @@
 #include "support/text.h"
 
+#include <cstring>
+
 namespace {
 
 wchar_t FoldCase(wchar_t c) noexcept {
@@ -50,12 +52,14 @@ std::size_t WideFind(const wchar_t* text, const wchar_t* part) noexcept {
 std::size_t NarrowText(char* destination, std::size_t cbDestination, const wchar_t* text) noexcept {
   if (destination == nullptr || cbDestination == 0) return 0;
   if (text == nullptr) text = L"";
-  for (std::size_t i = 0; i < cbDestination; ++i) {
-    if (text[i] > 0xFF) break;
+  std::size_t i = 0;
+  while (i < cbDestination && text[i] <= 0xFF) {
     destination[i] = static_cast<char>(static_cast<unsigned char>(text[i]));
     if (text[i] == L'\0') return i + 1;
+    ++i;
   }
-  destination[0] = '\0';
+  // Nothing of a text without a narrow form stays behind: buffers are used up to lengths that do not ask for it.
+  std::memset(destination, 0, i != 0 ? i : 1);
   return 0;
 }
 

@@ -20,7 +20,8 @@ std::size_t WideFind(const wchar_t* text, const wchar_t* part) noexcept;
 
 // Narrows text into destination (cbDestination bytes, the terminator counted): each character of at most 0xFF
 // becomes the byte of the same value. When a character is larger or the text does not fit, destination is left
-// empty. Returns the number of bytes written, the terminator counted; 0 on failure. A null text is empty.
+// empty, with no part of the text in it. Returns the number of bytes written, the terminator counted; 0 on failure. A
+// null text is empty.
 std::size_t NarrowText(char* destination, std::size_t cbDestination, const wchar_t* text) noexcept;
 
 // Widens count bytes, stopping behind the first zero byte: each byte becomes the character of the same value.

@@ -125,6 +125,14 @@ TEST(NarrowText, ACharacterAbove255MakesItEmpty) {
   EXPECT_EQ(Narrow(8, L"Key\x20AC"), (Narrowed{0, ""}));
 }
 
+TEST(NarrowText, NothingOfATextWithoutANarrowFormStaysBehind) {
+  for (const wchar_t* text : {L"Key1", L"Ke\x20AC"}) {
+    std::array<char, 4> buffer{};
+    EXPECT_EQ(NarrowText(buffer.data(), 4, text), 0u);
+    EXPECT_EQ(buffer, (std::array<char, 4>{}));
+  }
+}
+
 TEST(NarrowText, NullIsEmpty) {
   EXPECT_EQ(Narrow(8, nullptr), (Narrowed{1, ""}));
   char byte = '#';
