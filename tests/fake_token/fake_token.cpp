@@ -119,7 +119,7 @@ std::string TemplateText(const std::vector<Attribute>& attributes, Direction dir
 
 void Pad(std::uint8_t* out, std::size_t size, const std::string& text) {
   std::memset(out, ' ', size);
-  std::memcpy(out, text.data(), std::min(size, text.size()));
+  std::copy_n(text.begin(), std::min(size, text.size()), out);
 }
 
 // A modulus of the right length that differs from key to key and has its top bit set.
@@ -480,7 +480,7 @@ bool IsTokenObject(const Attributes& attributes) {
 
 template <std::size_t N>
 struct FixedName {
-  char text[N];
+  char text[N] = {};
   constexpr FixedName(const char (&source)[N]) {  // implicit: a string literal is the template argument
     for (std::size_t i = 0; i < N; ++i)
       text[i] = source[i];

@@ -56,7 +56,7 @@ class Imports {
 // A name as a template argument.
 template <std::size_t N>
 struct Name {
-  char text[N];
+  char text[N] = {};
   constexpr Name(const char (&source)[N]) {  // implicit: written as a string literal
     for (std::size_t i = 0; i < N; ++i)
       text[i] = source[i];

@@ -11,6 +11,13 @@
 
 namespace kit {
 
+// The provider takes all its blocks from the runtime library's heap, which is the test program's as well.
+void* NewProviderBlock(const void* data, std::size_t size) {
+  void* block = std::malloc(size);
+  if (block) std::copy_n(static_cast<const std::uint8_t*>(data), size, static_cast<std::uint8_t*>(block));
+  return block;
+}
+
 struct MemoryWatch::State {
   mutable std::recursive_mutex lock;
   std::size_t allocations = 0;

@@ -12,6 +12,9 @@
 
 namespace kit {
 
+// A copy of the bytes in a block that the provider can release as one of its own. nullptr when memory runs out.
+void* NewProviderBlock(const void* data, std::size_t size);
+
 struct FreedBlock {
   const void* address;
   std::vector<std::uint8_t> contents;

@@ -142,6 +142,12 @@ void ProviderTest::SetUp() {
   Forget();
 }
 
+const FunctionTable& ProviderTest::ksp() const {
+  const FunctionTable* table = Provider::Get().table;
+  if (!table) throw std::runtime_error("the provider is not loaded");
+  return *table;
+}
+
 void ProviderTest::TearDown() {
   token().ClearScript();
 }

@@ -58,7 +58,8 @@ class ProviderTest : public ::testing::Test {
   void SetUp() override;
   void TearDown() override;
 
-  const FunctionTable& ksp() const { return *Provider::Get().table; }
+  // The function table of the loaded provider.
+  const FunctionTable& ksp() const;
   fake::Module& token() const { return fake::Token(); }
 
   // One slot with a token; the description is the reader's name.

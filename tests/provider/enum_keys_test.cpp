@@ -34,7 +34,7 @@ class EnumKeysTest : public kit::ProviderTest {
   }
   // Lines after the arguments, without the exit lines.
   static std::vector<Line> Body() {
-    const std::vector<Line> all = kit::Log::Get().Take();
+    std::vector<Line> all = kit::Log::Get().Take();
     return all.size() < 9 ? all : std::vector<Line>(all.begin() + 7, all.end() - 2);
   }
 

@@ -1,8 +1,7 @@
 // FreeKey: what it wipes and releases; the record itself stays.
 #include <algorithm>
-#include <cstdlib>
-#include <cstring>
 #include <string>
+#include <string_view>
 
 #include "kit/provider.h"
 
@@ -33,11 +32,8 @@ class FreeKeyTest : public kit::ProviderTest {
     return Frame("KELDAKSPFreeKey", lines, status);
   }
   // A block of the allocator that all blocks of the provider come from.
-  static BYTE* Block(const char* text) {
-    const std::size_t size = std::strlen(text);
-    auto* block = static_cast<BYTE*>(std::malloc(size));
-    if (block) std::memcpy(block, text, size);
-    return block;
+  static BYTE* Block(std::string_view text) {
+    return static_cast<BYTE*>(kit::NewProviderBlock(text.data(), text.size()));
   }
 
   NCRYPT_PROV_HANDLE provider_ = 0;

@@ -8,7 +8,6 @@ namespace {
 
 using kit::Frame;
 using kit::Hex32;
-using kit::kProviderName;
 using kit::Line;
 
 class FreeProviderTest : public kit::ProviderTest {
@@ -107,15 +106,14 @@ TEST_F(FreeProviderTest, WipesThePinCacheOfTheRecord) {
   const NCRYPT_PROV_HANDLE provider = OpenProvider();
   // Attached as the provider itself attaches it: from the allocator that all its blocks come from.
   kit::ProviderRecord* record = kit::RecordOf(provider);
-  auto* pin = static_cast<wchar_t*>(std::malloc(4 * sizeof(wchar_t)));
-  ASSERT_NE(pin, nullptr);
-  for (int i = 0; i < 4; ++i)
-    pin[i] = static_cast<wchar_t>(L'1' + i);
-  record->pPinCache = pin;
+  const wchar_t pin[] = {L'1', L'2', L'3', L'4'};
+  record->pPinCache = static_cast<wchar_t*>(kit::NewProviderBlock(pin, sizeof pin));
+  ASSERT_NE(record->pPinCache, nullptr);
+  const void* block = record->pPinCache;
   record->cchPinCache = 4;
   kit::MemoryWatch watch;
   EXPECT_EQ(ksp().FreeProvider(provider), 0);
-  EXPECT_TRUE(watch.WasFreed(pin));
+  EXPECT_TRUE(watch.WasFreed(block));
   EXPECT_FALSE(watch.FreedContainsWide("1234"));
   EXPECT_FALSE(watch.FreedContainsWide("34"));
 }

@@ -9,7 +9,6 @@ namespace {
 using fake::Ascii;
 using fake::Bytes;
 using kit::Dump;
-using kit::Hex32;
 using kit::KeyName;
 using kit::Line;
 using kit::Number;

@@ -1,6 +1,5 @@
 // OpenKey: a key is found by its name, by the hexadecimal text of its name, or behind the reader's name.
 #include <algorithm>
-#include <cstring>
 #include <string>
 
 #include "kit/provider.h"
@@ -9,7 +8,6 @@ namespace {
 
 using fake::Ascii;
 using fake::Bytes;
-using kit::Frame;
 using kit::Hex32;
 using kit::kBanner;
 using kit::kClosingBanner;
@@ -170,8 +168,8 @@ TEST_F(OpenKeyTest, UnknownNameGivesAHandleThatEveryEntryRefuses) {
   BuildList();
   EXPECT_EQ(Open(L"Unknown"), 0);
   ASSERT_NE(key_, 0u);
-  const kit::KeyRecord zero{};
-  EXPECT_EQ(std::memcmp(kit::KeyOf(key_), &zero, sizeof zero), 0);
+  const auto* bytes = reinterpret_cast<const BYTE*>(kit::KeyOf(key_));
+  EXPECT_TRUE(std::all_of(bytes, bytes + sizeof(kit::KeyRecord), [](BYTE byte) { return byte == 0; }));
   ExpectLines(Lines("Unknown", 0, 0,
                     Join({{"Parsing key name...", "Retrieving key name", "Initializing key object",
                            "Find key with specified key name"},

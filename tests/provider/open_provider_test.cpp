@@ -191,7 +191,7 @@ TEST_F(OpenProviderTest, RecordThatCannotBeAllocated) {
   AddReader();
   const std::size_t size = sizeof(kit::ProviderRecord) + sizeof kProviderName;
   kit::MemoryWatch watch;
-  watch.FailWhen([size](std::size_t asked, std::size_t) { return asked == size; });
+  watch.FailWhen([](std::size_t asked, std::size_t) { return asked == size; });
   ExpectRefused(kProviderName, kSilent, NTE_NO_MEMORY, {"NTE_NO_MEMORY: Not enough memory to allocate for pProvider"});
   ExpectCalls({});
 }

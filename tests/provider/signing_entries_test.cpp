@@ -73,8 +73,8 @@ class SigningTest : public kit::ProviderTest {
                           static_cast<DWORD>(signature_.size()), &length_, flags);
   }
   struct Arguments {
-    NCRYPT_PROV_HANDLE provider;
-    NCRYPT_KEY_HANDLE key;
+    NCRYPT_PROV_HANDLE provider = 0;
+    NCRYPT_KEY_HANDLE key = 0;
     const void* padding = nullptr;
     const void* hash = nullptr;
     DWORD hashLength = 0;
@@ -138,7 +138,7 @@ class SigningTest : public kit::ProviderTest {
   }
   // The lines of an entry between its arguments and its exit line.
   static std::vector<Line> Body(std::size_t arguments) {
-    const std::vector<Line> all = kit::Log::Get().Take();
+    std::vector<Line> all = kit::Log::Get().Take();
     if (all.size() < arguments + 4) return all;
     return std::vector<Line>(all.begin() + static_cast<std::ptrdiff_t>(arguments) + 2, all.end() - 2);
   }
