@@ -1,5 +1,6 @@
 // FinalizeKey: a record becomes a key pair on the token, generated there or made of an imported blob's parts.
-#include <cstdlib>
+#include <cstring>
+#include <map>
 #include <numeric>
 #include <string>
 
@@ -704,6 +705,40 @@ TEST_F(FinalizeImportedTest, EveryBufferOfTheTwoKeysIsWipedBeforeItIsReleased) {
   // The record's own components are left to it.
   EXPECT_EQ(kit::KeyOf(key)->pbPrime1, prime1_.data());
   EXPECT_NE(prime1_[0], 0);
+}
+
+// The private key goes nowhere, but it is filled: its buffers are there while the public object is made.
+TEST_F(FinalizeImportedTest, PrivateKeyTakesEveryComponent) {
+  const NCRYPT_KEY_HANDLE key = Imported(L"Key1", 1024);
+  const kit::MemoryWatch watch;
+  std::map<std::string, std::ptrdiff_t> copies;
+  token().Before("C_CreateObject", [&](const fake::Call&) {
+    const std::map<const void*, std::size_t> live = watch.Live();
+    const auto count = [&](const char* name, const Bytes& component) {
+      copies[name] = std::count_if(live.begin(), live.end(), [&](const auto& block) {
+        return block.second >= component.size() && std::memcmp(block.first, component.data(), component.size()) == 0;
+      });
+    };
+    count("modulus", modulus_);
+    count("public exponent", {0x01, 0x00, 0x01, 0x00});
+    count("id", id_);
+    count("private exponent", privateExponent_);
+    count("prime 1", prime1_);
+    count("prime 2", prime2_);
+    count("exponent 1", exponent1_);
+    count("exponent 2", exponent2_);
+    count("coefficient", coefficient_);
+  });
+  EXPECT_EQ(Finalize(key), NTE_INTERNAL_ERROR);
+  EXPECT_EQ(copies, (std::map<std::string, std::ptrdiff_t>{{"modulus", 2},
+                                                           {"public exponent", 2},
+                                                           {"id", 2},
+                                                           {"private exponent", 1},
+                                                           {"prime 1", 1},
+                                                           {"prime 2", 1},
+                                                           {"exponent 1", 1},
+                                                           {"exponent 2", 1},
+                                                           {"coefficient", 1}}));
 }
 
 TEST_F(FinalizeImportedTest, FourLogsForTwoKeys) {

@@ -112,8 +112,8 @@ TEST_F(SetKeyPropertyTest, LengthsFrom512To4096InStepsOf512) {
     ExpectLines(Lines("Length", {"dwProperty = NCRYPT_LENGTH_PROPERTY"}, 0));
   }
   for (const DWORD length :
-       {DWORD{0}, DWORD{1}, DWORD{256}, DWORD{511}, DWORD{513}, DWORD{1000}, DWORD{1023}, DWORD{1025}, DWORD{4095},
-        DWORD{4097}, DWORD{4608}, DWORD{8192}, DWORD{0x80000000}, DWORD{0xFFFFFE00}, DWORD{0xFFFFFFFF}}) {
+       {DWORD{0}, DWORD{1}, DWORD{256}, DWORD{511}, DWORD{513}, DWORD{768}, DWORD{1000}, DWORD{1023}, DWORD{1025},
+        DWORD{4095}, DWORD{4097}, DWORD{4608}, DWORD{8192}, DWORD{0x80000000}, DWORD{0xFFFFFE00}, DWORD{0xFFFFFFFF}}) {
     EXPECT_EQ(SetNumber(L"Length", length), NTE_NOT_SUPPORTED) << length;
     EXPECT_EQ(record().dwKeyBitLength, 4096u);
     ExpectLines(

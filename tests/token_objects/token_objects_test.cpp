@@ -545,9 +545,13 @@ TEST_F(PrivateKeyTest, NullAndNothingLeaveTheFieldsAsTheyAre) {
   empty.SetExponents(exponent1_.data(), 64, exponent2_.data(), 64);
   empty.SetCoefficient(coefficient_.data(), 64);
   EXPECT_EQ(empty.Create(KeyUsage::kBoth, "a", 1), kIncomplete);
+  PrivateKey noCoefficient;
+  Filled(noCoefficient, "coefficient").SetCoefficient(coefficient_.data(), 0);
+  EXPECT_EQ(noCoefficient.Create(KeyUsage::kBoth, "a", 1), kIncomplete);
 
   PrivateKey full;
   Filled(full);
+  const FreedWatch watch;
   full.SetModulus(nullptr, 1);
   full.SetModulus(modulus_.data(), 0);
   full.SetPublicExponent(nullptr, 4);
@@ -557,6 +561,9 @@ TEST_F(PrivateKeyTest, NullAndNothingLeaveTheFieldsAsTheyAre) {
   full.SetPrivateExponent(privateExponent_.data(), 0);
   full.SetCoefficient(nullptr, 4);
   full.SetCoefficient(coefficient_.data(), 0);
+  full.SetPrimes(prime1_.data(), 64, nullptr, 64);
+  full.SetExponents(exponent1_.data(), 0, exponent2_.data(), 64);
+  EXPECT_EQ(watch.Cleared(128) + watch.Cleared(64) + watch.Cleared(4), 0u) << "nothing is released";
   EXPECT_EQ(full.Create(KeyUsage::kBoth, "a", 1), kNeverCreates);
 }
 
