@@ -513,6 +513,43 @@ TEST_F(PinDialogTest, HugeTextSetByAnotherProgramDoesNoHarm) {
             kCancelledByUser);
 }
 
+TEST_F(PinDialogTest, TheFieldsOwnAsterisksAreNoChange) {
+  // The platform may notify of a text that the field sets itself while it handles a notification.
+  Hook<"SetWindowTextW", decltype(&SetWindowTextW)> texts([](auto original, HWND window, LPCWSTR text) -> BOOL {
+    const BOOL result = original(window, text);
+    if (GetDlgCtrlID(window) == kPinField) {
+      SendMessageW(GetParent(window), WM_COMMAND, MAKEWPARAM(kPinField, EN_UPDATE), reinterpret_cast<LPARAM>(window));
+    }
+    return result;
+  });
+  EXPECT_EQ(SignWith([](Dialog& dialog) {
+              dialog.Send(kPinField, WM_SETTEXT, 0, reinterpret_cast<LPARAM>(L"1234"));
+              EXPECT_EQ(dialog.text(kPinField), L"****");
+              dialog.PressCancel();
+            }),
+            kCancelledByUser);
+  ExpectPin(
+      L"1234", [](Dialog&) {}, "1234");
+}
+
+TEST_F(PinDialogTest, ACharacterThatCannotBeKeptDoesNotStayInTheWindow) {
+  MemoryWatch memory;
+  std::vector<std::wstring> shown;
+  Hook<"SetWindowTextW", decltype(&SetWindowTextW)> texts([&](auto original, HWND window, LPCWSTR text) -> BOOL {
+    if (GetDlgCtrlID(window) == kPinField) shown.emplace_back(text);
+    return original(window, text);
+  });
+  EXPECT_EQ(SignWith([&](Dialog& dialog) {
+              dialog.Type(kPinField, L"73");
+              memory.FailWhen([](std::size_t size, std::size_t) { return size == 2; });
+              dialog.Type(kPinField, L"9");
+              memory.StopFailing();
+              EXPECT_FALSE(dialog.open());
+            }),
+            NTE_NO_MEMORY);
+  EXPECT_EQ(shown, (std::vector<std::wstring>{L"*", L"**", L""}));
+}
+
 TEST_F(PinDialogTest, CellsHoldTheCharactersScrambledByPosition) {
   std::uint16_t next = 0x5A01;
   std::vector<std::uint16_t> mask;
