@@ -9,7 +9,7 @@ FUZZ_TARGET(pin_scrambler) {
   fuzz::Parts parts(input);
   WipedArray<std::uint16_t> mask(PinScrambler::kMaskLength);
   for (std::size_t i = 0; i < mask.size(); ++i)
-    mask[i] = static_cast<std::uint16_t>(parts.Byte() * 257 + i);
+    mask[i] = static_cast<std::uint16_t>(parts.Byte() * 257U + i);
   const std::vector<std::uint16_t> known(mask.data(), mask.data() + mask.size());
   PinScrambler scrambler(std::move(mask));
   std::vector<wchar_t> plain;

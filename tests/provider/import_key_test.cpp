@@ -1261,8 +1261,7 @@ TEST_F(ImportKeyTest, DataOfUpToAHeader) {
     }
     EXPECT_EQ(Import(data, kPrivate, kDoNotFinalize), 0) << length;
     EXPECT_EQ(record().cbPrivateKey, length);
-    EXPECT_EQ(record().dwMagic,
-              padded[0] | padded[1] << 8 | padded[2] << 16 | static_cast<std::uint32_t>(padded[3]) << 24);
+    EXPECT_EQ(fake::Ulong(record().dwMagic), Bytes(padded.begin(), padded.begin() + 4));
   }
 }
 
