@@ -1,6 +1,5 @@
 // KELDAKSPOpenProvider: a provider handle on one token.
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -11,6 +10,7 @@
 #include "provider/key_storage_interface.h"
 #include "provider/provider_cache.h"
 #include "provider/provider_record.h"
+#include "support/allocator.h"
 #include "support/bounded_copy.h"
 #include "support/text.h"
 #include "token/cryptoki_module.h"
@@ -64,7 +64,7 @@ bool IsAlias(const wchar_t* aliases, DWORD cbAliases, const wchar_t* name) noexc
 
 // Null when there is no memory for the record itself. Throws std::bad_alloc when there is none for what it owns.
 KELDAKSP_PROVIDER* NewProviderRecord(const wchar_t* name, DWORD cbName) {
-  auto* provider = static_cast<KELDAKSP_PROVIDER*>(std::malloc(sizeof(KELDAKSP_PROVIDER) + cbName));
+  auto* provider = static_cast<KELDAKSP_PROVIDER*>(AllocateBlock(sizeof(KELDAKSP_PROVIDER) + cbName));
   if (provider == nullptr) return nullptr;
   provider->cbLength = static_cast<DWORD>(sizeof(KELDAKSP_PROVIDER)) + cbName;
   std::memcpy(provider->signature, kProviderSignature, sizeof(kProviderSignature));

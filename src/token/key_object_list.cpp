@@ -8,6 +8,7 @@
 #include <new>
 
 #include "diag/debug_log.h"
+#include "support/allocator.h"
 #include "support/bounded_copy.h"
 #include "support/text.h"
 #include "support/wipe.h"
@@ -53,7 +54,8 @@ class ObjectHandles {
     };
     if (!Pass(token, session, search, nullptr, kMaxObjects)) return false;
     const CK_ULONG room = std::min(count_, kMaxObjects);
-    handles_.reset(static_cast<CK_OBJECT_HANDLE*>(std::malloc(std::max<CK_ULONG>(room, 1) * sizeof(CK_OBJECT_HANDLE))));
+    handles_.reset(
+        static_cast<CK_OBJECT_HANDLE*>(AllocateBlock(std::max<CK_ULONG>(room, 1) * sizeof(CK_OBJECT_HANDLE))));
     if (handles_ == nullptr) {
       g_KeyNameLog->WriteLine("NTE_INTERNAL_ERROR: Object memory allocation error");
       return false;
@@ -84,7 +86,7 @@ class ObjectHandles {
 // Grows the list by one record, whose buffers the list takes over. False when there is no memory.
 bool AppendKeyObject(KELDAKSP_PROVIDER* provider, const KELDAKSP_KEY& key) noexcept {
   const std::size_t count = provider->cKeyObjects;
-  auto* grown = static_cast<KELDAKSP_KEY*>(std::malloc((count + 1) * sizeof(KELDAKSP_KEY)));
+  auto* grown = static_cast<KELDAKSP_KEY*>(AllocateBlock((count + 1) * sizeof(KELDAKSP_KEY)));
   if (grown == nullptr) return false;
   if (count != 0) std::memcpy(grown, provider->pKeyObjects, count * sizeof(KELDAKSP_KEY));
   grown[count] = key;
@@ -220,10 +222,10 @@ bool BuildObjectList(KELDAKSP_PROVIDER* provider, const CryptokiModule* module) 
 
 // Fills the next entry's name into a record; NTE_NO_MEMORY leaves nothing behind.
 SECURITY_STATUS NewKeyName(const KELDAKSP_KEY& entry, NCryptKeyName** ppKeyName) noexcept {
-  std::unique_ptr<void, MallocDeleter> record(std::malloc(sizeof(NCryptKeyName)));
+  std::unique_ptr<void, MallocDeleter> record(AllocateBlock(sizeof(NCryptKeyName)));
   if (record == nullptr) return NTE_NO_MEMORY;
   const std::size_t cchName = WideLength(entry.pszKeyName) + 1;
-  std::unique_ptr<void, MallocDeleter> name(std::malloc(cchName * sizeof(wchar_t)));
+  std::unique_ptr<void, MallocDeleter> name(AllocateBlock(cchName * sizeof(wchar_t)));
   if (name == nullptr) return NTE_NO_MEMORY;
   auto* pszName = static_cast<wchar_t*>(name.get());
   BoundedCopy(pszName, cchName, entry.pszKeyName);
