@@ -30,21 +30,34 @@ class GuardPages {
     const std::size_t pages = PagesFor(size);
     std::uint8_t* slot = Slot(pages);
     if (!slot || !VirtualAlloc(slot, pages * kPage, MEM_COMMIT, PAGE_READWRITE)) return nullptr;
-    // As near to the end as the block's natural alignment allows: a size that a type could have is a multiple of that
-    // type's alignment.
-    const std::size_t alignment = size ? std::min<std::size_t>(size & (~size + 1), 16) : 1;
-    const std::size_t used = (size + alignment - 1) / alignment * alignment;
-    return slot + pages * kPage - used;
+    const std::size_t used = Used(size);
+    std::uint8_t* const end = slot + pages * kPage;
+    std::memset(end - used + size, kBehind, used - size);
+    return end - used;
+  }
+  // Whether nothing was written behind the block, where its alignment leaves a few bytes before the page's end.
+  static bool Intact(const void* block, std::size_t size) {
+    const auto* bytes = static_cast<const std::uint8_t*>(block);
+    return std::all_of(bytes + size, bytes + Used(size), [](std::uint8_t byte) { return byte == kBehind; });
   }
   void Release(void* block, std::size_t size) {
     const std::size_t pages = PagesFor(size);
-    const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(block) + size;
-    auto* slot = reinterpret_cast<std::uint8_t*>((end + kPage - 1) / kPage * kPage - pages * kPage);
+    const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(block) + Used(size);
+    auto* slot = reinterpret_cast<std::uint8_t*>(end - pages * kPage);
     VirtualFree(slot, pages * kPage, MEM_DECOMMIT);
     free_[pages].push_back(slot);
   }
 
  private:
+  static constexpr std::uint8_t kBehind = 0xBE;
+
+  // As near to the page's end as the alignment allows. A small block is aligned as its size says: the size of a type is
+  // a multiple of its alignment. A larger one may be a record with a text behind it.
+  static std::size_t Used(std::size_t size) {
+    const std::size_t natural = size ? std::min<std::size_t>(size & (~size + 1), 16) : 1;
+    const std::size_t alignment = size <= 100 ? natural : 16;
+    return (size + alignment - 1) / alignment * alignment;
+  }
   static std::size_t PagesFor(std::size_t size) { return std::max<std::size_t>((size + kPage - 1) / kPage, 1); }
   std::uint8_t* Slot(std::size_t pages) {
     std::deque<std::uint8_t*>& free = free_[pages];
@@ -125,6 +138,9 @@ bool Give(void* address, bool ofTheDll, bool looked = true) {
   state.blocks.erase(found);
   if (looked && ofTheDll && state.violation.empty() && HoldsPin(address, block.size)) {
     state.violation = "a released block of " + std::to_string(block.size) + " bytes holds a PIN";
+  }
+  if (block.kind == HeapKind::Guard && state.violation.empty() && !GuardPages::Intact(address, block.size)) {
+    state.violation = "the bytes behind a block of " + std::to_string(block.size) + " bytes were written";
   }
   if (ofTheDll) state.liveBytes -= block.size;
   if (block.kind == HeapKind::Guard) {

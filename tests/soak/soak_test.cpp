@@ -156,9 +156,6 @@ TEST(SoakHarnessTest, APinIsFoundInEveryForm) {
 
 class SoakHarnessHeapTest : public ::testing::Test {
  protected:
-  using MallocFn = void*(__cdecl*)(std::size_t);
-  using FreeFn = void(__cdecl*)(void*);
-
   void SetUp() override {
     soak::InstallHarness(soak::HeapKind::Guard);
     Heap::Get().TakeLive();
@@ -167,13 +164,20 @@ class SoakHarnessHeapTest : public ::testing::Test {
 };
 
 TEST_F(SoakHarnessHeapTest, ABlockEndsAtAnInaccessiblePage) {
-  for (const std::size_t size : {1U, 2U, 7U, 16U, 66U, 100U, 4096U, 5000U}) {
+  for (const std::size_t size : {1U, 2U, 7U, 16U, 66U, 100U, 256U, 4096U, 4992U}) {
     auto* block = static_cast<BYTE*>(Heap::Get().Allocate(size));
     EXPECT_FALSE(IsBadWritePtr(block, size)) << size;
     EXPECT_TRUE(IsBadReadPtr(block + size, 1)) << size;
     Heap::Get().Release(block);
     EXPECT_TRUE(IsBadReadPtr(block, 1)) << size;
   }
+}
+
+TEST_F(SoakHarnessHeapTest, NoticesWhatIsWrittenBehindALargerBlock) {
+  auto* block = static_cast<BYTE*>(Heap::Get().Allocate(101));
+  block[101] = 1;
+  Heap::Get().Release(block);
+  EXPECT_EQ(Heap::Get().TakeViolation(), "the bytes behind a block of 101 bytes were written");
 }
 
 TEST_F(SoakHarnessHeapTest, NoticesWhatTheDllReleasesAndKeeps) {
