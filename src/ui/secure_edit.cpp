@@ -116,9 +116,7 @@ void CSecureEditEx::OnUpdate() {
     TakeChange(length);
   } catch (...) {
     // What was typed is lost, and must not stay behind in the window.
-    ClearCells();
-    SetText(L"");
-    EmptyUndoBuffer();
+    Empty();
     updating_ = false;
     throw;
   }
@@ -128,6 +126,11 @@ void CSecureEditEx::OnUpdate() {
 // Brings the cells up to the window text of length characters and covers it.
 void CSecureEditEx::TakeChange(std::size_t length) {
   WipedArray<wchar_t> text = Text();
+  if (text.size() <= length) {
+    // The text did not come whole. Nothing is known of what was typed, so that the field starts anew.
+    Empty();
+    return;
+  }
   const std::size_t caret = LOWORD(Send(EM_GETSEL));
   if (length > count_) {
     // The new characters end at the caret. Where they cannot - a text that another program has set, with the caret
@@ -142,6 +145,12 @@ void CSecureEditEx::TakeChange(std::size_t length) {
   std::fill_n(text.data(), length, L'*');
   SetText(text.data());
   Select(caret, caret);
+  EmptyUndoBuffer();
+}
+
+void CSecureEditEx::Empty() noexcept {
+  ClearCells();
+  SetText(L"");
   EmptyUndoBuffer();
 }
 

@@ -34,6 +34,8 @@ class CSecureEditEx : public CEdit {
   static WipedArray<std::uint16_t> NewMask();
   void OnUpdate();
   void TakeChange(std::size_t length);
+  // Cells, window text and undo buffer.
+  void Empty() noexcept;
   void OnKeyDown(WPARAM key) noexcept;
   void CollapseSelection() noexcept;
 

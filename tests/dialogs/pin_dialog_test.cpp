@@ -764,6 +764,24 @@ TEST_F(PinDialogTest, TheKeyboardWorksTheButtons) {
             kCancelledByUser);
 }
 
+// The length is asked for before the text is; a text that then turns out to be shorter is not read beyond its end.
+TEST_F(PinDialogTest, ATextThatDoesNotComeWholeEmptiesTheField) {
+  ExpectPin(
+      L"12",
+      [](Dialog& dialog) {
+        int asked = 0;
+        {
+          Hook<"GetWindowTextLengthW", decltype(&GetWindowTextLengthW)> lengths(
+              [&](auto original, HWND window) -> int { return ++asked == 2 ? 0 : original(window); });
+          dialog.Type(kPinField, L"3");
+        }
+        EXPECT_GE(asked, 2);
+        EXPECT_EQ(dialog.text(kPinField), L"");
+        dialog.Type(kPinField, L"4567");
+      },
+      "4567");
+}
+
 TEST_F(PinDialogTest, AnEmptyPinEndsTheDialogWithTheConversionsError) {
   EXPECT_EQ(SignWith([](Dialog& dialog) { dialog.PressOk(); }), NTE_NOT_FOUND);
   Lines retrieval = RetrievePinLines(false);

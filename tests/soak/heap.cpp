@@ -3,6 +3,8 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -40,6 +42,11 @@ class GuardPages {
     const auto* bytes = static_cast<const std::uint8_t*>(block);
     return std::all_of(bytes + size, bytes + Used(size), [](std::uint8_t byte) { return byte == kBehind; });
   }
+  // Takes no lock: it is asked while an exception is handled.
+  bool Holds(std::uintptr_t address) const {
+    return std::any_of(arenas_.begin(), arenas_.begin() + static_cast<std::ptrdiff_t>(arenaCount_.load()),
+                       [&](std::uintptr_t arena) { return address >= arena && address - arena < kArena; });
+  }
   void Release(void* block, std::size_t size) {
     const std::size_t pages = PagesFor(size);
     const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(block) + Used(size);
@@ -71,6 +78,7 @@ class GuardPages {
     if (left_ < bytes) {
       arena_ = static_cast<std::uint8_t*>(VirtualAlloc(nullptr, kArena, MEM_RESERVE, PAGE_NOACCESS));
       left_ = arena_ ? kArena : 0;
+      if (arena_ && arenaCount_ < kArenas) arenas_[arenaCount_++] = reinterpret_cast<std::uintptr_t>(arena_);
     }
     if (left_ < bytes) return nullptr;
     std::uint8_t* slot = arena_;
@@ -79,6 +87,9 @@ class GuardPages {
     return slot;
   }
 
+  static constexpr std::size_t kArenas = 256;
+  std::array<std::uintptr_t, kArenas> arenas_{};
+  std::atomic<std::size_t> arenaCount_{0};
   std::uint8_t* arena_ = nullptr;
   std::size_t left_ = 0;
   std::map<std::size_t, std::deque<std::uint8_t*>> free_;
@@ -299,6 +310,10 @@ void Heap::Reclaim(void* address) {
 std::size_t Heap::LiveBytes() const {
   const std::lock_guard guard(S().lock);
   return S().liveBytes;
+}
+
+bool Heap::Guards(std::uintptr_t address) const {
+  return S().pages.Holds(address);
 }
 
 std::string Heap::TakeViolation() {

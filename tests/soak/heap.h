@@ -46,6 +46,9 @@ class Heap {
   // nothing.
   std::string TakeViolation();
 
+  // Whether the address lies where the guard heap keeps its blocks and the inaccessible pages between them.
+  bool Guards(std::uintptr_t address) const;
+
   // The same functions for the harness itself: buffers for callers' arguments, guarded like the DLL's blocks.
   void* Allocate(std::size_t size);
   void Release(void* address);

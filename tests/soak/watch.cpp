@@ -9,6 +9,7 @@
 
 #include "kit/imports.h"
 #include "kit/provider.h"
+#include "soak/heap.h"
 #include "soak/sequence.h"
 
 namespace soak {
@@ -62,6 +63,24 @@ LONG WINAPI OnCrash(EXCEPTION_POINTERS* pointers) {
   Stop(91);
 }
 
+// A window procedure's crash is caught by the system, and the soak would go on as if nothing had been: what the DLL
+// does wrong itself, or does to a page that guards a block, is told at once.
+LONG CALLBACK OnException(EXCEPTION_POINTERS* pointers) {
+  const EXCEPTION_RECORD& record = *pointers->ExceptionRecord;
+  const DWORD code = record.ExceptionCode;
+  if (!g_busy || (code != EXCEPTION_ACCESS_VIOLATION && code != EXCEPTION_ILLEGAL_INSTRUCTION &&
+                  code != EXCEPTION_INT_DIVIDE_BY_ZERO && code != EXCEPTION_STACK_OVERFLOW)) {
+    return EXCEPTION_CONTINUE_SEARCH;
+  }
+  HMODULE module = nullptr;
+  GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                     static_cast<LPCWSTR>(record.ExceptionAddress), &module);
+  const bool inTheDll = module && module == GetModuleHandleW(L"keldaksp.dll");
+  const bool atAGuard = code == EXCEPTION_ACCESS_VIOLATION && record.NumberParameters > 1 &&
+                        Heap::Get().Guards(record.ExceptionInformation[1]);
+  return inTheDll || atAGuard ? OnCrash(pointers) : LONG{EXCEPTION_CONTINUE_SEARCH};
+}
+
 void __cdecl OnAbort() {
   PrintPosition("the DLL called abort()");
   int here = 0;
@@ -92,6 +111,7 @@ void Watch() {
 }  // namespace
 
 void StartWatch() {
+  AddVectoredExceptionHandler(1, &OnException);
   SetUnhandledExceptionFilter(&OnCrash);
   kit::Imports::Get().Replace("abort", reinterpret_cast<void*>(&OnAbort));
   kit::Imports::Get().Replace("exit", reinterpret_cast<void*>(&OnExit));
