@@ -214,6 +214,15 @@ TEST_F(DebugLogTest, FileIsSharedWithOtherReadersAndWriters) {
   EXPECT_NE(Log::Get().FileText().find("PromptUser"), std::string::npos);
 }
 
+TEST_F(DebugLogTest, StartLineIsWrittenWhileOthersHaveTheFileOpen) {
+  const HANDLE other = CreateFileW(path_.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                   nullptr, CREATE_ALWAYS, 0, nullptr);
+  ASSERT_NE(other, INVALID_HANDLE_VALUE);
+  ASSERT_TRUE(Load());
+  CloseHandle(other);
+  EXPECT_NE(Log::Get().FileText().find("LOG START"), std::string::npos);
+}
+
 // The forms of lines with a value, seen through entries.
 class LogFormTest : public kit::ProviderTest {
  protected:

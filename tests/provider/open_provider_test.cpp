@@ -1,5 +1,6 @@
 // OpenProvider, step by step.
 #include <algorithm>
+#include <stdexcept>
 #include <string>
 
 #include "kit/dialogs.h"
@@ -38,7 +39,11 @@ class OpenProviderTest : public kit::ProviderTest {
     const std::wstring wide = name ? name : L"";
     ExpectLines(Lines(std::string(wide.begin(), wide.end()), flags, std::move(body), status));
   }
-  kit::ProviderRecord& Record() { return *kit::RecordOf(handle_); }
+  // Throws, and so fails the test, when the open before has failed.
+  kit::ProviderRecord& Record() {
+    if (!handle_) throw std::runtime_error("no provider is open");
+    return *kit::RecordOf(handle_);
+  }
   void Close() {
     if (handle_) {
       EXPECT_EQ(ksp().FreeProvider(handle_), 0);
