@@ -2,6 +2,7 @@
 
 #include <share.h>
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -74,8 +75,7 @@ void DebugClass::WriteText(const char* label, const char* text) noexcept {
   const std::size_t cbText = std::strlen(text) + 1;
   char* line = new (std::nothrow) char[cbLabel + cbText];
   if (line == nullptr) return;
-  std::memcpy(line, label, cbLabel);
-  std::memcpy(line + cbLabel, text, cbText);
+  std::copy_n(text, cbText, std::copy_n(label, cbLabel, line));
   WriteLine(line);
   SecureWipe(line, cbLabel + cbText);
   delete[] line;

@@ -10,8 +10,8 @@
 
 // The lines of one entry. Most exit lines end in ": " and the status; the few that differ say so here.
 struct EntryLines {
-  const char* entry;
-  const char* exit;
+  const char* entry = nullptr;
+  const char* exit = nullptr;
   bool exitHasStatus = true;
 };
 
