@@ -106,7 +106,7 @@ TEST_F(DebugLogTest, MissingPathIsOff) {
 
 TEST_F(DebugLogTest, PathOfAnotherTypeIsOff) {
   Registry::Get().Remove(kSdkKey, L"KSPDIR");
-  Registry::Get().SetBinary(kSdkKey, L"KSPDIR", REG_EXPAND_SZ, {'C', 0, 0, 0});
+  Registry::Get().SetBinary(kSdkKey, L"KSPDIR", REG_BINARY, {'C', 0, 0, 0});
   ASSERT_TRUE(Load());
   EXPECT_FALSE(FileExists());
 }
