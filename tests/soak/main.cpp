@@ -1,5 +1,7 @@
 // soak_tests [GoogleTest's options]              the short run
-// soak_tests --seed N --calls N [--guard]        sequences from seed N on, at least so many calls
+// soak_tests --seed N --calls N [--guard] [--dialogs N]
+//                                                sequences from seed N on, at least so many calls; one of N sequences
+//                                                meets tokens whose PIN has to be typed
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -17,9 +19,7 @@
 
 namespace {
 
-int RunLong(std::uint64_t seed, std::uint64_t calls, soak::HeapKind heap) {
-  soak::Options options;
-  options.heap = heap;
+int RunLong(std::uint64_t seed, std::uint64_t calls, const soak::Options& options) {
   soak::Soak run(options);
   const auto start = std::chrono::steady_clock::now();
   const std::string found = run.Run(seed, calls);
@@ -52,11 +52,13 @@ int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
     std::uint64_t seed = 0;
     std::uint64_t calls = 0;
-    soak::HeapKind heap = soak::HeapKind::Plain;
+    soak::Options options;
     for (int i = 1; i < argc; ++i) {
       const std::string option = argv[i];
       if (option == "--guard") {
-        heap = soak::HeapKind::Guard;
+        options.heap = soak::HeapKind::Guard;
+      } else if (i + 1 < argc && option == "--dialogs") {
+        options.dialogsOneIn = static_cast<std::uint32_t>(std::strtoul(argv[++i], nullptr, 10));
       } else if (i + 1 < argc && (option == "--seed" || option == "--calls")) {
         (option == "--seed" ? seed : calls) = std::strtoull(argv[++i], nullptr, 10);
       } else {
@@ -67,7 +69,7 @@ int main(int argc, char** argv) {
     kit::StartKit();
     kit::LoadTokenModule(kit::TokenModule::Working);
     soak::StartWatch();
-    const int result = calls ? RunLong(seed, calls, heap) : kit::IsChild() ? kit::RunScenario() : RUN_ALL_TESTS();
+    const int result = calls ? RunLong(seed, calls, options) : kit::IsChild() ? kit::RunScenario() : RUN_ALL_TESTS();
     kit::StopKit();
     return result;
   } catch (const std::exception& error) {

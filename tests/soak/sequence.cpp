@@ -118,6 +118,7 @@ struct Soak::Impl {
   Random random;
   OtherThread other;
   std::string failure;
+  std::string replay;  // the run's options, as the replay needs them
 
   // Of the running sequence.
   bool dialogsWanted = false;
@@ -514,8 +515,7 @@ struct Soak::Impl {
     straight = random.OneIn(2);
     BeginCall();
     SetPosition({current, static_cast<std::uint32_t>(calls.size()),
-                 slot < 26 ? kit::kSlots[slot] : "GetKeyStorageInterface",
-                 options.heap == HeapKind::Guard ? " --guard" : ""});
+                 slot < 26 ? kit::kSlots[slot] : "GetKeyStorageInterface", replay.c_str()});
     Dispatch(slot);
     EndCall();
   }
@@ -942,7 +942,7 @@ struct Soak::Impl {
     NewWorld(seed);
     for (std::uint32_t i = 0; i < count && failure.empty(); ++i)
       OneCall();
-    SetPosition({seed, static_cast<std::uint32_t>(calls.size()), "the releases after it", ""});
+    SetPosition({seed, static_cast<std::uint32_t>(calls.size()), "the releases after it", replay.c_str()});
     ReleaseAll();
     CheckWhatStays();
     if (failure.empty()) CheckLocks(seed);
@@ -953,7 +953,7 @@ struct Soak::Impl {
   // No lock is held: another thread can log in with a cached PIN, and a PIN dialog still opens.
   void CheckLocks(std::uint64_t seed) {
     Forget();
-    SetPosition({seed, 0, "another thread's signature after it", ""});
+    SetPosition({seed, 0, "another thread's signature after it", replay.c_str()});
     PlainWorld(kCheckSerial);
     other.Do([this] { SignOnce("another thread cannot sign"); });
     ReleaseAll();
@@ -997,6 +997,8 @@ void InstallHarness(HeapKind heap) {
 
 Soak::Soak(const Options& options) : impl_(std::make_unique<Impl>()) {
   impl_->options = options;
+  if (options.heap == HeapKind::Guard) impl_->replay += " --guard";
+  impl_->replay += " --dialogs " + std::to_string(options.dialogsOneIn);
   InstallHarness(options.heap);
   SetDialogAnswer(
       [impl = impl_.get()](const std::function<std::intptr_t()>& open) { return impl->AnswerDialog(open); });

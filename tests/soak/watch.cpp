@@ -93,8 +93,20 @@ void __cdecl OnExit(int) {
   Stop(93);
 }
 
-void Watch() {
-  constexpr DWORD kLimit = 120000;
+// Where the hanging thread is inside the DLL.
+void PrintStackOf(HANDLE thread) {
+  CONTEXT context{};
+  context.ContextFlags = CONTEXT_CONTROL;
+  if (SuspendThread(thread) == static_cast<DWORD>(-1) || !GetThreadContext(thread, &context)) return;
+#ifdef _WIN64
+  PrintStack(reinterpret_cast<const void*>(context.Rsp));
+#else
+  PrintStack(reinterpret_cast<const void*>(context.Esp));
+#endif
+}
+
+void Watch(HANDLE thread) {
+  constexpr DWORD kLimit = 60000;
   const HANDLE never = CreateEventW(nullptr, TRUE, FALSE, nullptr);
   std::uint64_t seen = g_progress;
   for (;;) {
@@ -102,6 +114,7 @@ void Watch() {
     const std::uint64_t now = g_progress;
     if (g_busy && now == seen) {
       PrintPosition("a call hangs");
+      PrintStackOf(thread);
       Stop(94);
     }
     seen = now;
@@ -115,7 +128,10 @@ void StartWatch() {
   SetUnhandledExceptionFilter(&OnCrash);
   kit::Imports::Get().Replace("abort", reinterpret_cast<void*>(&OnAbort));
   kit::Imports::Get().Replace("exit", reinterpret_cast<void*>(&OnExit));
-  std::thread(&Watch).detach();
+  HANDLE thread = nullptr;
+  DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), &thread, 0, FALSE,
+                  DUPLICATE_SAME_ACCESS);
+  std::thread(&Watch, thread).detach();
 }
 
 void SetPosition(const Position& position) {

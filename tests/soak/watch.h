@@ -13,7 +13,7 @@ struct Position {
 };
 
 // Installs the handler of last resort for crashes, takes the DLL's way to abort() and exit() over, and starts the
-// watchdog, for which a call that takes two minutes hangs. From the DLL's next load on.
+// watchdog, for which a call that takes a minute or two hangs. From the DLL's next load on.
 void StartWatch();
 // Where the run stands now; also what the watchdog sees as progress.
 void SetPosition(const Position& position);
