@@ -972,6 +972,7 @@ struct Soak::Impl {
     onlyRightPin = true;
     for (const char* serial :
          {kPrimedSerials[0], kPrimedSerials[1], kPrimedSerials[2], kOtherPinSerial, kCheckSerial}) {
+      SetPosition({0, 0, "filling the PIN cache", replay.c_str()});
       Forget();
       PlainWorld(serial);
       SignOnce("the PIN cache cannot be filled");
@@ -985,6 +986,7 @@ struct Soak::Impl {
       if (!failure.empty()) throw std::runtime_error(failure);
     }
     Heap::Get().TakeLive();
+    SetIdle();
   }
 };
 
