@@ -58,6 +58,23 @@ TEST_F(FreeProviderTest, ReleasesWhatTheRecordOwnsAndWipesTheRecord) {
   EXPECT_TRUE(wiped) << "the whole record is zero when it is freed";
 }
 
+TEST_F(FreeProviderTest, DeletesTheLockAfterTheSessionIsClosed) {
+  AddReader();
+  const NCRYPT_PROV_HANDLE provider = OpenProvider();
+  const CRITICAL_SECTION* const lock = kit::RecordOf(provider)->pLock;
+  std::vector<const CRITICAL_SECTION*> deleted;
+  const kit::Hook<"DeleteCriticalSection", decltype(&DeleteCriticalSection)> hook(
+      [&](auto original, LPCRITICAL_SECTION section) {
+        deleted.push_back(section);
+        original(section);
+      });
+  token().Fail("C_CloseSession", CKR_DEVICE_ERROR);
+  EXPECT_EQ(ksp().FreeProvider(provider), NTE_INTERNAL_ERROR);
+  EXPECT_TRUE(deleted.empty());
+  EXPECT_EQ(ksp().FreeProvider(provider), 0);
+  EXPECT_EQ(deleted, std::vector<const CRITICAL_SECTION*>{lock});
+}
+
 TEST_F(FreeProviderTest, RefusesWhatIsNoRecord) {
   EXPECT_EQ(ksp().FreeProvider(0), NTE_INVALID_HANDLE);
   ExpectLines(Lines(0, {"NTE_INVALID_HANDLE: pProvider is NULL"}, NTE_INVALID_HANDLE));
