@@ -8,7 +8,7 @@ source "$(dirname "$0")/lib.sh"
 [[ ${1-} =~ ^[1-9][0-9]*$ ]] || die "usage: ${0##*/} SECONDS [TARGET...]"
 seconds=$1
 shift
-"$ROOT/scripts/prepare.sh" build check
+"$ROOT/scripts/prepare.sh" build fuzz
 
 fuzz=$BUILD/fuzz
 step "Building the fuzz targets"
