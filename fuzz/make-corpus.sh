@@ -41,7 +41,7 @@ rsa1=0x31415352
 rsa2=0x32415352
 max=0xFFFFFFFF
 
-# The first byte of a blob seed chooses the full form (1) and lengths of more than 12 bits (2). Seeds that begin with as_is_ are not varied by the replay.
+# The first byte of a blob seed chooses the full form (1) and lengths of more than 12 bits (f0). Seeds that begin with as_is_ are not varied by the replay.
 seed private_key_blob public_512 00 "$(header $rsa1 512 3 64 0 0)" 010001 "$(filler 64)"
 seed private_key_blob private_512 00 "$(header $rsa2 512 3 64 32 32)" 010001 "$(filler 128)"
 seed private_key_blob full_512 01 "$(header $rsa2 512 3 64 32 32)" 010001 "$(filler 288)"
@@ -53,11 +53,11 @@ for field in 1 2 3 4 5 6; do
   for value in 0 1 0x1000 0x04000000 $max; do
     numbers=("$rsa2" 512 3 64 32 32)
     numbers[field - 1]=$value
-    seed private_key_blob "as_is_field_${field}_$value" 02 "$(header "${numbers[@]}")" "$(filler 40)"
+    seed private_key_blob "as_is_field_${field}_$value" f0 "$(header "${numbers[@]}")" "$(filler 40)"
   done
 done
-seed private_key_blob as_is_large_prime 02 "$(header $rsa1 512 3 64 0x03FFFFFF 0)" "$(filler 70)"
-seed private_key_blob maxima 03 "$(header $max $max $max $max $max $max)"
+seed private_key_blob as_is_large_prime f0 "$(header $rsa1 512 3 64 0x03FFFFFF 0)" "$(filler 70)"
+seed private_key_blob maxima f1 "$(header $max $max $max $max $max $max)"
 seed private_key_blob long_exponent 00 "$(header $rsa1 512 5 64 0 0)" "$(filler 69)"
 
 seed public_key_blob usual 00 03 010001 "$(filler 64)"
