@@ -16,6 +16,7 @@ bool SwitchedOff() noexcept {
   BYTE* value = new (std::nothrow) BYTE[kValueSize]();
   if (value == nullptr) return false;
   DWORD cbValue = kValueSize;
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks)
   return RegQueryValueExW(key, L"dwUseProviderCache", nullptr, nullptr, value, &cbValue) == ERROR_SUCCESS &&
          value[0] == 0;
 }
