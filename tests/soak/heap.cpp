@@ -57,12 +57,13 @@ class GuardPages {
 
  private:
   static constexpr std::uint8_t kBehind = 0xBE;
+  static constexpr std::size_t kSmall = 72;  // no record with a text behind it is as small
 
   // As near to the page's end as the alignment allows. A small block is aligned as its size says: the size of a type is
   // a multiple of its alignment. A larger one may be a record with a text behind it.
   static std::size_t Used(std::size_t size) {
     const std::size_t natural = size ? std::min<std::size_t>(size & (~size + 1), 16) : 1;
-    const std::size_t alignment = size <= 100 ? natural : 16;
+    const std::size_t alignment = size <= kSmall ? natural : 16;
     return (size + alignment - 1) / alignment * alignment;
   }
   static std::size_t PagesFor(std::size_t size) { return std::max<std::size_t>((size + kPage - 1) / kPage, 1); }
