@@ -74,7 +74,7 @@ SECURITY_STATUS FindProperty(const KELDAKSP_KEY* key, const wchar_t* name, Value
   if (WideEqual(name, NCRYPT_UNIQUE_NAME_PROPERTY)) {
     return value.SetText("dwProperty = KELDAKSP_UNIQUE_NAME_PROPERTY", key->pszKeyName);
   }
-  // Among them the security descriptor and the certificate: they can be set or not at all, never read.
+  // Among them the certificate: it can be set and never read.
   return NTE_NOT_SUPPORTED;
 }
 
@@ -94,6 +94,10 @@ SECURITY_STATUS GetKeyProperty(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE h
   }
   if (pcbResult == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pcbResult is NULL");
   if ((dwFlags & NCRYPT_PERSIST_ONLY_FLAG) != 0) return NTE_NOT_SUPPORTED;
+  // Known, but never told: the size query alone answers, with a size of 0. The certificate has not even that.
+  if (WideEqual(pszProperty, NCRYPT_SECURITY_DESCR_PROPERTY)) {
+    return pbOutput == nullptr ? ERROR_SUCCESS : NTE_NOT_SUPPORTED;
+  }
   Value value;
   const SECURITY_STATUS found = FindProperty(key, pszProperty, value);
   if (found != ERROR_SUCCESS) return found;

@@ -91,12 +91,17 @@ class GetKeyPropertyTest : public KeyEntryTest {
             {L"Algorithm Group", "dwProperty = KELDAKSP_ALGORITHM_GROUP_PROPERTY", Text(L"RSA")},
             {L"Unique Name", "dwProperty = KELDAKSP_UNIQUE_NAME_PROPERTY", Text(L"Key1")}};
   }
-  static constexpr const wchar_t* kRefused[] = {L"Security Descr", L"SmartCardKeyCertificate",
-                                                L"Unknown",        L"",
-                                                L"length",         L"LENGTH",
-                                                L"Length ",        L"Lengt",
-                                                L"UI Policy",      L"Use Context",
-                                                L"HWND Handle",    L"Provider Handle"};
+  static constexpr const wchar_t* kRefused[] = {L"SmartCardKeyCertificate",
+                                                L"Unknown",
+                                                L"",
+                                                L"length",
+                                                L"LENGTH",
+                                                L"Length ",
+                                                L"Lengt",
+                                                L"UI Policy",
+                                                L"Use Context",
+                                                L"HWND Handle",
+                                                L"Provider Handle"};
 
   NCRYPT_KEY_HANDLE key_ = 0;
   Bytes buffer_;
@@ -155,6 +160,19 @@ TEST_F(GetKeyPropertyTest, RefusedAndUnknownProperties) {
     EXPECT_EQ(result_, 0u);
     ExpectLines(Lines(Narrow(name), {}, NTE_NOT_SUPPORTED));
   }
+}
+
+// Only the certificate is refused in a size query as well; the descriptor's size is 0.
+TEST_F(GetKeyPropertyTest, SecurityDescriptorHasASizeAndNoValue) {
+  for (const DWORD room : {DWORD{0}, DWORD{100}}) {
+    EXPECT_EQ(Get(L"Security Descr", room), NTE_NOT_SUPPORTED);
+    EXPECT_EQ(result_, 0u);
+    EXPECT_TRUE(untouched());
+    ExpectLines(Lines("Security Descr", {}, NTE_NOT_SUPPORTED));
+  }
+  EXPECT_EQ(AskSize(L"Security Descr"), 0);
+  EXPECT_EQ(result_, 0u);
+  ExpectLines(Lines("Security Descr", {}, 0));
 }
 
 TEST_F(GetKeyPropertyTest, ValuesComeFromTheRecord) {
