@@ -18,10 +18,7 @@ target_compile_options(
     $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
     $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
     $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
-    -fno-strict-aliasing
-    # No build path in a binary: two builds of one commit in different folders are equal.
-    -ffile-prefix-map=${CMAKE_SOURCE_DIR}=.
-    -ffile-prefix-map=${CMAKE_BINARY_DIR}=build)
+    -fno-strict-aliasing)
 target_include_directories(kelda_flags INTERFACE ${CMAKE_SOURCE_DIR}/src)
 
 if(WIN32)
@@ -44,6 +41,16 @@ else()
   target_compile_options(kelda_flags INTERFACE -fshort-wchar -g -fsanitize=address,undefined
                                                -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(kelda_flags INTERFACE -fsanitize=address,undefined)
+endif()
+
+option(KELDA_COVERAGE "Programs and DLLs count the lines they run (for scripts/coverage.sh)" OFF)
+if(KELDA_COVERAGE)
+  target_compile_options(kelda_flags INTERFACE --coverage -O0 -fprofile-update=atomic)
+  target_link_options(kelda_flags INTERFACE --coverage)
+else()
+  # No build path in a binary: two builds of one commit in different folders are equal.
+  target_compile_options(kelda_flags INTERFACE -ffile-prefix-map=${CMAKE_SOURCE_DIR}=.
+                                               -ffile-prefix-map=${CMAKE_BINARY_DIR}=build)
 endif()
 
 # kelda_pkcs11: the PKCS#11 v2.40 types, from p11-kit's header.

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# build.sh [--without-tests] [x64] [x86] [native]: builds into build/<what> (without names: x64 and x86).
+# build.sh [--without-tests] [x64] [x86] [native]: builds into build/<what> (without names: x64 and x86). Words in
+# KELDA_CMAKE_OPTIONS are handed to CMake.
 # shellcheck source=scripts/lib.sh
 source "$(dirname "$0")/lib.sh"
 
@@ -14,10 +15,11 @@ for what in "$@"; do
 done
 "$ROOT/scripts/prepare.sh" build
 mkdir -p "$BUILD"
+read -r -a options <<<"${KELDA_CMAKE_OPTIONS-}"
 for what in "$@"; do
   step "Building $what"
   cmake -S "$ROOT" --preset "$what" -B "$BUILD/$what" \
-    -DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache >"$BUILD/$what.configure.log" 2>&1 || {
+    -DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache "${options[@]+"${options[@]}"}" >"$BUILD/$what.configure.log" 2>&1 || {
     cat "$BUILD/$what.configure.log" >&2
     die "the $what build could not be configured"
   }
