@@ -153,9 +153,10 @@ TEST_F(AlgorithmsTest, EnumWithoutMemory) {
   EXPECT_EQ(count_, 0xEEEEEEEE);
   EXPECT_EQ(list_, nullptr);
   watch.StopFailing();
-  const std::vector<Line> lines = kit::Log::Get().Take();
-  EXPECT_EQ(
-      std::count(lines.begin(), lines.end(), Line("NTE_NO_MEMORY: Unable to allocate enough memory for pbOutput.")), 1);
+  ExpectLines(EnumLines(
+      0x10, &count_, &list_, 0,
+      {"dwAlgClass is NCRYPT_SIGNATURE_OPERATION", "NTE_NO_MEMORY: Unable to allocate enough memory for pbOutput."},
+      NTE_NO_MEMORY));
 }
 
 TEST_F(AlgorithmsTest, RecordsThatAreNoProviderAreRefused) {
@@ -240,6 +241,8 @@ TEST_F(AlgorithmsTest, SupportWithoutMemory) {
   kit::MemoryWatch watch;
   watch.FailWhen([](std::size_t size, std::size_t) { return size == 3 + 256; });
   EXPECT_EQ(ksp().IsAlgSupported(provider_, L"RSA", 0), NTE_NO_MEMORY);
+  ExpectLines(
+      SupportLines(provider_, "RSA", 0, "NTE_NO_MEMORY: Not enough memory to complete the operation", NTE_NO_MEMORY));
 }
 
 // --- release

@@ -1,5 +1,12 @@
 // The debug log from outside: its switch and path in the registry, the file, the debugger's lines.
+#include <share.h>
+
 #include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <regex>
 #include <string>
 
@@ -109,6 +116,60 @@ TEST_F(DebugLogTest, PathOfAnotherTypeIsOff) {
   Registry::Get().SetBinary(kSdkKey, L"KSPDIR", REG_BINARY, {'C', 0, 0, 0});
   ASSERT_TRUE(Load());
   EXPECT_FALSE(FileExists());
+}
+
+TEST_F(DebugLogTest, PathOf2047CharactersIsReadAndALongerOneIsNot) {
+  for (const bool fits : {true, false}) {
+    Provider::Get().Unload();
+    Log::Get().TakeWideLines();
+    Registry::Get().SetString(kSdkKey, L"KSPDIR", std::wstring(fits ? 2047 : 2048, L'p'));
+    ASSERT_TRUE(Load());
+    // Only an instance that has its path comes to the end of its constructor, although no such file can be opened.
+    const std::vector<std::wstring> wide = Log::Get().TakeWideLines();
+    EXPECT_EQ(std::count(wide.begin(), wide.end(), L"DebugClass ctor - Exit"), fits ? 5 : 0);
+  }
+}
+
+TEST_F(DebugLogTest, FileIsOpenedForReadingAndAppendingAroundEveryLine) {
+  std::vector<std::wstring> opens;
+  std::size_t closes = 0;
+  const kit::Hook<"_wfsopen", decltype(&_wfsopen)> open(
+      [&](auto original, const wchar_t* path, const wchar_t* mode, int share) {
+        EXPECT_EQ(path, path_);
+        EXPECT_EQ(share, _SH_DENYNO);
+        opens.emplace_back(mode);
+        return original(path, mode, share);
+      });
+  const kit::Hook<"fclose", decltype(&std::fclose)> close([&](auto original, std::FILE* file) {
+    ++closes;
+    return original(file);
+  });
+  ASSERT_TRUE(Load());
+  EXPECT_EQ(opens.size(), 5 + DebuggerTexts().size()) << "once by each instance, and once for each line";
+  EXPECT_EQ(closes, opens.size());
+  for (const std::wstring& mode : opens)
+    EXPECT_EQ(mode, L"a+t");
+}
+
+TEST_F(DebugLogTest, LinesEndAsThePlatformEndsThem) {
+  ASSERT_TRUE(Load());
+  std::ifstream file(std::filesystem::path(path_), std::ios::binary);
+  const std::string raw((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  const auto ends = std::count(raw.begin(), raw.end(), '\n');
+  EXPECT_GT(ends, 0);
+  EXPECT_EQ(std::count(raw.begin(), raw.end(), '\r'), ends);
+  EXPECT_TRUE(raw.starts_with("\r\n\r\n***"));
+}
+
+TEST_F(DebugLogTest, StartLineTellsTheTimeOfTheLoad) {
+  const __time64_t before = _time64(nullptr);
+  ASSERT_TRUE(Load());
+  const __time64_t after = _time64(nullptr);
+  const std::string text = Log::Get().FileText();
+  bool found = false;
+  for (__time64_t time = before; time <= after; ++time)
+    found = found || text.find(std::string("LOG START - ") + _ctime64(&time)) != std::string::npos;
+  EXPECT_TRUE(found) << text.substr(0, 150);
 }
 
 TEST_F(DebugLogTest, FileBeginsWithOneStartLine) {

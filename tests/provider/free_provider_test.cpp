@@ -1,5 +1,6 @@
 // FreeProvider: what it releases, in which order, and what it leaves.
 #include <algorithm>
+#include <cstring>
 #include <string>
 
 #include "kit/provider.h"
@@ -42,6 +43,8 @@ TEST_F(FreeProviderTest, ReleasesWhatTheRecordOwnsAndWipesTheRecord) {
   EXPECT_EQ(ksp().SetProviderProperty(provider, L"Use Context", reinterpret_cast<PBYTE>(context), sizeof context, 0),
             0);
   const kit::ProviderRecord record = *kit::RecordOf(provider);
+  // The room for the name behind the record is wiped with it.
+  std::memset(kit::RecordOf(provider) + 1, 0xEE, record.cbLength - sizeof record);
   EXPECT_EQ(ksp().FreeProvider(provider), 0);
   EXPECT_TRUE(watch.WasFreed(record.pszName));
   EXPECT_TRUE(watch.WasFreed(record.pszReader));
@@ -73,6 +76,36 @@ TEST_F(FreeProviderTest, DeletesTheLockAfterTheSessionIsClosed) {
   EXPECT_TRUE(deleted.empty());
   EXPECT_EQ(ksp().FreeProvider(provider), 0);
   EXPECT_EQ(deleted, std::vector<const CRITICAL_SECTION*>{lock});
+}
+
+TEST_F(FreeProviderTest, ReleasesInOrderAndTheRecordAfterTheSession) {
+  AddReader();
+  token().AddKeyPair(fake::Ascii("Key1"), "label");
+  kit::MemoryWatch watch;
+  const NCRYPT_PROV_HANDLE provider = OpenProvider();
+  ksp().FreeKey(provider, OpenKey(provider, L"Key1"));
+  BYTE context[2] = {};
+  EXPECT_EQ(ksp().SetProviderProperty(provider, L"Use Context", context, sizeof context, 0), 0);
+  kit::ProviderRecord* const record = kit::RecordOf(provider);
+  const wchar_t pin[] = {L'1', L'2'};
+  record->pPinCache = static_cast<wchar_t*>(kit::NewProviderBlock(pin, sizeof pin));
+  record->cchPinCache = 2;
+  const std::vector<const void*> members{record->pPinCache, record->pKeyObjects, record->pszName, record->pContext,
+                                         record->pszReader};
+  const std::size_t before = watch.Freed().size();
+  std::vector<const void*> released;
+  token().Before("C_CloseSession", [&](const fake::Call&) {
+    for (const kit::FreedBlock& block : watch.Freed()) {
+      if (std::count(members.begin(), members.end(), block.address) != 0) released.push_back(block.address);
+    }
+    EXPECT_FALSE(watch.WasFreed(record));
+  });
+  EXPECT_EQ(ksp().FreeProvider(provider), 0);
+  ASSERT_GE(released.size(), members.size());
+  // Addresses may have been in use before; the last ones are the members'.
+  released.erase(released.begin(), released.end() - static_cast<std::ptrdiff_t>(members.size()));
+  EXPECT_EQ(released, members);
+  EXPECT_GT(watch.Freed().size(), before + members.size());
 }
 
 TEST_F(FreeProviderTest, RefusesWhatIsNoRecord) {
@@ -114,6 +147,11 @@ TEST_F(FreeProviderTest, FailingCloseKeepsTheRecord) {
   body.emplace_back("NTE_INTERNAL_ERROR: An internal error occured");
   ExpectLines(Lines(provider, body, NTE_INTERNAL_ERROR));
   EXPECT_FALSE(watch.WasFreed(kit::RecordOf(provider)));
+  // Its name is gone as well.
+  DWORD length = 0xEEEEEEEE;
+  Forget();
+  EXPECT_EQ(ksp().GetProviderProperty(provider, L"Name", nullptr, 0, &length, 0), NTE_INTERNAL_ERROR);
+  EXPECT_EQ(length, 0u);
   // The members are gone, the record is still one: a second call tries the session again.
   EXPECT_EQ(ksp().FreeProvider(provider), 0);
 }

@@ -60,6 +60,30 @@ TEST_F(FunctionTableTest, IsTheSameForEveryCaller) {
   EXPECT_EQ(first, second);
 }
 
+TEST_F(FunctionTableTest, IsConstantData) {
+  MEMORY_BASIC_INFORMATION page{};
+  ASSERT_NE(VirtualQuery(&ksp(), &page, sizeof page), 0u);
+  EXPECT_EQ(page.AllocationBase, static_cast<void*>(Provider::Get().module())) << "the DLL's own, not a copy";
+  EXPECT_EQ(page.Protect, DWORD{PAGE_READONLY});
+}
+
+TEST_F(FunctionTableTest, VersionResourceSays4201) {
+  const HMODULE module = Provider::Get().module();
+  const HRSRC resource = FindResourceW(module, MAKEINTRESOURCEW(VS_VERSION_INFO), MAKEINTRESOURCEW(16));
+  ASSERT_NE(resource, nullptr);
+  const auto* bytes = static_cast<const BYTE*>(LockResource(LoadResource(module, resource)));
+  const DWORD signature = VS_FFI_SIGNATURE;
+  const auto* mark = reinterpret_cast<const BYTE*>(&signature);
+  const auto* fixed = std::search(bytes, bytes + SizeofResource(module, resource), mark, mark + sizeof signature);
+  ASSERT_NE(fixed, bytes + SizeofResource(module, resource));
+  VS_FIXEDFILEINFO info;
+  std::memcpy(&info, fixed, sizeof info);
+  EXPECT_EQ(info.dwFileVersionMS, 0x00040002u);
+  EXPECT_EQ(info.dwFileVersionLS, 0x00000001u);
+  EXPECT_EQ(info.dwProductVersionMS, 0x00040002u);
+  EXPECT_EQ(info.dwProductVersionLS, 0x00000001u);
+}
+
 TEST_F(FunctionTableTest, ImportsWindowsOwnDllsOnly) {
   const std::set<std::string> allowed{"advapi32.dll", "bcrypt.dll",   "crypt32.dll", "gdi32.dll",
                                       "kernel32.dll", "msvcrt.dll",   "ole32.dll",   "user32.dll",

@@ -33,11 +33,13 @@ TEST_F(KeyStorageInterfaceTest, HandsOutTheTable) {
 }
 
 TEST_F(KeyStorageInterfaceTest, RefusesANameThatDiffers) {
-  for (const wchar_t* name : {L"norvale Token Works KSP v1.0", L"Norvale Token Works KSP v1.0 ",
-                              L"Norvale Token Works KSP v1.", L"Norvale Token Works KSP", L""}) {
-    kit::FunctionTable* table = nullptr;
+  for (const wchar_t* name :
+       {L"norvale Token Works KSP v1.0", L"Norvale Token Works KSP V1.0", L"Norvale Token Works KSP v1.0 ",
+        L"Norvale Token Works KSP v1.", L"Norvale Token Works KSP", L""}) {
+    kit::FunctionTable untouched{};
+    kit::FunctionTable* table = &untouched;
     EXPECT_EQ(Call(name, &table, 0), LONG(0xC000000D));
-    EXPECT_EQ(table, nullptr);
+    EXPECT_EQ(table, &untouched) << "nothing is written";
     const std::wstring wide = name;
     ExpectLines(Lines(std::string(wide.begin(), wide.end()), &table, 0,
                       "STATUS_INVALID_PARAMETER: Provider name mismatch.", LONG(0xC000000D)));

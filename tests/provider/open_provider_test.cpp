@@ -1,5 +1,8 @@
 // OpenProvider, step by step.
 #include <algorithm>
+#include <cstring>
+#include <map>
+#include <set>
 #include <stdexcept>
 #include <string>
 
@@ -23,8 +26,14 @@ const char kName[] = "Norvale Token Works KSP v1.0";
 class OpenProviderTest : public kit::ProviderTest {
  protected:
   SECURITY_STATUS Open(const wchar_t* name, DWORD flags) {
-    handle_ = 0;
-    return ksp().OpenProvider(&handle_, name, flags);
+    constexpr NCRYPT_PROV_HANDLE kUntouched = 0xEEEE;
+    handle_ = kUntouched;
+    const SECURITY_STATUS status = ksp().OpenProvider(&handle_, name, flags);
+    if (status != 0) {
+      EXPECT_EQ(handle_, kUntouched) << "a failed open writes no handle";
+      handle_ = 0;
+    }
+    return status;
   }
   // The frame of an open with the lines between arguments and exit.
   std::vector<Line> Lines(const std::string& name, DWORD flags, std::vector<Line> body, LONG status) {
@@ -81,15 +90,68 @@ TEST_F(OpenProviderTest, WithoutSettingsKeyNothingIsQueriedInIt) {
   EXPECT_EQ(Registry::Get().TakeReads(), std::vector<std::wstring>{L"Aliases"});
 }
 
+TEST_F(OpenProviderTest, ReadsTheCacheSwitchBeforeTheLockIsMadeAndLeavesItsKeyOpen) {
+  AddReader("Reader 0");
+  kit::Imports::Get().StartRecording();
+  EXPECT_EQ(Open(kProviderName, 0), 0);
+  std::vector<std::string> steps;
+  for (const kit::ImportCall& call : kit::Imports::Get().StopRecording()) {
+    if (call.name.starts_with("Reg") || call.name.starts_with("InitializeCritical")) steps.push_back(call.name);
+  }
+  EXPECT_EQ(steps, (std::vector<std::string>{"RegGetValueW", "RegOpenKeyW", "RegQueryValueExW",
+                                             "InitializeCriticalSectionAndSpinCount"}));
+}
+
+TEST_F(OpenProviderTest, CacheSwitchLiesInTheSettingsKeyOfTheMachine) {
+  AddReader("Reader 0");
+  std::vector<std::wstring> keys;
+  const kit::Hook<"RegOpenKeyW", decltype(&RegOpenKeyW)> hook([&](auto original, HKEY root, LPCWSTR key, PHKEY opened) {
+    EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
+    keys.emplace_back(key);
+    return original(root, key, opened);
+  });
+  EXPECT_EQ(Open(kProviderName, 0), 0);
+  EXPECT_EQ(keys, std::vector<std::wstring>{L"SOFTWARE\\Norvale Token Works Ltd.\\KELDA SDK"});
+}
+
+// Every block that the provider allocates while it lives comes filled with 0xEE; sizes are kept by address.
+class FilledMemory {
+ public:
+  std::size_t SizeOf(const void* block) const {
+    const auto found = sizes_.find(block);
+    return found == sizes_.end() ? 0 : found->second;
+  }
+
+ private:
+  std::map<const void*, std::size_t> sizes_;
+  kit::Hook<"malloc", void* (*)(std::size_t)> hook_{[this](auto original, std::size_t size) -> void* {
+    void* block = original(size);
+    if (block) {
+      std::memset(block, 0xEE, size);
+      sizes_[block] = size;
+    }
+    return block;
+  }};
+};
+
 TEST_F(OpenProviderTest, FillsTheRecord) {
   AddReader("Reader 0");
+  const FilledMemory memory;
   ASSERT_EQ(Open(kProviderName, kSilent), 0);
   const kit::ProviderRecord& record = Record();
   EXPECT_EQ(record.cbLength, sizeof(kit::ProviderRecord) + sizeof kProviderName);
   EXPECT_EQ(std::string(record.signature, 4), "KLDA");
   EXPECT_EQ(record.reserved1, 0u);
   EXPECT_STREQ(record.pszName, kProviderName);
-  EXPECT_NE(record.pszName, kProviderName);
+  EXPECT_EQ(record.reserved2, 0xEEEEEEEEEEEEEEEEu) << "not set at creation";
+  EXPECT_EQ(memory.SizeOf(&record), record.cbLength);
+  // Room for twice the name and a character; one byte behind the name is zero, the rest is left as it is.
+  EXPECT_EQ(memory.SizeOf(record.pszName), 2 * sizeof kProviderName + 2);
+  const auto* name = reinterpret_cast<const BYTE*>(record.pszName);
+  EXPECT_EQ(name[sizeof kProviderName], 0);
+  EXPECT_EQ(name[sizeof kProviderName + 1], 0xEE);
+  EXPECT_EQ(memory.SizeOf(record.pszReader), 33 * sizeof(wchar_t));
+  EXPECT_EQ(memory.SizeOf(record.pLock), sizeof(CRITICAL_SECTION));
   EXPECT_EQ(record.pContext, nullptr);
   EXPECT_EQ(record.hSession, 0x51u);
   EXPECT_EQ(record.pKeyObjects, nullptr);
@@ -105,14 +167,17 @@ TEST_F(OpenProviderTest, FillsTheRecord) {
   LeaveCriticalSection(record.pLock);
 }
 
-TEST_F(OpenProviderTest, LockSpins1024Times) {
+TEST_F(OpenProviderTest, LockIsZeroFilledAndSpins1024Times) {
   AddReader();
   DWORD spins = 0;
   const CRITICAL_SECTION* section = nullptr;
+  const FilledMemory memory;
   const kit::Hook<"InitializeCriticalSectionAndSpinCount", decltype(&InitializeCriticalSectionAndSpinCount)> hook(
       [&](auto original, LPCRITICAL_SECTION given, DWORD count) {
         spins = count;
         section = given;
+        const auto* bytes = reinterpret_cast<const BYTE*>(given);
+        EXPECT_EQ(std::count(bytes, bytes + sizeof *given, BYTE{0}), std::ptrdiff_t{sizeof *given});
         return original(given, count);
       });
   ASSERT_EQ(Open(kProviderName, kSilent), 0);
@@ -161,7 +226,7 @@ TEST_F(OpenProviderTest, RefusesWhenTheAliasesExceed2048Bytes) {
   EXPECT_EQ(Open(std::wstring(1022, L'a').c_str(), kSilent), 0);
   Close();
   Forget();
-  Registry::Get().SetMultiString(kProviderKey, L"Aliases", {kProviderName, std::wstring(1000, L'a')});
+  Registry::Get().SetMultiString(kProviderKey, L"Aliases", {kProviderName, std::wstring(994, L'a')});
   ExpectRefused(kProviderName, 0, NTE_INTERNAL_ERROR, {"NTE_INTERNAL_ERROR: OpenProvider::RegGetValue"});
 }
 
@@ -192,6 +257,22 @@ TEST_F(OpenProviderTest, EmptyNameEqualsTheEmptyStringThatEndsTheList) {
   EXPECT_STREQ(Record().pszName, L"");
 }
 
+TEST_F(OpenProviderTest, WalksOnBehindAnEmptyAlias) {
+  AddReader();
+  Registry::Get().SetMultiString(kProviderKey, L"Aliases", {L"First", L"", L"Last"});
+  EXPECT_EQ(Open(L"Last", kSilent), 0);
+}
+
+TEST_F(OpenProviderTest, AliasesWithoutTheirTerminatorsDoNoHarm) {
+  AddReader();
+  for (const std::vector<BYTE>& bytes : {std::vector<BYTE>{'A', 0, 'B', 0}, std::vector<BYTE>{'A', 0, 'B', 0, 'C'},
+                                         std::vector<BYTE>{}, std::vector<BYTE>(2048, 'A')}) {
+    Registry::Get().SetBinary(kProviderKey, L"Aliases", REG_MULTI_SZ, bytes);
+    const SECURITY_STATUS status = Open(L"Another", kSilent);
+    EXPECT_TRUE(status == NTE_INVALID_PARAMETER || status == NTE_INTERNAL_ERROR) << bytes.size();
+  }
+}
+
 TEST_F(OpenProviderTest, RecordThatCannotBeAllocated) {
   AddReader();
   const std::size_t size = sizeof(kit::ProviderRecord) + sizeof kProviderName;
@@ -204,12 +285,7 @@ TEST_F(OpenProviderTest, RecordThatCannotBeAllocated) {
 TEST_F(OpenProviderTest, FailingSlotCount) {
   AddReader();
   token().Fail("C_GetSlotList", CKR_GENERAL_ERROR);
-  EXPECT_EQ(Open(kProviderName, kSilent), NTE_INTERNAL_ERROR);
-  EXPECT_EQ(handle_, 0u);
-  // Banner, entry line, three arguments, a fixed line, exit line, banner.
-  const std::vector<Line> lines = kit::Log::Get().Take();
-  ASSERT_EQ(lines.size(), 8u);
-  EXPECT_FALSE(lines[5].text.empty());
+  ExpectRefused(kProviderName, kSilent, NTE_INTERNAL_ERROR, {"NTE_INTERNAL_ERROR: GetSlotList failed"});
   ExpectCalls({"C_GetSlotList(present=FALSE, list=NULL)"});
 }
 
@@ -301,16 +377,37 @@ TEST_F(OpenProviderTest, SessionThatCannotBeOpened) {
   EXPECT_EQ(Registry::Get().TakeReads(), std::vector<std::wstring>{L"Aliases"});
 }
 
-TEST_F(OpenProviderTest, AFailedOpenKeepsItsRecord) {
+std::multiset<std::size_t> LiveSizes(const kit::MemoryWatch& watch) {
+  std::multiset<std::size_t> sizes;
+  for (const auto& [address, size] : watch.Live())
+    sizes.insert(size);
+  return sizes;
+}
+
+TEST_F(OpenProviderTest, AFailedOpenKeepsItsRecordAndWhatTheRecordOwnsAndNothingElse) {
   AddReader();
-  token().Fail("C_OpenSession", CKR_SESSION_COUNT);
-  const std::size_t size = sizeof(kit::ProviderRecord) + sizeof kProviderName;
-  kit::MemoryWatch watch;
-  EXPECT_EQ(Open(kProviderName, kSilent), NTE_INTERNAL_ERROR);
-  std::size_t records = 0;
-  for (const auto& [address, bytes] : watch.Live())
-    records += bytes == size;
-  EXPECT_EQ(records, 1u) << "the record of a failed open stays allocated";
+  const std::size_t record = sizeof(kit::ProviderRecord) + sizeof kProviderName;
+  const std::size_t name = 2 * sizeof kProviderName + 2;
+  const std::size_t lock = sizeof(CRITICAL_SECTION);
+  const std::size_t reader = 33 * sizeof(wchar_t);
+  {
+    token().Fail("C_OpenSession", CKR_SESSION_COUNT);
+    const kit::MemoryWatch watch;
+    EXPECT_EQ(Open(kProviderName, kSilent), NTE_INTERNAL_ERROR);
+    EXPECT_EQ(LiveSizes(watch), (std::multiset<std::size_t>{record, name, lock, reader}));
+  }
+  token().SlotAt(0).tokenPresent = false;
+  const kit::MemoryWatch watch;
+  EXPECT_EQ(Open(kProviderName, kSilent), NTE_FAIL);
+  EXPECT_EQ(LiveSizes(watch), (std::multiset<std::size_t>{record, name, lock}));
+}
+
+TEST_F(OpenProviderTest, AnOpenAndItsCloseLeaveTheLockAndTheSwitchsBuffer) {
+  AddReader();
+  const kit::MemoryWatch watch;
+  EXPECT_EQ(Open(kProviderName, kSilent), 0);
+  Close();
+  EXPECT_EQ(LiveSizes(watch), (std::multiset<std::size_t>{sizeof(CRITICAL_SECTION), sizeof(DWORD)}));
 }
 
 TEST_F(OpenProviderTest, EachOpenHasASessionOfItsOwn) {
@@ -355,8 +452,21 @@ TEST_F(OpenProviderTest, SlotsThatChangeBetweenTheCallsDoNoHarm) {
       AddReader("Reader 1");
     }
   });
-  const SECURITY_STATUS status = Open(kProviderName, kSilent);
-  EXPECT_TRUE(status == 0 || status == NTE_INTERNAL_ERROR);
+  // The module hands out no list then; what it leaves out is no slot, and the count it tells is not believed.
+  const std::vector<std::string> calls{
+      "C_GetSlotList(present=FALSE, list=NULL)", "C_GetSlotList(present=FALSE, list=PTR, count=1)",
+      "C_GetSlotList(present=TRUE, list=NULL)", "C_GetSlotList(present=TRUE, list=PTR, count=1)",
+      "C_GetSlotInfo(slot=4294967295)"};
+  ExpectRefused(kProviderName, 0, NTE_INTERNAL_ERROR, {"NTE_INTERNAL_ERROR: GetSlotInfo failed"});
+  ExpectCalls(calls);
+  // The only token goes between the count and the fetch.
+  token().Reset();
+  AddReader("Reader 0");
+  token().Before("C_GetSlotList", [&](const fake::Call& call) {
+    if (call.text.find("present=TRUE, list=PTR") != std::string::npos) token().SlotAt(0).tokenPresent = false;
+  });
+  ExpectRefused(kProviderName, kSilent, NTE_INTERNAL_ERROR, {"NTE_INTERNAL_ERROR: GetSlotInfo failed"});
+  ExpectCalls(calls);
 }
 
 // Opens with a choice to make: the dialog lists what the smart card service lists.

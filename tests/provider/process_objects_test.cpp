@@ -56,6 +56,31 @@ TEST_F(ProcessObjectsTest, AreConstructedInOrder) {
                                        L"PinManager ctor - Exit", enter, exit}));
 }
 
+// Key-name log, main log, module with its log, PIN cache with its log, provider cache: of these only the logs are
+// larger than a log's path. The PIN log is no block of the heap.
+TEST_F(ProcessObjectsTest, AreAllocatedInOrderAndTheHeapsOnesNeverReleased) {
+  Provider::Get().Unload();
+  kit::MemoryWatch watch;
+  std::vector<std::size_t> sizes;
+  watch.FailWhen([&](std::size_t size, std::size_t) {
+    sizes.push_back(size);
+    return false;
+  });
+  ASSERT_TRUE(Provider::Get().Load(Log::Mode::Tagged));
+  constexpr std::size_t kPathSize = 4096;
+  const auto isLog = [](std::size_t size) { return size > kPathSize && size < 2 * kPathSize; };
+  std::vector<std::ptrdiff_t> positions;
+  const auto first = std::find_if(sizes.begin(), sizes.end(), isLog);
+  for (auto log = first; log != sizes.end(); log = std::find_if(log + 1, sizes.end(), isLog))
+    positions.push_back(log - first);
+  EXPECT_EQ(positions, (std::vector<std::ptrdiff_t>{0, 1, 3, 5})) << ::testing::PrintToString(sizes);
+  EXPECT_EQ(Log::Get().InstancesConstructed(), 5);
+
+  Provider::Get().Unload();
+  for (const kit::FreedBlock& block : watch.Freed())
+    EXPECT_FALSE(isLog(block.contents.size()));
+}
+
 TEST_F(ProcessObjectsTest, OnlyTheMainLogWritesTheStartLine) {
   ASSERT_TRUE(Provider::Get().Load(Log::Mode::Tagged));
   for (int instance = 1; instance <= 5; ++instance) {

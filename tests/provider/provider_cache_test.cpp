@@ -159,6 +159,37 @@ TEST_F(ProviderCacheTest, FailedOpenLeavesTheFlag) {
   ksp().FreeProvider(first);
 }
 
+TEST_F(ProviderCacheTest, IsEmptyAfterTheLoad) {
+  ASSERT_TRUE(kit::Provider::Get().Load(kit::Log::Mode::Tagged));
+  EXPECT_FALSE(SecondOpenReuses());
+}
+
+TEST_F(ProviderCacheTest, TheEntryThatHandsOutTheTableLeavesTheFlag) {
+  const NCRYPT_PROV_HANDLE first = OpenProvider();
+  kit::FunctionTable* table = nullptr;
+  EXPECT_EQ(kit::Provider::Get().GetKeyStorageInterface(kProviderName, &table, 0), 0);
+  EXPECT_TRUE(SecondOpenReuses());
+  ksp().FreeProvider(first);
+}
+
+TEST_F(ProviderCacheTest, ACancelledChoiceLeavesItEmpty) {
+  NCRYPT_PROV_HANDLE none = 0;
+  EXPECT_NE(OpenWithChoice(none), 0);
+  EXPECT_FALSE(SecondOpenReuses());
+}
+
+TEST_F(ProviderCacheTest, WithoutMemoryForTheSwitchItIsOn) {
+  Registry::Get().SetDword(kSdkKey, L"dwUseProviderCache", 0);
+  NCRYPT_PROV_HANDLE first = 0;
+  {
+    kit::MemoryWatch watch;
+    watch.FailWhen([](std::size_t size, std::size_t) { return size == sizeof(DWORD); });
+    EXPECT_EQ(ksp().OpenProvider(&first, kProviderName, NCRYPT_SILENT_FLAG), 0);
+  }
+  EXPECT_TRUE(SecondOpenReuses());
+  ksp().FreeProvider(first);
+}
+
 TEST_F(ProviderCacheTest, RegistrySwitchesItOff) {
   for (const DWORD value : {DWORD{0}, DWORD{256}, DWORD{0xFFFFFF00}}) {
     Registry::Get().SetDword(kSdkKey, L"dwUseProviderCache", value);
@@ -193,6 +224,13 @@ TEST_F(ProviderCacheTest, ValueOfAnotherTypeIsJudgedByItsFirstByte) {
   const NCRYPT_PROV_HANDLE third = OpenProvider();
   EXPECT_FALSE(SecondOpenReuses());
   ksp().FreeProvider(third);
+}
+
+TEST_F(ProviderCacheTest, ValueLongerThanANumberIsNotRead) {
+  Registry::Get().SetBinary(kSdkKey, L"dwUseProviderCache", REG_BINARY, {0, 0, 0, 0, 0});
+  const NCRYPT_PROV_HANDLE first = OpenProvider();
+  EXPECT_TRUE(SecondOpenReuses());
+  ksp().FreeProvider(first);
 }
 
 TEST_F(ProviderCacheTest, OpenWhileSwitchedOffLeavesTheFlag) {

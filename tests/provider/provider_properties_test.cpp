@@ -294,9 +294,12 @@ TEST_F(ProviderPropertiesTest, WithoutMemoryTheOldContextStays) {
     watch.FailWhen([](std::size_t size, std::size_t) { return size == 28; });
     EXPECT_EQ(Set(L"Use Context", BytesOf(L"second", true)), NTE_NO_MEMORY);
   }
+  Forget();
   BYTE byte = 'x';
   EXPECT_EQ(ksp().SetProviderProperty(provider_, L"Use Context", &byte, 0xFFFFFFFF, 0), NTE_NO_MEMORY)
       << "nothing is read from behind the caller's buffer";
+  ExpectLines(SetLines(provider_, "Use Context", &byte, 0xFFFFFFFF, 0,
+                       {"NTE_NO_MEMORY: Not enough memory to complete the operation"}, NTE_NO_MEMORY));
   EXPECT_EQ(ksp().SetProviderProperty(provider_, L"Use Context", &byte, 0x7FFFFFFF, 0), NTE_NO_MEMORY);
   EXPECT_EQ(Context(), L"first");
 }

@@ -69,15 +69,24 @@ TEST_F(RefusingEntriesTest, SecretAgreementLogsNoStatus) {
 TEST_F(RefusingEntriesTest, RefuseWithValidHandlesToo) {
   AddReader();
   const NCRYPT_PROV_HANDLE provider = OpenProvider();
-  NCRYPT_SECRET_HANDLE secret = 0;
-  HANDLE event = nullptr;
-  DWORD length = 0;
-  EXPECT_EQ(ksp().DeriveKey(provider, 1, L"HASH", nullptr, nullptr, 0, &length, 0), NTE_NOT_SUPPORTED);
+  NCRYPT_SECRET_HANDLE secret = 0xEEEE;
+  HANDLE event = &secret;
+  DWORD length = 0xEEEEEEEE;
+  BYTE derived[4] = {0xEE, 0xEE, 0xEE, 0xEE};
+  EXPECT_EQ(ksp().DeriveKey(provider, 1, L"HASH", nullptr, derived, 4, &length, 0), NTE_NOT_SUPPORTED);
+  ExpectLines(Frame("KELDAKSPDeriveKey",
+                    {"NTE_NOT_SUPPORTED: This version of KELDA KSP does not support key derivation."},
+                    NTE_NOT_SUPPORTED));
   EXPECT_EQ(ksp().FreeSecret(provider, 1), NTE_NOT_SUPPORTED);
   EXPECT_EQ(ksp().NotifyChangeKey(provider, &event, 0), NTE_NOT_SUPPORTED);
   EXPECT_EQ(ksp().PromptUser(provider, 1, L"op", 0), NTE_NOT_SUPPORTED);
   EXPECT_EQ(ksp().SecretAgreement(provider, 1, 1, &secret, 0), NTE_NOT_SUPPORTED);
+  EXPECT_EQ(secret, 0xEEEEu) << "nothing is handed out";
+  EXPECT_EQ(event, &secret);
+  EXPECT_EQ(length, 0xEEEEEEEE);
+  EXPECT_EQ(derived[0], 0xEE);
   ExpectCalls({});
+  EXPECT_TRUE(kit::Registry::Get().TakeReads().empty());
   ksp().FreeProvider(provider);
 }
 
