@@ -31,12 +31,15 @@ class PinCacheEntry {
   // Further statuses as for SetPin. After a pure length query the block stays unlocked; kept on purpose.
   SECURITY_STATUS GetPin(unsigned char* pin, DWORD* cbPin) noexcept;
 
+  // The two operations on the block of login/pin_block.h: PIN to encrypted block and back. *cbOut is the room at out in
+  // bytes; with out null, or too little room, the length needed is stored there (NTE_BUFFER_TOO_SMALL for the latter).
+  // Further statuses: 0, NTE_INVALID_PARAMETER, NTE_NO_MEMORY, the platform's error of the encryption.
+  SECURITY_STATUS Protect(const unsigned char* in, DWORD cbIn, unsigned char* out, DWORD* cbOut) noexcept;
+  SECURITY_STATUS Unprotect(const unsigned char* block, DWORD cbBlock, unsigned char* out, DWORD* cbOut) noexcept;
+
  private:
   friend class PinManager;
 
-  // Both work on the block of login/pin_block.h; with out null they only store the length needed in *cbOut.
-  SECURITY_STATUS Protect(const unsigned char* in, DWORD cbIn, unsigned char* out, DWORD* cbOut) noexcept;
-  SECURITY_STATUS Unprotect(const unsigned char* block, DWORD cbBlock, unsigned char* out, DWORD* cbOut) noexcept;
   // Unlocks the block's pages. False (and a line) when that failed; pages that are not locked are no failure.
   bool UnlockBlock() noexcept;
 

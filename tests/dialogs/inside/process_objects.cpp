@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <mutex>
+#include <new>
 #include <utility>
 
+#include "kit/imports.h"
 #include "kit/provider.h"
 #include "provider/process_objects.h"
 
@@ -19,6 +21,13 @@ namespace {
 std::mutex g_linesLock;
 std::vector<std::string> g_lines;
 
+// How many more of this thread's allocations that may fail succeed, the failing one counted; 0: all succeed.
+thread_local std::size_t t_failing = 0;
+
+bool Fails() noexcept {
+  return t_failing != 0 && --t_failing == 0;
+}
+
 LONG CALLBACK OnException(EXCEPTION_POINTERS* pointers) {
   constexpr DWORD kDebuggerNarrow = 0x40010006;
   const EXCEPTION_RECORD* record = pointers->ExceptionRecord;
@@ -33,12 +42,34 @@ void CreateOnce() {
   AddVectoredExceptionHandler(1, &OnException);
   kit::LoadTokenModule(kit::TokenModule::Working);
   g_hModule = GetModuleHandleW(nullptr);
+  kit::Imports::Get().Attach(g_hModule);
   g_KeyNameLog = LogPointer::Create(-1, 0);
   g_Log = LogPointer::Create(-1, 1);
   g_PinLog = LogPointer::Create(-1, 0);
 }
 
 }  // namespace
+
+// The allocations of code that looks at the result itself.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  if (Fails()) return nullptr;
+  try {
+    return ::operator new(size);
+  } catch (...) {
+    return nullptr;
+  }
+}
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
+  return ::operator new(size, tag);
+}
+
+FailedAllocation::FailedAllocation(std::size_t nth) {
+  t_failing = nth;
+}
+
+FailedAllocation::~FailedAllocation() {
+  t_failing = 0;
+}
 
 InsideTest::InsideTest() {
   fake::Token().Reset();

@@ -1,6 +1,7 @@
 // The provider's process-wide objects, in the test program's hands.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,15 @@ class InsideTest : public ::testing::Test {
 
   fake::Module& token() const { return fake::Token(); }
   CK_SESSION_HANDLE session_ = 0;
+};
+
+// While it lives the nth allocation of this thread that does not throw (1 = the next one) finds no memory.
+class FailedAllocation {
+ public:
+  explicit FailedAllocation(std::size_t nth);
+  ~FailedAllocation();
+  FailedAllocation(const FailedAllocation&) = delete;
+  FailedAllocation& operator=(const FailedAllocation&) = delete;
 };
 
 // Whether the lines hold these, one after the other.
