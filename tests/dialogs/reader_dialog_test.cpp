@@ -1,5 +1,9 @@
 // The reader selection dialog, reached through OpenProvider with a choice of readers.
+#include <cwchar>
+#include <functional>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kit/dialogs.h"
@@ -23,6 +27,7 @@ struct CardService {
   LONG establishResult = SCARD_S_SUCCESS;
   LONG listResult = SCARD_S_SUCCESS;
   bool handsOutNothing = false;
+  std::function<void()> duringList;  // runs once, before the answer
   int established = 0;
   int listed = 0;
   std::vector<SCARDCONTEXT> released;
@@ -40,7 +45,7 @@ struct CardService {
         EXPECT_EQ(reserved1, nullptr);
         EXPECT_EQ(reserved2, nullptr);
         ++established;
-        if (establishResult == SCARD_S_SUCCESS) *context = kContext;
+        *context = kContext;  // which means nothing after a failure
         return establishResult;
       }};
   Hook<"SCardListReadersW", decltype(&SCardListReadersW)> list{
@@ -49,6 +54,7 @@ struct CardService {
         EXPECT_EQ(groups, nullptr);
         EXPECT_EQ(*count, SCARD_AUTOALLOCATE);
         ++listed;
+        if (duringList) std::exchange(duringList, nullptr)();
         if (listResult != SCARD_S_SUCCESS) return listResult;
         *reinterpret_cast<const wchar_t**>(names) = handsOutNothing ? nullptr : readers.c_str();
         *count = static_cast<DWORD>(readers.size());
@@ -201,6 +207,162 @@ TEST_F(ReaderDialogTest, IsLaidOutAsDesigned) {
   });
 }
 
+// Reads a dialog template, word by word.
+class Template {
+ public:
+  explicit Template(int id) {
+    const HMODULE module = kit::Provider::Get().module();
+    const HRSRC resource = FindResourceW(module, MAKEINTRESOURCEW(id), MAKEINTRESOURCEW(5));
+    if (resource == nullptr) throw std::runtime_error("no such template");
+    const auto* words = static_cast<const WORD*>(LockResource(LoadResource(module, resource)));
+    words_.assign(words, words + SizeofResource(module, resource) / sizeof(WORD));
+  }
+  WORD Word() { return words_.at(position_++); }
+  DWORD Number() {
+    const DWORD low = Word();
+    return low | static_cast<DWORD>(Word()) << 16;
+  }
+  // A text, or the number of a class or resource in "#80" form.
+  std::wstring Text() {
+    if (words_.at(position_) == 0xFFFF) {
+      ++position_;
+      wchar_t text[8];
+      std::swprintf(text, 8, L"#%X", static_cast<unsigned>(Word()));
+      return text;
+    }
+    std::wstring text;
+    for (WORD character = Word(); character != 0; character = Word())
+      text += static_cast<wchar_t>(character);
+    return text;
+  }
+  std::vector<int> Place() {
+    std::vector<int> place;
+    for (int i = 0; i < 4; ++i)
+      place.push_back(static_cast<short>(Word()));
+    return place;
+  }
+  void Align() { position_ += position_ % 2; }
+
+ private:
+  std::vector<WORD> words_;
+  std::size_t position_ = 0;
+};
+
+// What a window on the screen does not tell: the font's size and the height of the opened list.
+TEST_F(ReaderDialogTest, TemplateIsTheDesignedOne) {
+  Template words(105);
+  EXPECT_EQ(words.Number(), 0xFFFF0001u) << "an extended template";
+  words.Number();
+  EXPECT_EQ(words.Number(), 0u) << "no extended style";
+  EXPECT_EQ(words.Number() & (WS_CAPTION | WS_SYSMENU), DWORD{WS_CAPTION | WS_SYSMENU});
+  EXPECT_EQ(words.Word(), 4);
+  EXPECT_EQ(words.Place(), (std::vector<int>{0, 0, 250, 55}));
+  EXPECT_EQ(words.Text(), L"") << "no menu";
+  EXPECT_EQ(words.Text(), L"") << "no class of its own";
+  EXPECT_EQ(words.Text(), L"Norvale Token Works KSP v4.2");
+  EXPECT_EQ(words.Word(), 8);
+  words.Number();  // weight, slant and character set
+  EXPECT_EQ(words.Text(), L"MS Shell Dlg");
+  struct Control {
+    std::wstring type, text;
+    DWORD id;
+    std::vector<int> place;
+    DWORD style;
+  };
+  const std::wstring button = L"#80", text = L"#82", comboBox = L"#85";
+  for (const Control& control :
+       {Control{text, L"Please select a smart card", 0xFFFFFFFF, {7, 7, 236, 8}, WS_GROUP},
+        Control{comboBox, L"", 1005, {7, 19, 236, 30}, CBS_DROPDOWNLIST | CBS_SORT | WS_VSCROLL | WS_TABSTOP},
+        Control{button, L"OK", IDOK, {72, 34, 50, 14}, BS_DEFPUSHBUTTON | WS_TABSTOP},
+        Control{button, L"Cancel", IDCANCEL, {127, 34, 50, 14}, WS_TABSTOP}}) {
+    words.Align();
+    words.Number();
+    EXPECT_EQ(words.Number(), 0u) << "no extended style";
+    EXPECT_EQ(words.Number(), control.style | WS_CHILD | WS_VISIBLE);
+    EXPECT_EQ(words.Place(), control.place);
+    EXPECT_EQ(words.Number(), control.id);
+    EXPECT_EQ(words.Text(), control.type);
+    EXPECT_EQ(words.Text(), control.text);
+    EXPECT_EQ(words.Word(), 0) << "no data of its own";
+  }
+}
+
+TEST_F(ReaderDialogTest, SmallIconIsTheDllsOwn) {
+  CardService service;
+  HANDLE loaded = nullptr;
+  const Hook<"LoadImageW", decltype(&LoadImageW)> load(
+      [&](auto original, HINSTANCE module, LPCWSTR name, UINT type, int width, int height, UINT flags) -> HANDLE {
+        EXPECT_EQ(module, kit::Provider::Get().module());
+        EXPECT_EQ(name, MAKEINTRESOURCEW(103));
+        EXPECT_EQ(type, UINT{IMAGE_ICON});
+        EXPECT_EQ(width, GetSystemMetrics(SM_CXSMICON));
+        EXPECT_EQ(height, GetSystemMetrics(SM_CYSMICON));
+        return loaded = original(module, name, type, width, height, flags);
+      });
+  Open([&](Dialog& dialog) {
+    EXPECT_NE(loaded, nullptr);
+    EXPECT_EQ(reinterpret_cast<HANDLE>(dialog.Send(0, WM_GETICON, ICON_SMALL)), loaded);
+  });
+}
+
+// The lists of the service stay allocated; that is kept.
+TEST_F(ReaderDialogTest, ListsAreNotReleased) {
+  EXPECT_TRUE(kit::Imports::Get().Has("SCardListReadersW"));
+  EXPECT_FALSE(kit::Imports::Get().Has("SCardFreeMemory"));
+}
+
+TEST_F(ReaderDialogTest, OnlyAClickPressesAButtonAndOnlyTheListListsAgain) {
+  CardService service;
+  EXPECT_EQ(Open([&](Dialog& dialog) {
+              const auto notify = [&](int id, UINT code) {
+                SendMessageW(dialog.window(), WM_COMMAND, MAKEWPARAM(id, code),
+                             reinterpret_cast<LPARAM>(dialog.control(id)));
+              };
+              notify(IDOK, BN_DBLCLK);
+              notify(IDCANCEL, BN_DBLCLK);
+              notify(IDOK, CBN_DROPDOWN);
+              notify(1006, CBN_DROPDOWN);
+              notify(kReaderList, CBN_SELCHANGE);
+              notify(kReaderList, BN_CLICKED);
+              EXPECT_TRUE(dialog.open());
+              EXPECT_EQ(service.listed, 1);
+              notify(kReaderList, CBN_DROPDOWN);
+              EXPECT_EQ(service.listed, 2);
+              dialog.PressOk();
+            }),
+            0);
+}
+
+TEST_F(ReaderDialogTest, TheFirstOfTwoFailuresCounts) {
+  CardService service;
+  EXPECT_EQ(Open([&](Dialog& dialog) {
+              service.listResult = static_cast<LONG>(0x8010001E);
+              service.duringList = [&] {
+                SendMessageW(dialog.window(), WM_COMMAND, MAKEWPARAM(kReaderList, CBN_DROPDOWN),
+                             reinterpret_cast<LPARAM>(dialog.control(kReaderList)));
+                service.listResult = static_cast<LONG>(0x8010002E);
+              };
+              DropDown(dialog);
+            }),
+            NTE_FAIL);
+  ExpectChoice({"SCardListReaders Failed: 0x8010001E"});
+  EXPECT_EQ(service.listed, 3);
+}
+
+TEST_F(ReaderDialogTest, ADialogConfirmedWithoutItsButtonHasNoReader) {
+  const Hook<"DialogBoxParamW", decltype(&DialogBoxParamW)> hook(
+      [](auto, HINSTANCE module, LPCWSTR name, HWND parent, DLGPROC, LPARAM) -> INT_PTR {
+        EXPECT_EQ(module, kit::Provider::Get().module());
+        EXPECT_EQ(name, MAKEINTRESOURCEW(105));
+        EXPECT_EQ(parent, nullptr);
+        return IDOK;
+      });
+  Forget();
+  EXPECT_EQ(ksp().OpenProvider(&handle_, kit::kProviderName, 0), NTE_INTERNAL_ERROR);
+  ExpectChoice({KeyName("Retrieving data"), "Acquired ", "Iterating through slot list", "Found slot: A reader",
+                "Found slot: B reader", "NTE_INTERNAL_ERROR: Selected reader not found."});
+}
+
 TEST_F(ReaderDialogTest, SortsTheReadersAndPreselectsTheFirst) {
   CardService service;
   EXPECT_EQ(Open([](Dialog& dialog) {
@@ -284,6 +446,7 @@ TEST_F(ReaderDialogTest, ADialogThatCannotBeShownCountsAsCancelled) {
       [](auto, HINSTANCE, LPCWSTR, HWND, DLGPROC, LPARAM) -> INT_PTR { return -1; });
   Forget();
   EXPECT_EQ(ksp().OpenProvider(&handle_, kit::kProviderName, 0), SECURITY_STATUS{ERROR_CANCELLED});
+  ExpectChoice({KeyName("Action was cancelled by the user"), "ERROR_CANCELLED: The operation was cancelled."});
 }
 
 TEST_F(ReaderDialogTest, ANameOf1023CharactersIsTaken) {
