@@ -1,6 +1,8 @@
 // EnumKeys: the walk over the key object list and what it hands out.
 #include <algorithm>
+#include <initializer_list>
 #include <string>
+#include <vector>
 
 #include "kit/provider.h"
 
@@ -57,6 +59,8 @@ TEST_F(EnumKeysTest, WalksTheListInOrder) {
     name_ = nullptr;
   }
   EXPECT_EQ(static_cast<kit::EnumState*>(state_)->index, 2u);
+  for (const ULONG unused : static_cast<kit::EnumState*>(state_)->unused)
+    EXPECT_EQ(unused, 0u);
   EXPECT_EQ(Next(), NTE_NO_MORE_ITEMS);
   EXPECT_EQ(name_, nullptr);
   EXPECT_NE(state_, nullptr) << "the end of an enumeration leaves the caller's state";
@@ -118,9 +122,11 @@ TEST_F(EnumKeysTest, EndOfTheListIsLogged) {
 TEST_F(EnumKeysTest, EmptyTokenLeavesThePointers) {
   auto* const garbage = reinterpret_cast<NCryptKeyName*>(&state_);
   name_ = garbage;
+  const kit::MemoryWatch watch;
   EXPECT_EQ(Next(), NTE_NO_MORE_ITEMS);
   EXPECT_EQ(name_, garbage);
   EXPECT_EQ(state_, nullptr) << "the state made for an empty list is not handed out";
+  EXPECT_TRUE(watch.Live().empty()) << "but released";
   name_ = nullptr;
 }
 
@@ -150,28 +156,50 @@ TEST_F(EnumKeysTest, ChecksInOrder) {
   ExpectCalls({});
 }
 
+TEST_F(EnumKeysTest, FlagsOutside0x60AreRefusedOneByOne) {
+  token().AddKeyPair(Ascii("First"), "");
+  for (int bit = 0; bit < 32; ++bit) {
+    const DWORD flag = DWORD{1} << bit;
+    if (flag == NCRYPT_SILENT_FLAG) continue;
+    const LONG expected = flag == 0x20 ? NTE_NOT_SUPPORTED : NTE_BAD_FLAGS;
+    EXPECT_EQ(Next(flag), expected) << "bit " << bit;
+    EXPECT_EQ(Next(flag | NCRYPT_SILENT_FLAG), expected) << "bit " << bit;
+  }
+  EXPECT_EQ(name_, nullptr);
+  EXPECT_EQ(state_, nullptr);
+  ExpectCalls({});
+}
+
 TEST_F(EnumKeysTest, FailingListIsReported) {
   token().Fail("C_FindObjectsInit", CKR_DEVICE_ERROR);
   EXPECT_EQ(Next(), NTE_INTERNAL_ERROR);
   EXPECT_EQ(state_, nullptr);
-  const std::vector<Line> lines = kit::Log::Get().Take();
-  const auto error =
-      std::find_if(lines.begin(), lines.end(), [](const Line& line) { return line.text == "LoadTokenKeys error "; });
-  EXPECT_NE(error, lines.end());
+  EXPECT_EQ(name_, nullptr);
+  std::vector<Line> expected = Arguments(provider_, &name_, &state_, 0);
+  // The error is told by the entry itself; a lookup by name tells it with the list's other lines.
+  for (const Line& line : {Line("EnumState is null"), KeyName("InitializeObjectList - Entry"),
+                           KeyName("Find Token Public Keys"), KeyName("Find Token Public Keys error"),
+                           KeyName("InitializeObjectList - Exit"), Line("LoadTokenKeys error ")}) {
+    expected.push_back(line);
+  }
+  ExpectLines(Frame("KELDAKSPEnumKeys", expected, NTE_INTERNAL_ERROR));
 }
 
 TEST_F(EnumKeysTest, AllocationsComeFromTheStatedHeaps) {
   token().AddKeyPair(Ascii("First"), "");
   SIZE_T algorithmName = 0;
   HANDLE heap = nullptr;
+  DWORD heapFlags = 1;
   const kit::Hook<"HeapAlloc", decltype(&HeapAlloc)> hook([&](auto original, HANDLE from, DWORD flags, SIZE_T size) {
     heap = from;
+    heapFlags = flags;
     algorithmName = size;
     return original(from, flags, size);
   });
   ASSERT_EQ(Next(), 0);
   EXPECT_EQ(algorithmName, 8u);
   EXPECT_EQ(heap, GetProcessHeap());
+  EXPECT_EQ(heapFlags, 0u);
 }
 
 TEST_F(EnumKeysTest, FailingAllocationsDoNotAdvance) {
@@ -180,14 +208,29 @@ TEST_F(EnumKeysTest, FailingAllocationsDoNotAdvance) {
   ASSERT_EQ(Next(), 0);
   ksp().FreeBuffer(name_);
   name_ = nullptr;
+  Forget();
+  const auto expectLines = [&](std::initializer_list<Line> named) {
+    std::vector<Line> expected = Arguments(provider_, &name_, &state_, 0);
+    for (const Line& line : {Line("EnumState is initialized"), KeyName("ReadKeyNameFromKeyObjectList - Entry"),
+                             Number("EnumState index = ", 1)}) {
+      expected.push_back(line);
+    }
+    expected.insert(expected.end(), named);
+    expected.push_back(KeyName("ReadKeyNameFromKeyObjectList - Exit"));
+    ExpectLines(Frame("KELDAKSPEnumKeys", expected, NTE_NO_MEMORY));
+  };
   {
     kit::MemoryWatch watch;
     watch.FailWhen([](std::size_t size, std::size_t) { return size == sizeof(NCryptKeyName); });
     EXPECT_EQ(Next(), NTE_NO_MEMORY);
+    expectLines({});
     watch.FailWhen([](std::size_t size, std::size_t) { return size == 7 * sizeof(wchar_t); });
     EXPECT_EQ(Next(), NTE_NO_MEMORY);
+    expectLines({});
     watch.FailWhen([](std::size_t size, std::size_t) { return size == 8; });
     EXPECT_EQ(Next(), NTE_NO_MEMORY);
+    expectLines({KeyName("KeyName = Second")});
+    EXPECT_TRUE(watch.Live().empty()) << "what was there already is released";
   }
   EXPECT_EQ(name_, nullptr);
   EXPECT_EQ(static_cast<kit::EnumState*>(state_)->index, 1u);
@@ -195,11 +238,62 @@ TEST_F(EnumKeysTest, FailingAllocationsDoNotAdvance) {
   EXPECT_STREQ(name_->pszName, L"Second");
 }
 
-TEST_F(EnumKeysTest, EntryWithoutNameDoesNoHarm) {
+TEST_F(EnumKeysTest, StateThatCannotBeAllocated) {
+  token().AddKeyPair(Ascii("First"), "");
+  kit::MemoryWatch watch;
+  watch.FailWhen([](std::size_t size, std::size_t) { return size == sizeof(kit::EnumState); });
+  EXPECT_EQ(Next(), NTE_NO_MEMORY);
+  EXPECT_EQ(name_, nullptr);
+  EXPECT_EQ(state_, nullptr);
+  const std::vector<Line> lines = Body();
+  ASSERT_GE(lines.size(), 2u);
+  EXPECT_TRUE(
+      kit::SameLines({KeyName("ReadKeyNameFromKeyObjectList - Entry"), KeyName("ReadKeyNameFromKeyObjectList - Exit")},
+                     std::vector<Line>(lines.end() - 2, lines.end())));
+}
+
+TEST_F(EnumKeysTest, FirstNameThatCannotBeAllocatedLeavesNoState) {
+  token().AddKeyPair(Ascii("First"), "");
+  ASSERT_EQ(Next(), 0);  // the list is there when the watch begins, and is built anew under it
+  ksp().FreeBuffer(name_);
+  ksp().FreeBuffer(state_);
+  name_ = nullptr;
+  state_ = nullptr;
+  kit::MemoryWatch watch;
+  watch.FailWhen([](std::size_t size, std::size_t) { return size == sizeof(NCryptKeyName); });
+  EXPECT_EQ(Next(), NTE_NO_MEMORY);
+  EXPECT_EQ(name_, nullptr);
+  EXPECT_EQ(state_, nullptr);
+  EXPECT_EQ(watch.Live().size(), 2u) << "the list and its entry's name";
+}
+
+TEST_F(EnumKeysTest, EntryWithoutNameIsHandedOutWithAnEmptyOne) {
   token().AddPublicKey({}, "label");
-  const SECURITY_STATUS status = Next();
-  if (status == 0) {
-    EXPECT_TRUE(name_->pszName == nullptr || *name_->pszName == 0);
+  ASSERT_EQ(Next(), 0);
+  EXPECT_STREQ(name_->pszName, L"");
+  EXPECT_STREQ(name_->pszAlgid, L"RSA");
+}
+
+TEST_F(EnumKeysTest, NameHandedOutIsACopy) {
+  token().AddKeyPair(Ascii("First"), "");
+  ASSERT_EQ(Next(), 0);
+  EXPECT_NE(name_->pszName, kit::RecordOf(provider_)->pKeyObjects[0].pszKeyName);
+  NCryptKeyName* again = nullptr;
+  PVOID state = nullptr;
+  ASSERT_EQ(ksp().EnumKeys(provider_, nullptr, &again, &state, 0), 0);  // frees the list and builds it anew
+  EXPECT_STREQ(name_->pszName, L"First");
+  ksp().FreeBuffer(again);
+  ksp().FreeBuffer(state);
+}
+
+// A state goes by the list as it is now, not as it was when the enumeration began.
+TEST_F(EnumKeysTest, StateBeyondTheListIsAtItsEnd) {
+  token().AddKeyPair(Ascii("First"), "");
+  ASSERT_EQ(Next(), 0);
+  for (const ULONG index : {ULONG{2}, ULONG{0x7FFFFFFF}, ULONG{0xFFFFFFFE}, ULONG{0xFFFFFFFF}}) {
+    static_cast<kit::EnumState*>(state_)->index = index;
+    EXPECT_EQ(Next(), NTE_NO_MORE_ITEMS);
+    EXPECT_EQ(static_cast<kit::EnumState*>(state_)->index, index);
   }
 }
 

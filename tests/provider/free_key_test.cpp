@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "kit/provider.h"
 
@@ -57,16 +58,18 @@ TEST_F(FreeKeyTest, ReleasesNameAndForgetsTheObjects) {
   EXPECT_EQ(record->dwMagic, kit::kKeyMagic);
 }
 
-TEST_F(FreeKeyTest, NameIsWipedOverItsCountInBytes) {
-  // cbKeyName counts characters and is taken as bytes here: five bytes of "Key1" and its terminator are wiped.
+TEST_F(FreeKeyTest, NameIsWipedBeforeItIsReleased) {
+  // The whole text: a count of characters taken as bytes would leave half of it.
   const void* name = kit::KeyOf(key_)->pszKeyName;
-  kit::MemoryWatch watch;
+  const kit::MemoryWatch watch;
   EXPECT_EQ(ksp().FreeKey(provider_, key_), 0);
-  for (const kit::FreedBlock& block : watch.Freed()) {
-    if (block.address != name) continue;
-    ASSERT_GE(block.contents.size(), 10u);
-    EXPECT_TRUE(std::all_of(block.contents.begin(), block.contents.begin() + 5, [](BYTE byte) { return byte == 0; }));
-  }
+  const std::vector<kit::FreedBlock> freed = watch.Freed();
+  const auto block =
+      std::find_if(freed.begin(), freed.end(), [&](const kit::FreedBlock& one) { return one.address == name; });
+  ASSERT_NE(block, freed.end());
+  ASSERT_GE(block->contents.size(), sizeof L"Key1");
+  EXPECT_TRUE(std::all_of(block->contents.begin(), block->contents.begin() + sizeof L"Key1",
+                          [](BYTE byte) { return byte == 0; }));
 }
 
 TEST_F(FreeKeyTest, SecondCallFindsNothing) {
@@ -88,17 +91,23 @@ TEST_F(FreeKeyTest, WipesAndReleasesEveryOwnedBlockInOrder) {
   BYTE modulus[4] = {1, 2, 3, 4};
   record->pbModulus = modulus;
   const void* blocks[] = {record->pbKeyFile, record->pbSecurityDescr, record->pbPrivateKey};
+  const std::size_t sizes[] = {12, 15, 15};
   kit::MemoryWatch watch;
   EXPECT_EQ(ksp().FreeKey(provider_, key_), 0);
   ExpectLines(Lines(provider_, key_,
                     {"Deleting key name", "Deleting key file data blob", "Deleting public key handle",
                      "Deleting private key handle", "Deleting security descriptor", "Deleting private key blob"},
                     0));
-  for (const void* block : blocks)
-    EXPECT_TRUE(watch.WasFreed(block));
-  EXPECT_FALSE(watch.FreedContains("data"));
-  EXPECT_FALSE(watch.FreedContains("file"));
-  EXPECT_FALSE(watch.FreedContains("private"));
+  const std::vector<kit::FreedBlock> freed = watch.Freed();
+  for (std::size_t i = 0; i < 3; ++i) {
+    EXPECT_TRUE(watch.WasFreed(blocks[i]));
+    const auto block =
+        std::find_if(freed.begin(), freed.end(), [&](const kit::FreedBlock& one) { return one.address == blocks[i]; });
+    ASSERT_NE(block, freed.end());
+    EXPECT_TRUE(std::all_of(block->contents.begin(), block->contents.begin() + static_cast<std::ptrdiff_t>(sizes[i]),
+                            [](BYTE byte) { return byte == 0; }))
+        << i << ": to its last byte";
+  }
   EXPECT_EQ(record->pbKeyFile, nullptr);
   EXPECT_EQ(record->pbSecurityDescr, nullptr);
   EXPECT_EQ(record->pbPrivateKey, nullptr);

@@ -1,6 +1,8 @@
 // The key object list: the token's keys, paired by identifier, as enumeration and lookup by name see them.
 #include <algorithm>
+#include <map>
 #include <string>
+#include <vector>
 
 #include "kit/provider.h"
 
@@ -271,6 +273,10 @@ TEST_P(FailingBuild, IsAnInternalError) {
   Open();
   token().Fail(GetParam().function, CKR_DEVICE_ERROR, GetParam().nth);
   EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
+  const std::vector<std::string> calls = token().TakeTexts();
+  ASSERT_FALSE(calls.empty());
+  EXPECT_EQ(calls.back().substr(0, calls.back().find('(')), GetParam().function)
+      << "nothing is called behind a failure";
   const std::vector<Line> lines = BuildLines();
   ASSERT_GE(lines.size(), 2u);
   EXPECT_EQ(lines[lines.size() - 2], KeyName(GetParam().message));
@@ -301,6 +307,76 @@ TEST_F(KeyObjectListTest, FailureMidwayLeavesTheEntriesAdded) {
   token().Fail("C_GetAttributeValue", CKR_DEVICE_ERROR, 2);
   EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
   EXPECT_EQ(Entries(), 1u);
+  EXPECT_TRUE(kit::SameLines(
+      Join({{KeyName("InitializeObjectList - Entry"), KeyName("Find Token Public Keys"), Number("numPublicKeys = ", 1),
+             KeyName("Find Token Private Keys "), Number("numPublicKeys = ", 1), KeyName("Get Public Key atrributes ")},
+            Attributes(Ascii("Key1"), {}, 2048),
+            NameLines(Ascii("Key1"), "Key1"),
+            {KeyName("Public key created and added to object list"), KeyName("Get Private Key atrributes"),
+             KeyName("Get Private Keys atrributes error"), KeyName("InitializeObjectList - Exit")}}),
+      BuildLines()));
+}
+
+TEST_F(KeyObjectListTest, FailingRebuildHasEmptiedTheList) {
+  token().AddKeyPair(Ascii("Key1"), "");
+  EXPECT_EQ(Build(), 0);
+  token().Fail("C_FindObjectsInit", CKR_DEVICE_ERROR);
+  EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
+  EXPECT_EQ(Entries(), 0u);
+  EXPECT_EQ(kit::RecordOf(provider_)->pKeyObjects, nullptr);
+}
+
+TEST_F(KeyObjectListTest, HandleArraysAreReleasedOnEveryPath) {
+  token().AddKeyPair(Ascii("Key1"), "");
+  Open();
+  for (const bool fails : {false, true}) {
+    if (fails) token().Fail("C_GetAttributeValue", CKR_DEVICE_ERROR, 2);
+    token().ClearCalls();
+    const kit::MemoryWatch watch;
+    EXPECT_EQ(Build(), fails ? NTE_INTERNAL_ERROR : 0);
+    const std::map<const void*, std::size_t> live = watch.Live();
+    // The list and the name of its one entry are all that stays, and what FreeBuffer leaves of a name handed out.
+    EXPECT_EQ(live.size(), fails ? 2u : 4u);
+    EXPECT_EQ(live.count(kit::RecordOf(provider_)->pKeyObjects), 1u);
+    EXPECT_EQ(live.count(Entry(0).pszKeyName), 1u);
+  }
+}
+
+TEST_F(KeyObjectListTest, NamesAndIdentifiersAreWipedWithTheList) {
+  for (const char* id : {"First identifier", "Second identifier", "Third identifier"})
+    token().AddKeyPair(Ascii(id), "");
+  const kit::MemoryWatch watch;
+  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(Entries(), 3u);
+  ksp().FreeProvider(provider_);
+  provider_ = 0;
+  EXPECT_FALSE(watch.FreedContains("identifier"));
+  EXPECT_FALSE(watch.FreedContainsWide("identifier"));
+}
+
+TEST_F(KeyObjectListTest, ListIsOneArrayThatGrowsRecordByRecord) {
+  for (const char* id : {"A", "B", "C"})
+    token().AddPublicKey(Ascii(id), "");
+  const kit::MemoryWatch watch;
+  EXPECT_EQ(Build(), 0);
+  ASSERT_EQ(Entries(), 3u);
+  const std::map<const void*, std::size_t> live = watch.Live();
+  ASSERT_EQ(live.count(&Entry(0)), 1u);
+  EXPECT_EQ(live.at(&Entry(0)), 3 * sizeof(kit::KeyRecord));
+  for (std::size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(std::wstring(Entry(i).pszKeyName), std::wstring(1, static_cast<wchar_t>(L'A' + i)));
+    EXPECT_EQ(Entry(i).hPublicKeyObject, 0x101u + i);
+    EXPECT_EQ(Entry(i).PropertyList.next, &Entry(i).PropertyList) << "an empty list of its own";
+    EXPECT_EQ(Entry(i).PropertyList.previous, &Entry(i).PropertyList);
+  }
+  const std::vector<kit::FreedBlock> freed = watch.Freed();
+  const auto arrays = [&](std::size_t count) {
+    return std::count_if(freed.begin(), freed.end(), [&](const kit::FreedBlock& block) {
+      return block.contents.size() == count * sizeof(kit::KeyRecord);
+    });
+  };
+  EXPECT_EQ(arrays(2), 1) << "the array before the last one";
+  EXPECT_EQ(arrays(1), 4) << "the first array, and the record that each key was made in";
 }
 
 TEST_F(KeyObjectListTest, IdentifierOf200BytesFitsOf201Fails) {
@@ -312,8 +388,40 @@ TEST_F(KeyObjectListTest, IdentifierOf200BytesFitsOf201Fails) {
   token().ObjectAttributes(key)[CKA_ID] = Bytes(20, 'i');
   token().ObjectAttributes(key)[CKA_LABEL] = Bytes(201, 'l');
   EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
+  token().ObjectAttributes(key)[CKA_LABEL] = Bytes(200, 'l');
+  EXPECT_EQ(Build(), 0) << "a label of 200 bytes fits as well";
   token().ObjectAttributes(key).erase(CKA_LABEL);
   EXPECT_EQ(Build(), NTE_INTERNAL_ERROR) << "a key without label attribute cannot be read";
+}
+
+// Whatever the module says, nothing is taken from behind the buffers.
+TEST_F(KeyObjectListTest, ModuleThatTellsMoreThanFitsIsNotBelieved) {
+  token().AddPublicKey(Ascii("Key1"), "");
+  Open();
+  static std::size_t tooLong;
+  CK_FUNCTION_LIST& functions = token().List()->standard;
+  const CK_C_GetAttributeValue original = functions.C_GetAttributeValue;
+  functions.C_GetAttributeValue = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE, CK_ATTRIBUTE* entries, CK_ULONG) -> CK_RV {
+    entries[tooLong].ulValueLen = 201;
+    return CKR_OK;
+  };
+  for (tooLong = 0; tooLong < 2; ++tooLong) {
+    EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
+    EXPECT_EQ(Entries(), 0u);
+  }
+  functions.C_GetAttributeValue = original;
+}
+
+TEST_F(KeyObjectListTest, ModuleThatSaysYesAndWritesNothing) {
+  token().AddPublicKey(Ascii("Key1"), "");
+  EXPECT_EQ(Build(), 0);  // leaves nothing in the buffers of the next one
+  token().FailAlways("C_GetAttributeValue", CKR_OK);
+  EXPECT_EQ(Build(), 0);
+  ASSERT_EQ(Entries(), 1u);
+  EXPECT_EQ(Entry(0).cbKeyId, 200u) << "the length that was asked for";
+  EXPECT_EQ(Bytes(Entry(0).KeyId, Entry(0).KeyId + 200), Bytes(200, 0));
+  EXPECT_STREQ(Entry(0).pszKeyName, L"");
+  EXPECT_EQ(Entry(0).dwKeyBitLength, 0u);
 }
 
 TEST_F(KeyObjectListTest, NameEndsBeforeTheFirstZeroByte) {
@@ -356,9 +464,27 @@ TEST_F(KeyObjectListTest, ArrayOfHandlesThatCannotBeAllocated) {
   kit::MemoryWatch watch;
   watch.FailWhen([](std::size_t size, std::size_t) { return size == sizeof(CK_OBJECT_HANDLE); });
   EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
-  const std::vector<Line> lines = BuildLines();
-  EXPECT_EQ(std::count(lines.begin(), lines.end(), KeyName("NTE_INTERNAL_ERROR: Object memory allocation error")), 1);
-  EXPECT_EQ(std::count(lines.begin(), lines.end(), KeyName("Find Token Public Keys error")), 1);
+  EXPECT_TRUE(kit::SameLines({KeyName("InitializeObjectList - Entry"), KeyName("Find Token Public Keys"),
+                              KeyName("NTE_INTERNAL_ERROR: Object memory allocation error"),
+                              KeyName("Find Token Public Keys error"), KeyName("InitializeObjectList - Exit")},
+                             BuildLines()));
+  ExpectCalls({kSearchPublic, kCount, kFinal});
+}
+
+TEST_F(KeyObjectListTest, ArrayOfPrivateHandlesThatCannotBeAllocated) {
+  token().AddPublicKey(Ascii("Key1"), "");
+  token().AddPrivateKey(Ascii("Key1"), "");
+  token().AddPrivateKey(Ascii("Key2"), "");
+  Open();
+  kit::MemoryWatch watch;
+  watch.FailWhen([](std::size_t size, std::size_t) { return size == 2 * sizeof(CK_OBJECT_HANDLE); });
+  EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
+  EXPECT_TRUE(kit::SameLines(
+      {KeyName("InitializeObjectList - Entry"), KeyName("Find Token Public Keys"), Number("numPublicKeys = ", 1),
+       KeyName("Find Token Private Keys "), KeyName("NTE_INTERNAL_ERROR: Object memory allocation error"),
+       KeyName("Find Token Private Keys error"), KeyName("InitializeObjectList - Exit")},
+      BuildLines()));
+  EXPECT_TRUE(watch.Live().empty()) << "the public handles are released";
 }
 
 TEST_F(KeyObjectListTest, MoreKeysInTheSecondPassThanInTheFirst) {
@@ -370,6 +496,57 @@ TEST_F(KeyObjectListTest, MoreKeysInTheSecondPassThanInTheFirst) {
   });
   EXPECT_EQ(Build(), 0);
   EXPECT_EQ(Entries(), 1u);
+}
+
+// A module that counts two objects and hands out one: the second is no object, and is not made one of.
+TEST_F(KeyObjectListTest, ModuleThatHandsOutFewerHandlesThanItCounts) {
+  token().AddPublicKey(Ascii("Key1"), "");
+  Open();
+  CK_FUNCTION_LIST& functions = token().List()->standard;
+  const CK_C_FindObjects original = functions.C_FindObjects;
+  functions.C_FindObjects = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE* objects, CK_ULONG, CK_ULONG* count) -> CK_RV {
+    if (objects) objects[0] = 0x101;
+    *count = 2;
+    return CKR_OK;
+  };
+  EXPECT_EQ(Build(), NTE_INTERNAL_ERROR) << "the token knows no object 0";
+  functions.C_FindObjects = original;
+  const std::vector<std::string> calls = token().TakeTexts();
+  ASSERT_FALSE(calls.empty());
+  EXPECT_EQ(calls.back(), Read(0));
+}
+
+// ... or says at the second pass that there are more than there is room for.
+TEST_F(KeyObjectListTest, ModuleThatCountsMoreThanItWasAskedFor) {
+  token().AddPublicKey(Ascii("Key1"), "");
+  Open();
+  CK_FUNCTION_LIST& functions = token().List()->standard;
+  const CK_C_FindObjects original = functions.C_FindObjects;
+  functions.C_FindObjects = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE* objects, CK_ULONG, CK_ULONG* count) -> CK_RV {
+    if (objects) objects[0] = 0x101;
+    *count = objects ? 0xFFFFFFFF : 1;
+    return CKR_OK;
+  };
+  EXPECT_EQ(Build(), 0);
+  functions.C_FindObjects = original;
+  EXPECT_EQ(Entries(), 1u);
+}
+
+TEST_F(KeyObjectListTest, NoMoreThan1000KeysOfAClass) {
+  token().AddPublicKey(Ascii("Key1"), "");
+  Open();
+  static CK_ULONG asked;
+  CK_FUNCTION_LIST& functions = token().List()->standard;
+  const CK_C_FindObjects original = functions.C_FindObjects;
+  functions.C_FindObjects = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE* objects, CK_ULONG maximum,
+                               CK_ULONG* count) -> CK_RV {
+    if (objects) asked = maximum;
+    *count = objects ? 0 : 0x40000001;
+    return CKR_OK;
+  };
+  EXPECT_EQ(Build(), NTE_NO_MORE_ITEMS);
+  functions.C_FindObjects = original;
+  EXPECT_EQ(asked, 1000u);
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // OpenKey: a key is found by its name, by the hexadecimal text of its name, or behind the reader's name.
 #include <algorithm>
+#include <map>
 #include <string>
+#include <vector>
 
 #include "kit/provider.h"
 
@@ -149,6 +151,128 @@ TEST_F(OpenKeyTest, CopiesTheEntryIntoANewRecord) {
   ExpectCalls({});
 }
 
+// Whatever an entry holds is what the handle gets, also where no entry differs from a new record today.
+TEST_F(OpenKeyTest, CopiesEveryFieldOfTheEntry) {
+  token().AddKeyPair(Ascii("Key1"), "");
+  BuildList();
+  kit::KeyRecord& entry = kit::RecordOf(provider_)->pKeyObjects[0];
+  entry.dwAlgID = 0x2400;
+  entry.dwKeyBitLength = 0x01020304;
+  entry.dwExportPolicy = 0x11;
+  entry.dwKeyUsagePolicy = 0x22;
+  entry.fOverwrite = 0x33;
+  entry.fFinished = 0x44;
+  entry.reserved1 = 0x5555555555;
+  entry.reserved2 = 0x6666666666;
+  entry.KeyId[4] = 0x77;
+  entry.KeyId[199] = 0x88;
+  entry.pszKeyBlobType = L"type";
+  BYTE byte = 0;
+  entry.pbModulus = &byte;
+  EXPECT_EQ(Open(L"Key1"), 0);
+  const kit::KeyRecord& key = *kit::KeyOf(key_);
+  EXPECT_EQ(key.dwAlgID, 0x2400u);
+  EXPECT_EQ(key.dwKeyBitLength, 0x01020304u);
+  EXPECT_EQ(key.dwExportPolicy, 0x11u);
+  EXPECT_EQ(key.dwKeyUsagePolicy, 0x22u);
+  EXPECT_EQ(key.fOverwrite, 0x33u);
+  EXPECT_EQ(key.fFinished, 0x44u);
+  EXPECT_EQ(key.reserved1, 0x5555555555u);
+  EXPECT_EQ(key.reserved2, 0x6666666666u);
+  EXPECT_EQ(Bytes(key.KeyId, key.KeyId + 200), Bytes(entry.KeyId, entry.KeyId + 200)) << "beyond its length as well";
+  EXPECT_EQ(key.cbKeyId, 4u);
+  // These two are not copied along.
+  EXPECT_EQ(key.pszKeyBlobType, nullptr);
+  EXPECT_EQ(key.pbModulus, nullptr);
+  EXPECT_EQ(key.PropertyList.next, &key.PropertyList) << "the record's own list, and empty";
+  EXPECT_EQ(key.PropertyList.previous, &key.PropertyList);
+  entry.pbModulus = nullptr;
+}
+
+// The bytes go into buffers that the new record does not have: nothing is copied, and the two never share a block.
+TEST_F(OpenKeyTest, DescriptorAndKeyFileOfTheEntryStayWithIt) {
+  token().AddKeyPair(Ascii("Key1"), "");
+  BuildList();
+  kit::KeyRecord& entry = kit::RecordOf(provider_)->pKeyObjects[0];
+  entry.pbSecurityDescr = static_cast<BYTE*>(kit::NewProviderBlock("descriptor", 10));
+  entry.cbSecurityDescr = 10;
+  entry.pbKeyFile = static_cast<BYTE*>(kit::NewProviderBlock("key file", 8));
+  entry.cbKeyFile = 8;
+  EXPECT_EQ(Open(L"Key1"), 0);
+  const kit::KeyRecord& key = *kit::KeyOf(key_);
+  EXPECT_EQ(key.pbSecurityDescr, nullptr);
+  EXPECT_EQ(key.cbSecurityDescr, 0u);
+  EXPECT_EQ(key.pbKeyFile, nullptr);
+  EXPECT_EQ(key.cbKeyFile, 0u);
+  kit::MemoryWatch watch;
+  const void* const blocks[] = {entry.pbSecurityDescr, entry.pbKeyFile};
+  BuildList();
+  for (const void* block : blocks)
+    EXPECT_TRUE(watch.WasFreed(block)) << "they go with the list";
+}
+
+TEST_F(OpenKeyTest, OnlyTheRecordStaysBehind) {
+  token().AddKeyPair(Ascii("Some identifier"), "");
+  BuildList();
+  const kit::MemoryWatch watch;
+  EXPECT_EQ(Open(L"Some identifier"), 0);
+  const std::map<const void*, std::size_t> live = watch.Live();
+  EXPECT_EQ(live.size(), 2u);
+  ASSERT_EQ(live.count(kit::KeyOf(key_)), 1u);
+  EXPECT_EQ(live.at(kit::KeyOf(key_)), sizeof(kit::KeyRecord));
+  ASSERT_EQ(live.count(kit::KeyOf(key_)->pszKeyName), 1u);
+  EXPECT_EQ(live.at(kit::KeyOf(key_)->pszKeyName), 17 * sizeof(wchar_t)) << "one more than the name and its terminator";
+  EXPECT_EQ(ksp().FreeKey(provider_, key_), 0);
+  EXPECT_EQ(watch.Live().size(), 1u) << "the record";
+  EXPECT_FALSE(watch.FreedContainsWide("identifier")) << "the text that was searched is wiped as well";
+  key_ = 0;
+}
+
+TEST_F(OpenKeyTest, RefusedKeyLeavesNothing) {
+  token().AddPublicKey(Ascii("Pub"), "");
+  BuildList();
+  const kit::MemoryWatch watch;
+  EXPECT_EQ(Open(L"Pub", 2), NTE_BAD_KEYSET);
+  EXPECT_TRUE(watch.Live().empty());
+}
+
+TEST_F(OpenKeyTest, BuildsTheListBetweenTheLinesOfTheLookup) {
+  token().AddPublicKey(Ascii("Key1"), "");
+  EXPECT_EQ(Open(L"Key1"), 0);
+  std::vector<Line> lines = kit::Log::Get().Take();
+  const auto first = std::find(lines.begin(), lines.end(), KeyName("InitializeObjectList - Entry"));
+  const auto last = std::find(lines.begin(), lines.end(), KeyName("InitializeObjectList - Exit"));
+  ASSERT_NE(last, lines.end());
+  lines.erase(first, last + 1);
+  std::vector<Line> search = SearchLines("Key1", 1);
+  search.insert(search.begin() + 2, KeyName("Number of key objects is 0."));
+  EXPECT_TRUE(kit::SameLines(Lines("Key1", 0, 0,
+                                   Join({{"Parsing key name...", "Retrieving key name", "Initializing key object",
+                                          "Find key with specified key name"},
+                                         search,
+                                         {KeyName("Iteration: 0x00000000"), KeyName("Compare name to: Key1")},
+                                         CopyLines(),
+                                         {Hex32("Key opened. Handle: ", key_)}}),
+                                   0),
+                             lines));
+}
+
+TEST_F(OpenKeyTest, TokenWithoutKeys) {
+  EXPECT_EQ(Open(L"Key1"), 0);
+  EXPECT_EQ(kit::KeyOf(key_)->dwMagic, 0u);
+  ExpectBody(
+      {"Parsing key name...", "Retrieving key name", "Initializing key object", "Find key with specified key name",
+       KeyName("FindKELDKSPKeyfromObjectList - Entry"), KeyName("Looking for key with name: Key1"),
+       KeyName("Number of key objects is 0."), KeyName("InitializeObjectList - Entry"),
+       KeyName("Find Token Public Keys"), Number("numPublicKeys = ", 0), KeyName("Find Token Private Keys "),
+       Number("numPublicKeys = ", 0), KeyName("InitializeObjectList - Exit"), KeyName("Test KeyName pointer"),
+       KeyName("Searching KeyName = Key1"), Number("Starting iteration. Count: ", 0),
+       KeyName("Key name match not found"), KeyName("FindKELDKSPKeyfromObjectList - Exit"),
+       Hex32("Key opened. Handle: ", key_)},
+      0);
+  key_ = 0;
+}
+
 TEST_F(OpenKeyTest, BuildsTheListOnFirstUseOnly) {
   token().AddKeyPair(Ascii("Key1"), "");
   EXPECT_TRUE(Opens(L"Key1"));
@@ -197,10 +321,24 @@ TEST_F(OpenKeyTest, FailingListIsLoggedAndOtherwiseIgnored) {
   Provide();
   token().Fail("C_FindObjectsInit", CKR_DEVICE_ERROR);
   EXPECT_EQ(Open(L"Key1"), 0);
-  const std::vector<Line> lines = kit::Log::Get().Take();
-  EXPECT_EQ(std::count(lines.begin(), lines.end(), KeyName("LoadTokenKeys error ")), 1);
   EXPECT_EQ(kit::KeyOf(key_)->dwMagic, 0u);
+  ExpectBody(
+      {"Parsing key name...", "Retrieving key name", "Initializing key object", "Find key with specified key name",
+       KeyName("FindKELDKSPKeyfromObjectList - Entry"), KeyName("Looking for key with name: Key1"),
+       KeyName("Number of key objects is 0."), KeyName("InitializeObjectList - Entry"),
+       KeyName("Find Token Public Keys"), KeyName("Find Token Public Keys error"),
+       KeyName("InitializeObjectList - Exit"), KeyName("LoadTokenKeys error "),
+       KeyName("FindKELDKSPKeyfromObjectList - Exit"), Hex32("Key opened. Handle: ", key_)},
+      0);
   key_ = 0;
+}
+
+TEST_F(OpenKeyTest, FailingListIsBadKeysetForALegacyKeySpec) {
+  token().AddKeyPair(Ascii("Key1"), "");
+  Provide();
+  token().Fail("C_FindObjectsInit", CKR_DEVICE_ERROR);
+  EXPECT_EQ(Open(L"Key1", 1), NTE_BAD_KEYSET) << "the status of the list is not looked at";
+  EXPECT_EQ(key_, 0u);
 }
 
 TEST_F(OpenKeyTest, NamesMatchWithoutRegardToCaseOverTheStoredLength) {
@@ -304,7 +442,31 @@ TEST_F(OpenKeyTest, AnythingBeforeTheReaderNameAndAnySeparator) {
 TEST_F(OpenKeyTest, ReaderNameAloneLeavesAnEmptyKeyPart) {
   token().AddKeyPair(Ascii("Key1"), "");
   EXPECT_FALSE(Opens(L"Reader 0"));
+  Forget();
   EXPECT_FALSE(Opens(L"Reader 0\\"));
+  const std::vector<Line> lines = kit::Log::Get().Take();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), KeyName("Looking for key with name: ")), 1);
+}
+
+TEST_F(OpenKeyTest, EmptyReaderNameIsFoundAtTheStart) {
+  token().AddKeyPair(Ascii("Key1"), "");
+  BuildList();
+  wchar_t* const reader = kit::RecordOf(provider_)->pszReader;
+  const wchar_t first = reader[0];
+  reader[0] = L'\0';
+  EXPECT_EQ(Open(L"xKey1"), 0);
+  EXPECT_EQ(kit::KeyOf(key_)->dwMagic, kit::kKeyMagic) << "the first character counts as the separator";
+  ExpectBody(Join({{"Parsing key name...", "Reader name found on key name: ", "wstrKeyID: xKey1",
+                    Number("ReaderName length: ", 0), Number("Position: ", 0), "Retrieving key name",
+                    "Initializing key object", "Find key with specified key name"},
+                   SearchLines("Key1", 1),
+                   {KeyName("Iteration: 0x00000000"), KeyName("Compare name to: Key1")},
+                   CopyLines(),
+                   {Hex32("Key opened. Handle: ", key_)}}),
+             0);
+  EXPECT_FALSE(Opens(L"Key1"));
+  EXPECT_FALSE(Opens(L""));
+  reader[0] = first;
 }
 
 TEST_F(OpenKeyTest, LongNamesAreNotRefused) {
@@ -361,13 +523,21 @@ TEST_F(OpenKeyTest, KeySpecExchangeWantsThePublicObject) {
   BuildList();
   EXPECT_EQ(Open(L"Lone", 1), NTE_BAD_KEYSET);
   EXPECT_EQ(key_, 0u);
-  std::vector<Line> lines = kit::Log::Get().Take();
-  EXPECT_EQ(std::count(lines.begin(), lines.end(), Line("NTE_BAD_KEYSET: AT_KEYEXCHANGE key not found")), 1);
+  ExpectLines(Lines("Lone", 1, 0,
+                    Join({{"Parsing key name...", "Retrieving key name", "Initializing key object",
+                           "Find key with specified key name"},
+                          SearchLines("Lone", 2),
+                          {KeyName("Iteration: 0x00000000"), KeyName("Compare name to: Pub"),
+                           KeyName("Checking hex string equivalent of key name"), KeyName("Key name match not found"),
+                           KeyName("Iteration: 0x00000001"), KeyName("Compare name to: Lone")},
+                          CopyLines(),
+                          {"NTE_BAD_KEYSET: AT_KEYEXCHANGE key not found"}}),
+                    NTE_BAD_KEYSET));
   EXPECT_EQ(Open(L"Lone", 2), 0);
   EXPECT_EQ(Open(L"Pub", 1), 0);
   Forget();
   EXPECT_EQ(Open(L"Pub", 2), NTE_BAD_KEYSET);
-  lines = kit::Log::Get().Take();
+  std::vector<Line> lines = kit::Log::Get().Take();
   EXPECT_EQ(std::count(lines.begin(), lines.end(), Line("NTE_BAD_KEYSET: AT_SIGNATURE Key not found")), 1);
   // Both halves: the exchange test comes first.
   EXPECT_EQ(Open(L"Pub", 3), NTE_BAD_KEYSET);
@@ -376,6 +546,20 @@ TEST_F(OpenKeyTest, KeySpecExchangeWantsThePublicObject) {
   EXPECT_EQ(Open(L"Unknown", 3), NTE_BAD_KEYSET);
   lines = kit::Log::Get().Take();
   EXPECT_EQ(std::count(lines.begin(), lines.end(), Line("NTE_BAD_KEYSET: AT_KEYEXCHANGE key not found")), 1);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), Line("NTE_BAD_KEYSET: AT_SIGNATURE Key not found")), 0);
+  EXPECT_EQ(Open(L"Lone", 3), NTE_BAD_KEYSET);
+  lines = kit::Log::Get().Take();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), Line("NTE_BAD_KEYSET: AT_KEYEXCHANGE key not found")), 1);
+}
+
+TEST_F(OpenKeyTest, KeySpecAbove3IsRefused) {
+  Provide();
+  for (const DWORD spec : {DWORD{4}, DWORD{5}, DWORD{0x80000000}, DWORD{0xFFFFFFFF}}) {
+    EXPECT_EQ(Open(L"Key1", spec), NTE_INVALID_PARAMETER);
+    ExpectBody({"NTE_INVALID_PARAMETER: ((dwLegacyKeySpec & ~(AT_KEYEXCHANGE | AT_SIGNATURE)) != 0) "},
+               NTE_INVALID_PARAMETER);
+  }
+  ExpectCalls({});
 }
 
 TEST_F(OpenKeyTest, KeySpecThreeWithBothHalves) {
