@@ -178,4 +178,16 @@ class Module {
 // The one module of the process, behind keldapkcs11.dll.
 Module& Token();
 
+// Puts the function list back when it goes: for tests that set entries of their own in it.
+class ListGuard {
+ public:
+  ListGuard() : saved_(*Token().List()) {}
+  ~ListGuard() { *Token().List() = saved_; }
+  ListGuard(const ListGuard&) = delete;
+  ListGuard& operator=(const ListGuard&) = delete;
+
+ private:
+  FunctionList saved_;
+};
+
 }  // namespace fake

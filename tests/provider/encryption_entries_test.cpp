@@ -307,6 +307,15 @@ TEST_P(BothDirections, WholeBlocksReachTheTokenWithTheSameMechanism) {
   }
 }
 
+TEST_P(BothDirections, NoBytesAreNoBlocksAndReachTheToken) {
+  LogIn();
+  BYTE byte = 0;
+  Arguments arguments = Given({}, kNoPadding);
+  arguments.input = &byte;
+  Call(direction(), arguments);
+  ExpectCalls(CallsAfterLogin({Init(direction()), Work(direction(), {}, "PTR, room=128")}));
+}
+
 TEST_F(EncryptionTest, ACiphertextOfOneBlockDecryptsWithoutPaddingFlagToo) {
   LogIn();
   EXPECT_EQ(Call(Direction::Decrypt, Given(InputFor(Direction::Decrypt), kNoPadding)), 0);

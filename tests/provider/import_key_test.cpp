@@ -1057,6 +1057,58 @@ TEST_F(WrappedImport, FailingDecryptionsEndWithTheirStatus) {
   }
 }
 
+// A length query may name more room than the plain text takes in the end (PKCS#11 v2.40 5.2).
+TEST_F(WrappedImport, BlobEndsWithThePlainText) {
+  CachePin(provider_, wrappingKey_);
+  const fake::ListGuard guard;
+  static CK_C_Decrypt decrypt;
+  decrypt = token().List()->standard.C_Decrypt;
+  token().List()->standard.C_Decrypt = [](CK_SESSION_HANDLE session, CK_BYTE* data, CK_ULONG cbData, CK_BYTE* out,
+                                          CK_ULONG* length) -> CK_RV {
+    const CK_RV result = decrypt(session, data, cbData, out, length);
+    if (!out) *length += 100;
+    return result;
+  };
+  const Bytes plain = SmallPrivateBlob();
+  EXPECT_EQ(Call(GivenWrapped(Wrapped(plain), kPrivate, kDoNotFinalize)), 0);
+  const Bytes cipher(blob_.begin() + 8, blob_.end());
+  const std::string room = "PTR, room=" + std::to_string(plain.size() - 8 + 100);
+  ExpectCalls({Init(), Decrypt(cipher, "NULL"), Init(), Decrypt(cipher, room), Logout()});
+  EXPECT_EQ(Bytes(record().pbPrivateKey, record().pbPrivateKey + record().cbPrivateKey), plain);
+}
+
+TEST_F(WrappedImport, LengthsThatTheTokenMakesUp) {
+  CachePin(provider_, wrappingKey_);
+  const fake::ListGuard guard;
+  static CK_C_Decrypt decrypt;
+  static CK_ULONG answered;
+  decrypt = token().List()->standard.C_Decrypt;
+  // More bytes than there was room for.
+  token().List()->standard.C_Decrypt = [](CK_SESSION_HANDLE session, CK_BYTE* data, CK_ULONG cbData, CK_BYTE* out,
+                                          CK_ULONG* length) -> CK_RV {
+    const CK_RV result = decrypt(session, data, cbData, out, length);
+    if (out) *length += 1000;
+    return result;
+  };
+  EXPECT_EQ(Call(GivenWrapped(Wrapped(SmallPrivateBlob()), kPrivate, kDoNotFinalize)), 0);
+  EXPECT_EQ(Bytes(record().pbPrivateKey, record().pbPrivateKey + record().cbPrivateKey), SmallPrivateBlob());
+  // More room than any plain text takes.
+  token().List()->standard.C_Decrypt = [](CK_SESSION_HANDLE session, CK_BYTE* data, CK_ULONG cbData, CK_BYTE*,
+                                          CK_ULONG* length) -> CK_RV {
+    const CK_RV result = decrypt(session, data, cbData, nullptr, length);
+    *length = answered;
+    return result;
+  };
+  for (const CK_ULONG length : {CK_ULONG{kLargestBlock - 7}, CK_ULONG{0xFFFFFFF8}, CK_ULONG{0xFFFFFFFF}}) {
+    answered = length;
+    token().SlotAt(0).loggedIn = true;
+    token().ClearCalls();
+    EXPECT_EQ(Call(GivenWrapped(Wrapped(SmallPrivateBlob()), kPrivate, kDoNotFinalize)), NTE_NO_MEMORY) << length;
+    EXPECT_EQ(key_, kUntouched);
+    EXPECT_EQ(token().Count("C_Decrypt"), 1u) << "the length alone is asked for";
+  }
+}
+
 // Of data that ends with the clear bytes nothing is left to decrypt: the token is asked with no bytes.
 TEST_F(WrappedImport, ShortData) {
   CachePin(provider_, wrappingKey_);

@@ -3,8 +3,7 @@
 #include <string>
 #include <utility>
 
-#include "kit/dialogs.h"
-#include "kit/provider.h"
+#include "key_fixture.h"
 
 namespace {
 
@@ -398,6 +397,7 @@ TEST_F(SigningTest, FlagsBitByBit) {
 TEST_F(SigningTest, SignChecksInOrder) {
   // Everything is wrong at first; each check that is satisfied uncovers the next one.
   BYTE hash[20] = {};
+  length_ = 0xEEEEEEEE;
   record_->dwKeyUsagePolicy = 1;
   record_->fFinished = 0;
   const DWORD bad = 0x80000000 | kPss;
@@ -423,21 +423,27 @@ TEST_F(SigningTest, SignChecksInOrder) {
   EXPECT_EQ(sign(provider_, key_, hash, &length_, 0), NTE_BAD_KEY_STATE);
   EXPECT_EQ(Body(9), std::vector<Line>{"NTE_BAD_KEY_STATE: The specified key is not yet finalized"});
   ExpectCalls({});
+  EXPECT_EQ(length_, 0xEEEEEEEEu) << "no refusal writes the length";
   record_->fFinished = 1;
   CachePin();
   EXPECT_EQ(sign(provider_, key_, hash, &length_, 0), 0);
 }
 
 TEST_F(SigningTest, HandlesAreTestedBySizeAndMark) {
-  record_->dwMagic = 0x32415352;
-  EXPECT_EQ(Sign(Counting(20)), NTE_INVALID_HANDLE);
-  record_->dwMagic = kit::kKeyMagic;
-  record_->cbLength -= 1;
-  EXPECT_EQ(Sign(Counting(20)), NTE_INVALID_HANDLE);
-  record_->cbLength += 1;
-  kit::RecordOf(provider_)->signature[0] = 'k';
-  EXPECT_EQ(Sign(Counting(20)), NTE_INVALID_HANDLE);
-  kit::RecordOf(provider_)->signature[0] = 'K';
+  const NCRYPT_PROV_HANDLE provider = provider_;
+  const NCRYPT_KEY_HANDLE key = key_;
+  for (kit::ProviderRecord& broken : BrokenRecords(*kit::RecordOf(provider))) {
+    provider_ = reinterpret_cast<NCRYPT_PROV_HANDLE>(&broken);
+    EXPECT_EQ(Sign(Counting(20)), NTE_INVALID_HANDLE);
+    ExpectLines(SignLines(Given(), {"NTE_INVALID_HANDLE: pProvider is NULL"}, NTE_INVALID_HANDLE));
+  }
+  provider_ = provider;
+  for (kit::KeyRecord& broken : BrokenRecords(*kit::KeyOf(key))) {
+    key_ = reinterpret_cast<NCRYPT_KEY_HANDLE>(&broken);
+    EXPECT_EQ(Sign(Counting(20)), NTE_INVALID_HANDLE);
+    ExpectLines(SignLines(Given(), {"NTE_INVALID_HANDLE: pKey is NULL"}, NTE_INVALID_HANDLE));
+  }
+  key_ = key;
   ExpectCalls({});
 }
 
@@ -506,6 +512,55 @@ TEST_F(SigningTest, DataBufferStaysAndHoldsTheDigestInfo) {
     kept += Bytes(bytes, bytes + 35) == Joined(kSha1, hash);
   }
   EXPECT_EQ(kept, 1u) << "the signed data, which is public, is not released";
+}
+
+TEST_F(SigningTest, NothingElseStaysBehind) {
+  CachePin();
+  const auto left = [&](std::size_t length) {
+    kit::MemoryWatch watch;
+    Sign(Counting(length));
+    std::vector<std::size_t> sizes;
+    for (const auto& [address, size] : watch.Live())
+      sizes.push_back(size);
+    return sizes;
+  };
+  const std::vector<std::size_t> data{35};
+  EXPECT_EQ(left(20), data);
+  EXPECT_EQ(left(48), std::vector<std::size_t>{}) << "refused before there is data";
+  token().Fail("C_SignInit", CKR_DEVICE_ERROR);
+  EXPECT_EQ(left(20), data);
+  token().Fail("C_Sign", CKR_DEVICE_ERROR);
+  EXPECT_EQ(left(20), data);
+  record_->hPrivateKeyObject = 0;
+  EXPECT_EQ(left(20), std::vector<std::size_t>{});
+}
+
+// The module's word for the length is handed on; what is shown of the signature ends with the caller's buffer.
+TEST_F(SigningTest, LongerSignatureThanThereIsRoomFor) {
+  CachePin();
+  const fake::ListGuard guard;
+  static CK_C_Sign original;
+  original = token().List()->standard.C_Sign;
+  token().List()->standard.C_Sign = [](CK_SESSION_HANDLE session, CK_BYTE* data, CK_ULONG cbData, CK_BYTE* out,
+                                       CK_ULONG* length) -> CK_RV {
+    const CK_RV result = original(session, data, cbData, out, length);
+    *length = 400;
+    return result;
+  };
+  EXPECT_EQ(Sign(Counting(20)), 0);
+  EXPECT_EQ(length_, 400u);
+  EXPECT_EQ(Body(9).back(), Line(Dump("Signature\t\t: ", signature_)));
+}
+
+TEST_F(SigningTest, ShownSignatureHasTheModulesLength) {
+  CachePin();
+  signature_.assign(200, 0xEE);
+  hash_ = Counting(20);
+  EXPECT_EQ(ksp().SignHash(provider_, key_, nullptr, hash_.data(), 20, signature_.data(), 200, &length_, 0), 0);
+  EXPECT_EQ(length_, 128u);
+  EXPECT_EQ(Bytes(signature_.begin() + 128, signature_.end()), Bytes(72, 0xEE));
+  signature_.resize(128);
+  EXPECT_EQ(Body(9).back(), Line(Dump("Signature\t\t: ", signature_)));
 }
 
 TEST_F(SigningTest, AnyAllocationMayFail) {
@@ -601,8 +656,79 @@ TEST_F(VerifyingTest, WrongSignature) {
   Bytes signature = token().Signature(pair_.privateKey, info);
   signature[5] ^= 1;
   EXPECT_EQ(Verify(info, signature), NTE_FAIL);
-  const std::vector<Line> body = Body(8);
-  EXPECT_EQ(body.back(), Line("Verify failed. Check PKCS logs for detailed information"));
+  const std::vector<Line> lines = kit::Log::Get().Take();
+  std::vector<Line> body = CachedLogin(EntryInstance(lines));
+  body.emplace_back("Verify failed. Check PKCS logs for detailed information");
+  EXPECT_TRUE(kit::SameLines(
+      VerifyLines({provider_, key_, nullptr, hash_.data(), 35, signature_.data(), 128, nullptr, 0}, body, NTE_FAIL),
+      lines));
+}
+
+TEST_F(VerifyingTest, PaddingInfoIsLoggedAndIgnored) {
+  CachePin();
+  hash_ = Joined(kSha1, Counting(20));
+  signature_ = token().Signature(pair_.privateKey, hash_);
+  BCRYPT_PKCS1_PADDING_INFO info{L"SHA256"};
+  EXPECT_EQ(ksp().VerifySignature(provider_, key_, &info, hash_.data(), 35, signature_.data(), 128, kPkcs1 | kSilent),
+            0);
+  const std::vector<Line> lines = kit::Log::Get().Take();
+  EXPECT_TRUE(kit::SameLines(
+      VerifyLines({provider_, key_, &info, hash_.data(), 35, signature_.data(), 128, nullptr, kPkcs1 | kSilent},
+                  CachedLogin(EntryInstance(lines)), 0),
+      lines));
+}
+
+TEST_F(VerifyingTest, FlagsBitByBit) {
+  CachePin();
+  const Bytes info = Joined(kSha1, Counting(20));
+  const Bytes signature = token().Signature(pair_.privateKey, info);
+  for (int bit = 0; bit < 32; ++bit) {
+    const DWORD flag = DWORD{1} << bit;
+    Forget();
+    if (flag == kPkcs1 || flag == kSilent) {
+      EXPECT_EQ(Verify(info, signature, flag), 0);
+      continue;
+    }
+    EXPECT_EQ(Verify(info, signature, flag), flag == kPss ? NTE_NOT_SUPPORTED : NTE_BAD_FLAGS) << "bit " << bit;
+    EXPECT_EQ(Body(8), std::vector<Line>{flag == kPss ? kNoPss : kBadFlags});
+    ExpectCalls({});
+  }
+}
+
+TEST_F(VerifyingTest, RecordsThatAreNoneAreRefused) {
+  const NCRYPT_PROV_HANDLE provider = provider_;
+  const NCRYPT_KEY_HANDLE key = key_;
+  for (kit::ProviderRecord& broken : BrokenRecords(*kit::RecordOf(provider))) {
+    provider_ = reinterpret_cast<NCRYPT_PROV_HANDLE>(&broken);
+    EXPECT_EQ(Verify(Counting(35), Bytes(128)), NTE_INVALID_HANDLE);
+    EXPECT_EQ(Body(8), std::vector<Line>{"NTE_INVALID_HANDLE: pProvider is NULL"});
+  }
+  provider_ = provider;
+  for (kit::KeyRecord& broken : BrokenRecords(*kit::KeyOf(key))) {
+    key_ = reinterpret_cast<NCRYPT_KEY_HANDLE>(&broken);
+    EXPECT_EQ(Verify(Counting(35), Bytes(128)), NTE_INVALID_HANDLE);
+    EXPECT_EQ(Body(8), std::vector<Line>{"NTE_INVALID_HANDLE: pKey is NULL"});
+  }
+  key_ = key;
+  ExpectCalls({});
+}
+
+TEST_F(VerifyingTest, NothingStaysBehind) {
+  CachePin();
+  const Bytes info = Joined(kSha1, Counting(20));
+  const Bytes signature = token().Signature(pair_.privateKey, info);
+  const auto leavesNothing = [&](SECURITY_STATUS expected) {
+    kit::MemoryWatch watch;
+    EXPECT_EQ(Verify(info, signature), expected);
+    EXPECT_TRUE(watch.Live().empty()) << std::hex << expected;
+  };
+  leavesNothing(0);
+  token().Fail("C_Verify", CKR_DEVICE_ERROR);
+  leavesNothing(NTE_FAIL);
+  token().Fail("C_VerifyInit", CKR_DEVICE_ERROR);
+  leavesNothing(NTE_INTERNAL_ERROR);
+  record_->hPublicKeyObject = 0;
+  leavesNothing(NTE_INVALID_PARAMETER);
 }
 
 TEST_F(VerifyingTest, AnyLengthGoesToTheToken) {
