@@ -57,6 +57,8 @@ class CLogin : public CDialog {
   void OnCancel() override;
   HBRUSH OnCtlColor(HDC context, HWND control) override;
 
+  CSecureEditEx pinField_;
+
  private:
   void OnBnClickedOk();
   // Retrieves the PIN and logs in with it; the status that decides about the dialog's end.
@@ -64,7 +66,6 @@ class CLogin : public CDialog {
   SECURITY_STATUS CheckContext() const noexcept;
   void SetStatusLine(const char* text) noexcept;
 
-  CSecureEditEx pinField_;
   HICON icon_ = nullptr;
   CFont statusFont_;
   CStatic status_;

@@ -18,6 +18,8 @@ class CSecureEditEx : public CEdit {
   // Characters that the field holds, as of the last change.
   std::size_t Count() const noexcept { return count_; }
   bool IsSecure() const noexcept { return secureMode_ != 0; }
+  // Outside secure mode, which a field starts in, it is an ordinary password field that only counts its characters.
+  void SetSecure(bool secure) noexcept { secureMode_ = secure ? 1 : 0; }
   // What was typed, in clear and terminated; the memory is wiped before it is released. Throws std::bad_alloc.
   WipedArray<wchar_t> RealText() const;
   // Forgets what was typed; the window text stays.

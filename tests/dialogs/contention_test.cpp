@@ -1,8 +1,12 @@
 // Logins on several threads at once.
+#include <algorithm>
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "login_fixture.h"
 
@@ -212,6 +216,56 @@ TEST_F(ContentionTest, EveryCriticalSectionIsLeftAsOftenAsItIsEntered) {
   check("through the dialog");
   Sign();
   check("cached");
+}
+
+// The token's login entry, with a look at where the PIN lies that it is given.
+struct PinPointer {
+  static inline const unsigned char* pin = nullptr;
+  static inline fake::VendorLogin original = nullptr;
+
+  PinPointer() {
+    original = std::exchange(fake::Token().List()->login, &Login);
+    pin = nullptr;
+  }
+  ~PinPointer() { fake::Token().List()->login = original; }
+  PinPointer(const PinPointer&) = delete;
+  PinPointer& operator=(const PinPointer&) = delete;
+
+  static CK_RV Login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR_PTR data, CK_ULONG length) {
+    pin = data;
+    return original(session, user, data, length);
+  }
+};
+
+TEST_F(ContentionTest, ACachedLoginIsInsideFromTheLookupUntilItsPinIsWiped) {
+  ASSERT_EQ(SignTyping(L"1234"), 0);
+  slot().loggedIn = false;
+  for (const CK_RV result : {CK_RV{CKR_OK}, CK_RV{3}}) {
+    if (result != CKR_OK) token().Fail("VendorLogin", result);
+    std::vector<std::string> entered;
+    std::vector<std::string> left;
+    bool wiped = false;
+    const PinPointer given;
+    const auto lastLine = [] {
+      const std::vector<kit::DebuggerLine> lines = kit::Log::Get().TakeDebuggerLines();
+      return lines.empty() ? std::string() : lines.back().text;
+    };
+    Hook<"EnterCriticalSection", decltype(&EnterCriticalSection)> enter([&](auto original, LPCRITICAL_SECTION section) {
+      entered.push_back(lastLine());
+      original(section);
+    });
+    Hook<"LeaveCriticalSection", decltype(&LeaveCriticalSection)> leave([&](auto original, LPCRITICAL_SECTION section) {
+      left.push_back(lastLine());
+      // The login that holds the buffer has not returned yet.
+      wiped = PinPointer::pin != nullptr &&
+              std::all_of(PinPointer::pin, PinPointer::pin + 16, [](unsigned char b) { return b == 0; });
+      original(section);
+    });
+    EXPECT_EQ(Sign() == 0, result == CKR_OK);
+    EXPECT_EQ(entered, std::vector<std::string>{"Entering critical section"});
+    EXPECT_EQ(left, std::vector<std::string>{"Pin buffer cleared"});
+    EXPECT_TRUE(wiped);
+  }
 }
 
 }  // namespace

@@ -408,6 +408,68 @@ TEST_F(PinCacheTest, OfThePinsLengthOnlyTheLowEightBitsAreCached) {
   EXPECT_EQ(token().Calls()[1].text, LoginCall("77"));
 }
 
+TEST_F(PinCacheTest, APinOf256CharactersIsCachedAsAnEmptyOne) {
+  CacheLongPin(0x100);
+  slot().loggedIn = true;
+  EXPECT_EQ(Sign(), 0);
+  EXPECT_EQ(token().Calls()[1].text, LoginCall(""));
+}
+
+TEST_F(PinCacheTest, AReadWithoutMemoryForTheCopyFails) {
+  CachePin(L"0123456789a");
+  {
+    // Nothing else in the login asks for exactly eleven bytes.
+    kit::MemoryWatch memory;
+    memory.FailWhen([](std::size_t size, std::size_t) { return size == 11; });
+    EXPECT_EQ(Sign(), kInternalError);
+  }
+  EXPECT_TRUE(kit::SameLines(Start() + PresenceFound() + UnexpectedError() +
+                                 PinLines({"NTE_INTERNAL_ERROR: An unexpected error has occured."}) + Cleanup(),
+                             LoginLines()));
+  EXPECT_TRUE(SignsFromCache());
+}
+
+TEST_F(PinCacheTest, NoFailureOfTheMemoryProtectionLeavesThePinBehind) {
+  const std::string base = slot().serial;
+  slot().pin = "73914265";
+  const auto expectWiped = [](const kit::MemoryWatch& memory, const char* what) {
+    EXPECT_FALSE(memory.FreedContains("73914265")) << what;
+    EXPECT_FALSE(memory.FreedContainsWide("73914265")) << what;
+  };
+  {
+    kit::MemoryWatch memory;
+    ProtectHook protect([](auto, LPVOID, DWORD, DWORD) -> BOOL { return FALSE; });
+    EXPECT_EQ(SignTyping(L"73914265"), 0);
+    expectWiped(memory, "encrypting");
+  }
+  slot().serial = base + "/2";
+  slot().loggedIn = false;
+  {
+    kit::MemoryWatch memory;
+    LockHook lock([](auto, LPVOID, SIZE_T) -> BOOL { return FALSE; });
+    EXPECT_EQ(SignTyping(L"73914265"), 0);
+    expectWiped(memory, "locking");
+  }
+  slot().serial = base + "/3";
+  slot().loggedIn = false;
+  CachePin(L"73914265");
+  for (int failing = 1; failing <= 3; ++failing) {
+    kit::MemoryWatch memory;
+    int calls = 0;
+    UnprotectHook unprotect([&](auto original, LPVOID data, DWORD size, DWORD flags) -> BOOL {
+      return ++calls != failing && original(data, size, flags);
+    });
+    EXPECT_EQ(Sign(), kInternalError);
+    expectWiped(memory, "decrypting");
+  }
+  {
+    kit::MemoryWatch memory;
+    LockHook lock([](auto, LPVOID, SIZE_T) -> BOOL { return FALSE; });
+    EXPECT_EQ(Sign(), kInternalError);
+    expectWiped(memory, "locking again");
+  }
+}
+
 TEST_F(PinCacheTest, NoBlockThatIsReleasedHoldsThePin) {
   Scrambling scrambling;
   slot().pin = "73914265";

@@ -1,8 +1,10 @@
 // The PIN dialog: its looks, its field, its buttons.
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "login_fixture.h"
@@ -189,13 +191,16 @@ TEST_F(PinDialogTest, TheSiblingsTemplateIsKept) {
 
 TEST_F(PinDialogTest, CaptionNamesTheTokenWithoutItsPadding) {
   struct Case {
-    const char* label;
+    std::string label;
     const wchar_t* caption;
   };
   for (const Case& c : {Case{"My token", L"Enter PIN for My token"}, Case{"", L"Enter PIN for "},
                         Case{" a  b ", L"Enter PIN for  a  b"},
                         Case{"01234567890123456789012345678901", L"Enter PIN for 01234567890123456789012345678901"},
-                        Case{"caf\xE9", L"Enter PIN for caf\xE9"}}) {
+                        Case{"caf\xE9", L"Enter PIN for caf\xE9"},
+                        // A zero byte ends the name, and is no padding.
+                        Case{std::string("ab\0cd", 5), L"Enter PIN for ab"},
+                        Case{"ab " + std::string(29, '\0'), L"Enter PIN for ab "}}) {
     slot().label = c.label;
     SignWith([&](Dialog& dialog) { EXPECT_EQ(dialog.caption(), c.caption); });
   }
@@ -210,6 +215,38 @@ TEST_F(PinDialogTest, HasItsIconInBothSizesAndAnEmptyStatusLine) {
     EXPECT_EQ(dialog.Send(kPinField, EM_GETLIMITTEXT), 16);
     EXPECT_EQ(dialog.Send(0, DM_GETDEFID), MAKELRESULT(IDOK, DC_HASDEFID));
   });
+}
+
+HWND FocusOf(const Dialog& dialog) {
+  GUITHREADINFO info{};
+  info.cbSize = sizeof info;
+  GetGUIThreadInfo(GetWindowThreadProcessId(dialog.window(), nullptr), &info);
+  return info.hwndFocus;
+}
+
+TEST_F(PinDialogTest, TheFieldHasTheKeyboard) {
+  SignWith([](Dialog& dialog) { EXPECT_EQ(FocusOf(dialog), dialog.control(kPinField)); });
+}
+
+TEST_F(PinDialogTest, MakesOneFontAndReleasesIt) {
+  std::vector<HFONT> made;
+  std::vector<HGDIOBJ> released;
+  Hook<"CreateFontIndirectW", decltype(&CreateFontIndirectW)> create([&](auto original, const LOGFONTW* font) -> HFONT {
+    LOGFONTW wanted{};
+    wanted.lfHeight = 16;
+    wanted.lfWeight = 700;
+    std::copy_n(L"Arial", 6, wanted.lfFaceName);
+    EXPECT_EQ(std::memcmp(font, &wanted, sizeof wanted), 0);
+    made.push_back(original(font));
+    return made.back();
+  });
+  Hook<"DeleteObject", decltype(&DeleteObject)> release([&](auto original, HGDIOBJ object) -> BOOL {
+    released.push_back(object);
+    return original(object);
+  });
+  SignWith([&](Dialog&) { EXPECT_TRUE(released.empty()); });
+  ASSERT_EQ(made.size(), 1u);
+  EXPECT_EQ(released, std::vector<HGDIOBJ>{made[0]});
 }
 
 TEST_F(PinDialogTest, TheStatusLineAloneIsRedBoldArial) {
@@ -606,6 +643,66 @@ TEST_F(PinDialogTest, CellsHoldTheCharactersScrambledByPosition) {
   EXPECT_EQ(wipedMasks, 1);
 }
 
+// What the DLL does to the field: the text it writes, the caret it sets, the undo buffer it empties.
+struct FieldWatch {
+  std::vector<std::string> steps;
+  Hook<"SetWindowTextW", decltype(&SetWindowTextW)> texts{[this](auto original, HWND window, LPCWSTR text) -> BOOL {
+    if (GetDlgCtrlID(window) == kPinField) {
+      std::string step = "text ";
+      for (; *text != L'\0'; ++text)
+        step += static_cast<char>(*text);
+      steps.push_back(step);
+      text -= step.size() - 5;
+    }
+    return original(window, text);
+  }};
+  Hook<"SendMessageW", decltype(&SendMessageW)> messages{
+      [this](auto original, HWND window, UINT message, WPARAM wParam, LPARAM lParam) -> LRESULT {
+        if (GetDlgCtrlID(window) == kPinField) {
+          if (message == EM_SETSEL) steps.push_back("caret " + std::to_string(wParam) + "," + std::to_string(lParam));
+          if (message == EM_EMPTYUNDOBUFFER) steps.emplace_back("no undo");
+        }
+        return original(window, message, wParam, lParam);
+      }};
+
+  std::vector<std::string> Take() { return std::exchange(steps, {}); }
+};
+
+TEST_F(PinDialogTest, CoversEveryChangeAndForgetsHowToUndoIt) {
+  FieldWatch field;
+  using Steps = std::vector<std::string>;
+  EXPECT_EQ(SignWith([&](Dialog& dialog) {
+              EXPECT_EQ(field.Take(), Steps{});
+              dialog.Type(kPinField, L"1");
+              EXPECT_EQ(field.Take(), (Steps{"text *", "caret 1,1", "no undo"}));
+              dialog.Type(kPinField, L"2");
+              EXPECT_EQ(field.Take(), (Steps{"text **", "caret 2,2", "no undo"}));
+              Select(dialog, 0, 0);
+              dialog.Key(kPinField, VK_DELETE);
+              EXPECT_EQ(field.Take(), (Steps{"text *", "caret 0,0", "no undo"}));
+              // A selection is taken back.
+              Select(dialog, 0, 1);
+              dialog.Send(kPinField, WM_KEYUP, VK_F5, 1);
+              EXPECT_EQ(field.Take(), (Steps{"caret 0,0", "no undo"}));
+              dialog.Send(kPinField, WM_KEYUP, VK_F5, 1);
+              EXPECT_EQ(field.Take(), Steps{});
+              // The field is emptied at once, not by way of its own text's change.
+              {
+                Hook<"GetKeyState", decltype(&GetKeyState)> keys([](auto, int) -> SHORT { return -1; });
+                dialog.Send(kPinField, WM_KEYDOWN, VK_END, 1);
+              }
+              EXPECT_EQ(field.Take(), (Steps{"text ", "caret 0,0", "no undo"}));
+              dialog.Type(kPinField, L"34");
+              field.Take();
+              dialog.PressCancel();
+              EXPECT_EQ(field.Take(), Steps{"text "});
+            }),
+            kCancelledByUser);
+  // A field that is empty is left alone.
+  EXPECT_EQ(SignWith([](Dialog& dialog) { dialog.PressCancel(); }), kCancelledByUser);
+  EXPECT_EQ(field.Take(), Steps{});
+}
+
 TEST_F(PinDialogTest, ThePinIsNowhereButInTheTokensHands) {
   const std::string pin = "73914265";
   slot().pin = pin;
@@ -644,6 +741,38 @@ TEST_F(PinDialogTest, ACancelledPinIsWiped) {
             kCancelledByUser);
   EXPECT_FALSE(memory.FreedContains("73914265"));
   EXPECT_FALSE(memory.FreedContainsWide("73914265"));
+}
+
+TEST_F(PinDialogTest, APinThatWasConvertedHalfwayIsWiped) {
+  MemoryWatch memory;
+  Hook<"WideCharToMultiByte", decltype(&WideCharToMultiByte)> hook(
+      [](auto, UINT, DWORD, LPCWCH, int, LPSTR narrow, int, LPCCH, LPBOOL) {
+        std::copy_n("7391426", 7, narrow);
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return 0;
+      });
+  EXPECT_EQ(SignTyping(L"73914265"), NTE_NOT_FOUND);
+  EXPECT_FALSE(memory.FreedContains("7391"));
+  EXPECT_FALSE(memory.FreedContainsWide("7391"));
+}
+
+TEST_F(PinDialogTest, AWrongPinIsWipedAfterEachAttempt) {
+  MemoryWatch memory;
+  slot().triesLeft = 9;
+  EXPECT_EQ(SignWith([&](Dialog& dialog) {
+              dialog.Type(kPinField, L"73914265");
+              dialog.PressOk();
+              ASSERT_TRUE(dialog.open());
+              EXPECT_FALSE(memory.FreedContains("73914265"));
+              EXPECT_FALSE(memory.FreedContainsWide("73914265"));
+              // Only the scrambled cells keep it.
+              for (const auto& [address, size] : memory.Live()) {
+                const std::string contents(static_cast<const char*>(address), size);
+                EXPECT_EQ(contents.find("7391"), std::string::npos) << "a block of " << size << " bytes";
+                EXPECT_EQ(contents.find(std::string("7\0003\0009\0001\0", 8)), std::string::npos);
+              }
+            }),
+            kCancelledByUser);
 }
 
 // --- the buttons
@@ -700,6 +829,7 @@ TEST_F(PinDialogTest, ALockedPinLeavesOnlyCancel) {
               EXPECT_FALSE(dialog.enabled(kPinField));
               EXPECT_FALSE(dialog.enabled(IDOK));
               EXPECT_TRUE(dialog.enabled(IDCANCEL));
+              EXPECT_EQ(FocusOf(dialog), dialog.control(IDCANCEL)) << "the keyboard reaches nothing else";
               dialog.PressCancel();
             }),
             kCancelledByUser);
@@ -729,6 +859,24 @@ TEST_F(PinDialogTest, ASessionThatIsLoggedInCountsAsSuccessAndThePinIsStored) {
                                  ButtonDone() + Cleanup(),
                              AfterDialogShown()));
   EXPECT_TRUE(SignsFromCache());
+}
+
+TEST_F(PinDialogTest, TheSilentFlagDoesNotSuppressTheDialog) {
+  kit::DialogRobot robot;
+  BYTE hash[20] = {};
+  BYTE signature[256];
+  DWORD length = 0;
+  EXPECT_EQ(ksp().SignHash(provider_, key_, nullptr, hash, sizeof hash, signature, sizeof signature, &length,
+                           NCRYPT_SILENT_FLAG),
+            kCancelledByUser);
+  EXPECT_EQ(robot.Finish(), 1u);
+}
+
+TEST_F(PinDialogTest, TheSettingIsReadByTheDialogAndByTheCacheBeforeTheEntrysLog) {
+  EXPECT_EQ(SignTyping(L"1234"), 0);
+  // The last two belong to the object that signs.
+  EXPECT_EQ(kit::Registry::Get().TakeReads(),
+            (std::vector<std::wstring>{L"PINCACHE", L"PINCACHE", L"KSPLOG", L"KSPDIR", L"KSPLOG", L"KSPDIR"}));
 }
 
 TEST_F(PinDialogTest, CancelEndsTheLogin) {

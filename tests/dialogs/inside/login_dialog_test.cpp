@@ -1,11 +1,14 @@
 // The PIN dialog without what Login gives it.
 #include "ui/login_dialog.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
 #include "inside/process_objects.h"
 #include "kit/dialogs.h"
+#include "kit/imports.h"
+#include "kit/registry.h"
 
 namespace {
 
@@ -87,6 +90,38 @@ TEST_F(LoginDialogTest, TheButtonNamesWhatIsMissing) {
     EXPECT_TRUE(Holds(TakeLines(), {"NTE_INTERNAL_ERROR - pin cache context is not set"}));
   }
   EXPECT_EQ(token().Count("VendorLogin"), 0u);
+}
+
+TEST_F(LoginDialogTest, TheButtonNamesOnlyTheFirstThatIsMissing) {
+  CLogin dialog(nullptr);
+  const auto press = [&](SECURITY_STATUS status, const char* line) {
+    TakeLines();
+    EXPECT_EQ(PressOk(dialog), status);
+    EXPECT_EQ(TakeLines(),
+              (std::vector<std::string>{line, "Initiating cleanup routine - OnBnClickedOk()",
+                                        "Releasing PIN cache lock", "Cleanup routine success - OnBnClickedOk()"}));
+  };
+  press(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR - cryptoki context is not set");
+  dialog.SetCryptoki(g_Cryptoki);
+  press(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE - cryptoki session handle is not set");
+  dialog.SetSession(session_);
+  press(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR - slot serial number is not set");
+  dialog.SetSerialNumber(kSerial);
+  press(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR - pin cache context is not set");
+}
+
+TEST_F(LoginDialogTest, TheSerialNumberIsCopiedInFull) {
+  CLogin dialog(nullptr);
+  SetAll(dialog);
+  unsigned char serial[17] = "SERIAL\0 0123456";
+  dialog.SetSerialNumber(serial);
+  const std::string copied(serial, serial + 16);
+  std::fill_n(serial, 16, static_cast<unsigned char>('?'));
+  EXPECT_EQ(dialog.StorePinToCache(Bytes("1234"), 4), 0);
+  DWORD length = 0;
+  EXPECT_EQ(g_PinManager->GetPin(serial, nullptr, &length), NTE_NOT_FOUND);
+  EXPECT_EQ(g_PinManager->GetPin(Bytes(copied.data()), nullptr, &length), 0);
+  EXPECT_EQ(length, 4u);
 }
 
 TEST_F(LoginDialogTest, CancelWorksWithoutAPinManager) {
@@ -172,6 +207,48 @@ TEST_F(LoginDialogTest, StoringNamesWhatIsMissing) {
   EXPECT_EQ(dialog.StorePinToCache(Bytes("1"), 1), 0);
 }
 
+TEST_F(LoginDialogTest, StoringTakesTheCachesRefusalForSuccess) {
+  CLogin dialog(nullptr);
+  SetAll(dialog);
+  kit::Registry::Get().SetString(kit::kSdkKey, L"PINCACHE", L"0");
+  EXPECT_EQ(dialog.StorePinToCache(Bytes("1"), 1), 0);
+  EXPECT_EQ(TakeLines(), (std::vector<std::string>{"Checking PIN cache setting", "Storing PIN to PIN cache",
+                                                   "Checking PIN caching setting"}));
+  DWORD length = 0;
+  EXPECT_EQ(g_PinManager->GetPin(kSerial, nullptr, &length), NTE_NOT_FOUND);
+}
+
+// The setting that would forbid caching has eight characters, and the buffer has room for seven.
+TEST_F(LoginDialogTest, TheDialogsOwnGateOpensForEverySetting) {
+  CLogin dialog(nullptr);
+  for (const wchar_t* setting : {L"", L"0", L"0000000", L"00000000", L"000000000"}) {
+    SetAll(dialog);
+    kit::Registry::Get().SetString(kit::kSdkKey, L"PINCACHE", setting);
+    EXPECT_EQ(dialog.StorePinToCache(Bytes("1"), 1), 0);
+    EXPECT_TRUE(Holds(TakeLines(), {"Checking PIN cache setting", "Storing PIN to PIN cache"}));
+  }
+}
+
+TEST_F(LoginDialogTest, TheDialogsOwnGateReadsATextOfTheSettingsKey) {
+  CLogin dialog(nullptr);
+  int reads = 0;
+  kit::Hook<"RegGetValueW", decltype(&RegGetValueW)> hook(
+      [&](auto, HKEY key, LPCWSTR subKey, LPCWSTR value, DWORD flags, LPDWORD, PVOID data, LPDWORD size) -> LSTATUS {
+        ++reads;
+        EXPECT_EQ(key, HKEY_LOCAL_MACHINE);
+        EXPECT_STREQ(subKey, kit::kSdkKey);
+        EXPECT_STREQ(value, L"PINCACHE");
+        EXPECT_EQ(flags, DWORD{RRF_RT_REG_SZ});
+        EXPECT_EQ(*size, 16u);
+        // A text that never comes out of the registry.
+        std::fill_n(static_cast<wchar_t*>(data), 7, L'0');
+        return ERROR_SUCCESS;
+      });
+  TakeLines();
+  EXPECT_EQ(dialog.StorePinToCache(Bytes("1"), 1), NTE_INTERNAL_ERROR) << "seven zeros do not forbid";
+  EXPECT_EQ(reads, 1);
+}
+
 // Looks at the PIN while the dialog is open.
 class LookingLogin : public CLogin {
  public:
@@ -208,6 +285,31 @@ TEST_F(LoginDialogTest, RetrievesThePinIntoRoomEnough) {
     EXPECT_EQ(length, 5u) << "the length is the caller's";
   };
   EXPECT_EQ(Press(dialog, IDOK), IDCANCEL);
+}
+
+// A dialog whose field is an ordinary password field.
+class PlainLogin : public CLogin {
+ public:
+  PlainLogin() : CLogin(nullptr) { pinField_.SetSecure(false); }
+  CSecureEditEx& field() { return pinField_; }
+};
+
+TEST_F(LoginDialogTest, OutsideSecureModeTheFieldOnlyCounts) {
+  PlainLogin dialog;
+  TakeLines();
+  kit::DialogRobot robot({[&](kit::Dialog& shown) {
+    shown.Type(kit::kPinField, L"1234");
+    EXPECT_EQ(shown.text(kit::kPinField), L"1234");
+    EXPECT_EQ(dialog.field().Count(), 4u);
+    EXPECT_STREQ(dialog.field().RealText().data(), L"1234");
+    shown.Send(kit::kPinField, WM_CHAR, VK_BACK, 1);
+    EXPECT_EQ(dialog.field().Count(), 3u);
+    shown.PressCancel();
+    EXPECT_EQ(dialog.field().Count(), 0u);
+    EXPECT_EQ(shown.text(kit::kPinField), L"");
+  }});
+  EXPECT_EQ(dialog.DoModal(), IDCANCEL);
+  EXPECT_EQ(TakeLines(), (std::vector<std::string>{"Login cancelled", "Releasing PIN cache lock"}));
 }
 
 // An exception in a message handler ends the dialog and comes out where it was shown.
