@@ -1,6 +1,7 @@
 // The PIN dialog's templates as they lie in the DLL: what the platform makes of them may hide a difference.
 #include <cstdint>
 #include <cstring>
+#include <cwchar>
 #include <string>
 #include <vector>
 
@@ -59,7 +60,7 @@ std::string ClassName(const std::wstring& text) {
   if (text == L"#128") return "Button";
   if (text == L"#129") return "Edit";
   if (text == L"#130") return "Static";
-  return text == L"Static" ? "Static" : "?";
+  return _wcsicmp(text.c_str(), L"Static") == 0 ? "Static" : "?";
 }
 
 Template Read(int id) {
