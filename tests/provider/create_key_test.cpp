@@ -1,5 +1,8 @@
 // CreatePersistedKey: an unfinished key record, after a look at the token for a key of the same label.
+#include <algorithm>
+#include <map>
 #include <string>
+#include <vector>
 
 #include "provider/key_fixture.h"
 
@@ -473,6 +476,44 @@ TEST_F(CreateKeyTest, AlgorithmThatDoesNotOpen) {
     EXPECT_EQ(CreateKey(nullptr), 0);
     EXPECT_EQ(opened, std::vector<std::wstring>{L"RSA0"});
   }
+}
+
+TEST_F(CreateKeyTest, RecordOrNameThatCannotBeAllocated) {
+  for (const std::size_t refused : {sizeof(kit::KeyRecord), 300 / 2 * sizeof(wchar_t)}) {
+    kit::MemoryWatch watch;
+    watch.FailWhen([&](std::size_t size, std::size_t) { return size == refused; });
+    const std::string name(149, 'n');
+    EXPECT_EQ(CreateKey(std::wstring(name.begin(), name.end()).c_str()), NTE_NO_MEMORY) << refused;
+    EXPECT_EQ(key_, kUntouched);
+    EXPECT_TRUE(watch.Live().empty()) << "the record is released";
+    ExpectLines(Lines("RSA", name, 0, 0, {"Failed to create new key object"}, NTE_NO_MEMORY));
+  }
+  ExpectCalls({});
+}
+
+TEST_F(CreateKeyTest, RefusedRecordsAreReleasedWithTheirNamesWiped) {
+  const kit::MemoryWatch watch;
+  token().FailAlways("C_FindObjectsInit", CKR_DEVICE_ERROR);
+  EXPECT_EQ(CreateKey(L"Some identifier"), NTE_INTERNAL_ERROR);
+  EXPECT_FALSE(watch.FreedContainsWide("identifier"));
+  const std::vector<kit::FreedBlock> freed = watch.Freed();
+  const auto record = std::find_if(freed.begin(), freed.end(), [](const kit::FreedBlock& block) {
+    return block.contents.size() == sizeof(kit::KeyRecord);
+  });
+  ASSERT_NE(record, freed.end());
+  EXPECT_TRUE(std::all_of(record->contents.begin(), record->contents.end(), [](BYTE byte) { return byte == 0; }))
+      << "a released record is no record";
+}
+
+TEST_F(CreateKeyTest, OnlyTheRecordAndItsNameStayBehind) {
+  const kit::MemoryWatch watch;
+  EXPECT_EQ(CreateKey(L"Key1"), 0);
+  const std::map<const void*, std::size_t> live = watch.Live();
+  EXPECT_EQ(live.size(), 2u);
+  ASSERT_EQ(live.count(&record()), 1u);
+  EXPECT_EQ(live.at(&record()), sizeof(kit::KeyRecord));
+  ASSERT_EQ(live.count(record().pszKeyName), 1u);
+  EXPECT_EQ(live.at(record().pszKeyName), 5 * sizeof(wchar_t)) << "exactly as many characters as are counted";
 }
 
 TEST_F(CreateKeyTest, EveryAllocationCanFail) {

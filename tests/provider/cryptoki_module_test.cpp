@@ -1,5 +1,6 @@
 // The load of the token module, which is part of the load of the provider.
 #include <string>
+#include <vector>
 
 #include "kit/process.h"
 #include "kit/provider.h"
@@ -48,6 +49,28 @@ TEST_F(CryptokiModuleTest, LoadsListsAndInitialisesTheModule) {
   ExpectCalls({"C_Initialize(NULL)"});
 }
 
+TEST_F(CryptokiModuleTest, IsLoadedOnceByItsBareName) {
+  std::vector<std::wstring> loaded;
+  const kit::Hook<"LoadLibraryW", decltype(&LoadLibraryW)> hook([&](auto original, LPCWSTR name) {
+    loaded.emplace_back(name);
+    return original(name);
+  });
+  ASSERT_TRUE(Reload());
+  EXPECT_EQ(loaded, std::vector<std::wstring>{L"keldapkcs11.dll"});
+}
+
+// Only the list counts: none of the module's exports is asked for but the one that hands it out.
+TEST_F(CryptokiModuleTest, OnlyTheFunctionListIsTakenByName) {
+  const HMODULE module = GetModuleHandleW(L"keldapkcs11.dll");
+  std::vector<std::string> names;
+  const kit::Hook<"GetProcAddress", decltype(&GetProcAddress)> hook([&](auto original, HMODULE of, LPCSTR name) {
+    if (of == module) names.emplace_back(name);
+    return original(of, name);
+  });
+  ASSERT_TRUE(Reload());
+  EXPECT_EQ(names, std::vector<std::string>{"C_GetFunctionList"});
+}
+
 TEST_F(CryptokiModuleTest, AcceptsAModuleThatIsInitialisedAlready) {
   token().Fail("C_Initialize", 0x191);
   ASSERT_TRUE(Reload());
@@ -83,6 +106,20 @@ TEST_F(CryptokiModuleTest, FailingFunctionListFailsTheLoad) {
                                      Module("Failed to retrieve middleware function list.")});
   ExpectCalls({});
   token().SetFunctionListResult(CKR_OK);
+  kit::LoadTokenModule(kit::TokenModule::Working);
+}
+
+TEST_F(CryptokiModuleTest, MissingFunctionListFailsTheLoadThoughTheModuleReportsSuccess) {
+  const HMODULE module = GetModuleHandleW(L"keldapkcs11.dll");
+  const auto attach = reinterpret_cast<void (*)(void*, unsigned long)>(
+      reinterpret_cast<void*>(GetProcAddress(module, "KeldaFakeAttach")));
+  ASSERT_NE(attach, nullptr);
+  attach(nullptr, CKR_OK);
+  EXPECT_FALSE(Reload());
+  EXPECT_EQ(Provider::Get().loadError(), DWORD{ERROR_DLL_INIT_FAILED});
+  KIT_EXPECT_LINES(std::vector<Line>{Module("PKCS#11 library loaded successfully"), Module("Get Function List success"),
+                                     Module("Failed to load function list"),
+                                     Module("Failed to retrieve middleware function list.")});
   kit::LoadTokenModule(kit::TokenModule::Working);
 }
 

@@ -359,6 +359,22 @@ TEST_F(GenerateTest, NothingElseThatIsThrownEscapes) {
 }
 #endif
 
+// The pair holds a public exponent of its own, in four bytes, that the templates do not use.
+TEST_F(GenerateTest, PairHasADefaultExponentWhileTheTokenGenerates) {
+  const NCRYPT_KEY_HANDLE key = Create(L"Key1");
+  const kit::MemoryWatch watch;
+  std::vector<Bytes> blocks;
+  token().Before("C_GenerateKeyPair", [&](const fake::Call&) {
+    for (const auto& [address, size] : watch.Live()) {
+      const auto* const bytes = static_cast<const BYTE*>(address);
+      if (size == 4) blocks.emplace_back(bytes, bytes + 4);
+    }
+  });
+  EXPECT_EQ(Finalize(key), 0);
+  EXPECT_EQ(blocks, std::vector<Bytes>{(Bytes{0x00, 0x01, 0x00, 0x00})});
+  EXPECT_TRUE(watch.Live().empty()) << "all goes with the pair";
+}
+
 // A module that says yes and does nothing leaves a finished key without objects, and an identifier of zeros.
 TEST_F(GenerateTest, TokenThatAnswersNothing) {
   token().Fail("C_GenerateRandom", CKR_OK);
