@@ -1,0 +1,111 @@
+// The operations of a key pair by themselves: what they refuse, where no entry of the provider reaches.
+#include <functional>
+#include <vector>
+
+#include "kit/provider.h"
+#include "token/rsa_pair.h"
+
+namespace {
+
+using fake::Ascii;
+using fake::Bytes;
+
+class RsaOperationsTest : public ::testing::Test {
+ protected:
+  static constexpr CK_SESSION_HANDLE kSession = 0x51;
+
+  void SetUp() override {
+    static const CryptokiModule* const loaded = [] {
+      kit::LoadTokenModule(kit::TokenModule::Working);
+      return new CryptokiModule();
+    }();
+    module_ = loaded;
+    token().Reset();
+    token().AddSlot("Reader 0");
+    CK_SESSION_HANDLE session = 0;
+    ASSERT_EQ(module_->Functions().C_OpenSession(11, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session),
+              CKR_OK);
+    ASSERT_EQ(session, kSession);
+    token().ClearCalls();
+    keys_ = token().AddKeyPair(Ascii("id"), "a", 1024);
+    token().SlotAt(0).loggedIn = true;
+  }
+  static fake::Module& token() { return fake::Token(); }
+  void Bind(RSAPair& pair) const {
+    pair.SetSession(kSession);
+    pair.SetModule(module_);
+  }
+  // All that an operation needs, but for the key.
+  struct Call {
+    const char* name;
+    CK_OBJECT_HANDLE key;
+    void (RSAPair::*setKey)(CK_OBJECT_HANDLE) noexcept;
+    std::function<SECURITY_STATUS(RSAPair&, const unsigned char*, DWORD*)> run;
+  };
+  // The last argument is the length; verification, which has none, takes it for the signature.
+  std::vector<Call> Calls() {
+    return {{"Sign", keys_.privateKey, &RSAPair::SetPrivateKeyHandle,
+             [this](RSAPair& pair, const unsigned char* input, DWORD* length) {
+               return pair.Sign(input, 20, output_, length);
+             }},
+            {"Verify", keys_.publicKey, &RSAPair::SetPublicKeyHandle,
+             [this](RSAPair& pair, const unsigned char* input, DWORD* length) {
+               const SECURITY_STATUS status = pair.Verify(input, 20, length ? output_ : nullptr, 128);
+               return status == NTE_FAIL ? ERROR_SUCCESS : status;  // the token has looked and refused
+             }},
+            {"Encrypt", keys_.publicKey, &RSAPair::SetPublicKeyHandle,
+             [this](RSAPair& pair, const unsigned char* input, DWORD* length) {
+               return pair.Encrypt(input, 20, output_, length);
+             }},
+            {"Decrypt", keys_.privateKey, &RSAPair::SetPrivateKeyHandle,
+             [this](RSAPair& pair, const unsigned char* input, DWORD* length) {
+               return pair.Decrypt(input, 128, output_, length);
+             }}};
+  }
+
+  const CryptokiModule* module_ = nullptr;
+  fake::KeyPair keys_;
+  Bytes input_ = Bytes(128, 0x10);
+  unsigned char output_[128] = {};
+};
+
+TEST_F(RsaOperationsTest, RefuseWhatCannotBeCalled) {
+  input_ = token().Ciphertext(keys_.publicKey, Ascii("text"));
+  for (const Call& call : Calls()) {
+    DWORD length = sizeof output_;
+    RSAPair pair;
+    Bind(pair);
+    EXPECT_EQ(call.run(pair, input_.data(), &length), NTE_INVALID_PARAMETER) << call.name << " without a key";
+    // The other key does not stand in for it.
+    (pair.*(call.setKey == &RSAPair::SetPublicKeyHandle ? &RSAPair::SetPrivateKeyHandle
+                                                        : &RSAPair::SetPublicKeyHandle))(call.key);
+    EXPECT_EQ(call.run(pair, input_.data(), &length), NTE_INVALID_PARAMETER) << call.name << " with the other key";
+    (pair.*call.setKey)(call.key);
+    EXPECT_EQ(call.run(pair, nullptr, &length), NTE_INVALID_PARAMETER) << call.name << " without input";
+    EXPECT_EQ(call.run(pair, input_.data(), nullptr), NTE_INVALID_PARAMETER) << call.name << " without a length";
+    pair.SetSession(0);
+    EXPECT_EQ(call.run(pair, input_.data(), &length), NTE_INVALID_PARAMETER) << call.name << " without a session";
+    pair.SetSession(kSession);
+    pair.SetModule(nullptr);
+    EXPECT_EQ(call.run(pair, input_.data(), &length), NTE_INVALID_PARAMETER) << call.name << " without a module";
+    EXPECT_TRUE(token().Calls().empty()) << call.name;
+    EXPECT_EQ(length, sizeof output_);
+    pair.SetModule(module_);
+    EXPECT_EQ(call.run(pair, input_.data(), &length), ERROR_SUCCESS) << call.name;
+    EXPECT_EQ(token().TakeTexts().size(), 2u);
+  }
+}
+
+TEST_F(RsaOperationsTest, LengthsOfNoHashAreNotSigned) {
+  RSAPair pair;
+  Bind(pair);
+  pair.SetPrivateKeyHandle(keys_.privateKey);
+  for (const DWORD cbHash : {DWORD{0}, DWORD{15}, DWORD{28}, DWORD{48}, DWORD{84}, DWORD{0xFFFFFFFF}}) {
+    DWORD length = sizeof output_;
+    EXPECT_EQ(pair.Sign(input_.data(), cbHash, output_, &length), NTE_INVALID_PARAMETER) << cbHash;
+    EXPECT_EQ(length, sizeof output_);
+  }
+  EXPECT_TRUE(token().Calls().empty());
+}
+
+}  // namespace
