@@ -3,6 +3,7 @@
 #include <map>
 #include <numeric>
 #include <string>
+#include <vector>
 
 #include "provider/key_fixture.h"
 
@@ -364,14 +365,18 @@ TEST_F(GenerateTest, PairHasADefaultExponentWhileTheTokenGenerates) {
   const NCRYPT_KEY_HANDLE key = Create(L"Key1");
   const kit::MemoryWatch watch;
   std::vector<Bytes> blocks;
+  const void* exponent = nullptr;
   token().Before("C_GenerateKeyPair", [&](const fake::Call&) {
     for (const auto& [address, size] : watch.Live()) {
+      if (size != 4) continue;
+      exponent = address;
       const auto* const bytes = static_cast<const BYTE*>(address);
-      if (size == 4) blocks.emplace_back(bytes, bytes + 4);
+      blocks.emplace_back(bytes, bytes + 4);
     }
   });
   EXPECT_EQ(Finalize(key), 0);
   EXPECT_EQ(blocks, std::vector<Bytes>{(Bytes{0x00, 0x01, 0x00, 0x00})});
+  EXPECT_TRUE(WipedAndFreed(watch, exponent, 4));
   EXPECT_TRUE(watch.Live().empty()) << "all goes with the pair";
 }
 

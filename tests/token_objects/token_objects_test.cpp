@@ -7,11 +7,13 @@
 #include <map>
 #include <memory>
 #include <new>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "kit/certificate.h"
+#include "kit/process.h"
 #include "kit/provider.h"
 #include "token/certificate.h"
 #include "token/private_key.h"
@@ -156,6 +158,50 @@ class TokenObjectsTest : public ::testing::Test {
   const Bytes exponent_{0x01, 0x00, 0x01, 0x09};
   const Bytes id_ = Counting(64, 0x80);
 };
+
+// ---- module
+
+// What the exception of a failed load says.
+std::string LoadFailure() {
+  try {
+    const CryptokiModule module;
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+  return "loaded";
+}
+
+TEST_F(TokenObjectsTest, FailedLoadTellsItsStep) {
+  EXPECT_EQ(LoadFailure(), "loaded");
+  token().Fail("C_Initialize", CKR_GENERAL_ERROR);
+  EXPECT_EQ(LoadFailure(), "Failed to intialize PKCS middleware.");
+  token().SetFunctionListResult(CKR_DEVICE_ERROR);
+  kit::LoadTokenModule(kit::TokenModule::Working);
+  EXPECT_EQ(LoadFailure(), "Failed to retrieve middleware function list.");
+  token().SetFunctionListResult(CKR_OK);
+  kit::LoadTokenModule(kit::TokenModule::Working);
+}
+
+const kit::Scenario kMissingModule("missing_module", [] {
+  kit::Print(LoadFailure());
+  return 0;
+});
+
+TEST_F(TokenObjectsTest, MissingModuleTellsSo) {
+  const kit::ChildResult child = kit::RunChild("missing_module");
+  EXPECT_EQ(child.exitCode, 0u);
+  EXPECT_EQ(child.lines, std::vector<std::string>{"Failed to load PKCS#11 Library."});
+}
+
+TEST_F(TokenObjectsTest, LoginIsTheEntryAtPosition74AndAlwaysTheUsers) {
+  const Bytes pin = Ascii("1234");
+  EXPECT_EQ(module_->Login(kSession, pin.data(), 4), CKR_OK);
+  ExpectCalls({"VendorLogin(session=0x51, user=1, pin=31323334)"});
+  for (const CK_RV code : {CK_RV{1}, CK_RV{14}, CKR_PIN_LOCKED, CKR_VENDOR_DEFINED}) {
+    token().Fail("VendorLogin", code);
+    EXPECT_EQ(module_->Login(kSession, pin.data(), 4), code) << "as the token answers";
+  }
+}
 
 // ---- base
 
@@ -489,13 +535,23 @@ TEST_F(PrivateKeyTest, NeverCreatesAnything) {
   ExpectCalls({});
 }
 
+struct PrivateProbe : PrivateKey {
+  using CryptokiObject::object_;
+};
+
 TEST_F(PrivateKeyTest, RefusesWhatCannotBeCalled) {
+  PrivateProbe onToken;
+  onToken.object_ = 0x101;
+  EXPECT_EQ(Filled(onToken).Create(KeyUsage::kBoth, "a", 1), kArgumentsBad) << "it has an object already";
+  EXPECT_EQ(onToken.GetObjectHandle(), 0x101u);
   PrivateKey noSession;
   Filled(noSession).SetSession(0);
   EXPECT_EQ(noSession.Create(KeyUsage::kBoth, "a", 1), kArgumentsBad);
   PrivateKey noModule;
   Filled(noModule).SetModule(nullptr);
   EXPECT_EQ(noModule.Create(KeyUsage::kBoth, "a", 1), kArgumentsBad);
+  EXPECT_EQ(noModule.GetClass(), 0u) << "a refused key is left as it was";
+  ExpectCalls({});
 }
 
 TEST_F(PrivateKeyTest, MissingParts) {
@@ -729,6 +785,47 @@ TEST_F(RsaPairTest, ResetForgetsSessionAndModule) {
   EXPECT_FALSE(pair.IsSensitive());
 }
 
+TEST_F(RsaPairTest, ResetForgetsWhatALookupRead) {
+  const fake::KeyPair keys = token().AddKeyPair(Ascii("id"), "a", 1024);
+  token().ObjectAttributes(keys.privateKey)[CKA_SIGN] = fake::Bool(false);
+  token().ObjectAttributes(keys.privateKey)[CKA_DECRYPT] = fake::Bool(false);
+  RSAPair pair;
+  EXPECT_EQ(Bind(pair).FindByLabel(L"a"), NTE_EXISTS);
+  const FreedWatch watch;
+  pair.Reset();
+  EXPECT_EQ(watch.Cleared(128), 1u) << "the modulus";
+  EXPECT_EQ(watch.Cleared(3), 1u) << "the public exponent";
+  EXPECT_EQ(Bind(pair).Generate(nullptr), NTE_FAIL) << "the token makes no key of 0 bits";
+  const fake::Call call = token().Calls().back();
+  EXPECT_EQ(call.templates[0][6].length, 0u);
+  EXPECT_EQ(call.templates[0][7].value, fake::Ulong(0));
+  EXPECT_EQ(call.templates[1][7].value, fake::Bool(true));
+  EXPECT_EQ(call.templates[1][8].value, fake::Bool(true));
+}
+
+struct PairProbe : RSAPair {
+  using CryptokiObject::extractable_;
+  using CryptokiObject::modifiable_;
+  using CryptokiObject::object_;
+  using CryptokiObject::private_;
+  using CryptokiObject::sensitive_;
+  using CryptokiObject::token_;
+};
+
+TEST_F(RsaPairTest, ResetSetsEveryFlagAnew) {
+  PairProbe pair;
+  pair.object_ = 0x101;
+  pair.extractable_ = pair.sensitive_ = CK_TRUE;
+  pair.modifiable_ = pair.private_ = pair.token_ = CK_FALSE;
+  pair.Reset();
+  EXPECT_EQ(pair.GetObjectHandle(), 0u);
+  EXPECT_FALSE(pair.IsExtractable());
+  EXPECT_FALSE(pair.IsSensitive());
+  EXPECT_TRUE(pair.IsModifiable());
+  EXPECT_TRUE(pair.IsPrivate());
+  EXPECT_TRUE(pair.IsToken());
+}
+
 TEST_F(RsaPairTest, GenerationRefusesWhatCannotBeCalled) {
   RSAPair pair;
   pair.Reset();
@@ -794,6 +891,10 @@ TEST_F(RsaPairTest, EachGenerationDrawsAnIdentifierOfItsOwn) {
   EXPECT_EQ(second.templates[0][13].value, Counting(20, 21));
   EXPECT_EQ(second.templates[0][13].value, second.templates[1][11].value);
   EXPECT_EQ(second.templates[0][8].value, (Bytes{0x01, 0x00, 0x01})) << "not the 4-byte buffer of the pair";
+  // A token that says yes and draws nothing does not leave the identifier of the pair before.
+  token().Fail("C_GenerateRandom", CKR_OK);
+  EXPECT_EQ(pair.Generate(nullptr), ERROR_SUCCESS);
+  EXPECT_EQ(token().Calls().back().templates[0][13].value, Bytes(20, 0));
 }
 
 TEST_F(RsaPairTest, IdentifierIsWipedWithThePair) {
