@@ -242,6 +242,11 @@ TEST(PrivateKeyBlob, IsParsedAnew) {
   EXPECT_EQ(blob.Header().magic, kPublic);
   EXPECT_EQ(Of(blob.Modulus()), Counting(2, 3));
   EXPECT_EQ(blob.Prime1().size(), 0u);
+  // Nothing of the header before is left behind the end of shorter data.
+  ASSERT_EQ(Parse(blob, {'R', 'S'}), 0);
+  EXPECT_EQ(blob.Header().magic, 0x5352u);
+  EXPECT_EQ(blob.Header().bitLength, 0u);
+  EXPECT_EQ(blob.Header().cbModulus, 0u);
 }
 
 }  // namespace
