@@ -391,6 +391,14 @@ TEST_F(OpenKeyTest, EmptyStoredNameMatchesEverything) {
   EXPECT_TRUE(Opens(L""));
 }
 
+TEST_F(OpenKeyTest, EntryWithoutANameMatchesNothing) {
+  token().AddPublicKey({}, "label");  // an identifier that is present but empty
+  EXPECT_FALSE(Opens(L"label"));
+  EXPECT_FALSE(Opens(L""));
+  const std::vector<Line> lines = kit::Log::Get().Take();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), KeyName("Compare name to: ")), 2);
+}
+
 TEST_F(OpenKeyTest, FirstMatchingEntryWins) {
   const fake::KeyPair first = token().AddKeyPair(Ascii("Ke"), "");
   token().AddKeyPair(Ascii("Xy1"), "");
