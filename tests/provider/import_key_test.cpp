@@ -1298,6 +1298,21 @@ TEST_F(ImportKeyTest, ComponentsAreAtLeastAsLongAsAnyBitLengthAsksFor) {
   EXPECT_EQ(record().pbPrime2[0], 6);
 }
 
+// What the record's own bit length asks for is there as well, however long: 8 bits a byte for the modulus, 16 for the
+// primes.
+TEST_F(ImportKeyTest, ComponentsAreAsLongAsTheBitLengthSays) {
+  kit::MemoryWatch watch;
+  EXPECT_EQ(Import(Joined({HeaderBytes({kRsa1, 80000, 1, 1, 1, 1}), {3, 4, 5, 6}}), kPrivate, kDoNotFinalize), 0);
+  const auto live = watch.Live();
+  EXPECT_GE(live.at(record().pbModulus), 10000u);
+  EXPECT_GE(live.at(record().pbPrime1), 5000u);
+  EXPECT_GE(live.at(record().pbPrime2), 5000u);
+  EXPECT_EQ(Bytes(record().pbModulus + 1, record().pbModulus + 10000), Bytes(9999, 0));
+  // Nor is a component cut that is longer than that.
+  EXPECT_EQ(Import(Joined({HeaderBytes({kRsa1, 512, 0, 2000, 0, 0}), Bytes(2000, 7)}), kPrivate, kDoNotFinalize), 0);
+  EXPECT_EQ(Bytes(record().pbModulus, record().pbModulus + 2000), Bytes(2000, 7));
+}
+
 TEST_F(ImportKeyTest, DataOfUpToAHeader) {
   const Bytes header = HeaderBytes({});
   for (std::size_t length = 1; length <= 24; ++length) {
