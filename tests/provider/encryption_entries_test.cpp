@@ -170,6 +170,8 @@ TEST_P(BothDirections, WorksOnTheTokenAfterLogin) {
   EXPECT_EQ(input_, InputFor(direction())) << "the input is not written to";
   ExpectCalls(CallsAfterLogin({Init(direction()), Work(direction(), input_, "PTR, room=128")}));
   ExpectLinesAfterLogin(direction(), arguments, {}, 0);
+  // The pair has a log instance of its own, which reads the switch.
+  EXPECT_EQ(kit::Registry::Get().TakeReads(), (std::vector<std::wstring>{L"KSPLOG", L"KSPDIR"}));
 }
 
 // Neither input nor output appears in any line.

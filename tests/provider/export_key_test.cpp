@@ -128,6 +128,7 @@ TEST_F(ExportKeyTest, WritesHeaderExponentAndModulus) {
   EXPECT_EQ(output_, Blob({1, 0, 1}, publicKey()[CKA_MODULUS]));
   ExpectLines(Lines(arguments, {Dump("Public Key Blob: ", output_)}, 0));
   ExpectCalls({Lengths(), Values(256, 4, 3)});  // and no login
+  EXPECT_EQ(kit::Registry::Get().TakeReads(), std::vector<std::wstring>{});
 }
 
 TEST_F(ExportKeyTest, ExponentIsReversedAndTheModulusIsNot) {

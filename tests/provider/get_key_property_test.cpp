@@ -123,6 +123,7 @@ TEST_F(GetKeyPropertyTest, EveryProperty) {
     }
   }
   ExpectCalls({});
+  EXPECT_EQ(kit::Registry::Get().TakeReads(), std::vector<std::wstring>{});
 }
 
 TEST_F(GetKeyPropertyTest, SizeQueries) {

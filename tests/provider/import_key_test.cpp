@@ -716,6 +716,16 @@ TEST_F(ImportKeyTest, TheHandleIsHandedOutBeforeTheLogout) {
   EXPECT_EQ(seen, key_);
 }
 
+TEST_F(ImportKeyTest, TheHandleIsHandedOutWhenAllElseIsDone) {
+  LogIn();
+  std::vector<NCRYPT_KEY_HANDLE> seen;
+  for (const char* function : {"C_GenerateRandom", "C_CreateObject"})
+    token().Before(function, [&](const fake::Call&) { seen.push_back(key_); });
+  EXPECT_EQ(Import(PublicBlob()), 0);
+  EXPECT_EQ(Import(PrivateBlob(kRsa1), kPrivate), 0);
+  EXPECT_EQ(seen, std::vector<NCRYPT_KEY_HANDLE>(4, kUntouched));
+}
+
 TEST_F(ImportKeyTest, ThePinCacheOfTheProcessOutlivesTheLogout) {
   LogIn();
   EXPECT_EQ(Import(PublicBlob()), 0);

@@ -455,6 +455,8 @@ TEST_F(KeyCertificateTest, IsWrittenBesideTheKey) {
   // The label has its terminator, the names one zero byte more than the DER, the serial number its bytes turned round.
   ExpectCalls(CreateCalls(certificate_, "5375626a65637400", "030201"));
   EXPECT_EQ(token().ObjectCount(), 3u);
+  // The certificate's object has a log instance of its own, which reads the switch.
+  EXPECT_EQ(kit::Registry::Get().TakeReads(), (std::vector<std::wstring>{L"KSPLOG", L"KSPDIR"}));
 }
 
 TEST_F(KeyCertificateTest, NamesAreOneByteLongerThanTheirDer) {

@@ -639,6 +639,7 @@ TEST_F(VerifyingTest, VerifiesTheBlockAsPassed) {
   ExpectCalls({"C_GetTokenInfo(slot=11)", "VendorLogin(session=0x51, user=1, pin=31323334)",
                "C_VerifyInit(session=0x51, CKM_RSA_PKCS[NULL,0], key=0x101)",
                "C_Verify(session=0x51, data=" + fake::HexOf(info) + ", signature=" + fake::HexOf(signature) + ")"});
+  EXPECT_EQ(kit::Registry::Get().TakeReads(), (std::vector<std::wstring>{L"KSPLOG", L"KSPDIR"}));
 }
 
 TEST_F(VerifyingTest, SignatureOverABareHashNeedsTheDigestInfo) {
