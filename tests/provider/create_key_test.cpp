@@ -478,6 +478,39 @@ TEST_F(CreateKeyTest, AlgorithmThatDoesNotOpen) {
   }
 }
 
+// Two threads that make the first keys of a process at once; here one comes in the middle of the other.
+TEST_F(CreateKeyTest, SecondOfTwoFirstAlgorithmHandlesIsClosed) {
+  ksp().FreeProvider(provider_);
+  // A fresh load has no algorithm handle yet.
+  ASSERT_TRUE(kit::Provider::Get().Load(kit::Log::Mode::Tagged));
+  provider_ = OpenProvider();
+  NCRYPT_KEY_HANDLE other = 0;
+  std::vector<BCRYPT_ALG_HANDLE> opened;
+  std::vector<BCRYPT_ALG_HANDLE> closed;
+  const kit::Hook<"BCryptOpenAlgorithmProvider", decltype(&BCryptOpenAlgorithmProvider)> opening(
+      [&](auto original, BCRYPT_ALG_HANDLE* handle, LPCWSTR algorithm, LPCWSTR implementation, ULONG flags) {
+        if (opened.empty()) {
+          opened.push_back(nullptr);  // the call of the key that is made in between comes here as well
+          EXPECT_EQ(ksp().CreatePersistedKey(provider_, &other, L"RSA", nullptr, 0, 0), 0);
+          keys_.push_back(other);
+        }
+        const NTSTATUS status = original(handle, algorithm, implementation, flags);
+        opened.push_back(*handle);
+        return status;
+      });
+  const kit::Hook<"BCryptCloseAlgorithmProvider", decltype(&BCryptCloseAlgorithmProvider)> closing(
+      [&](auto original, BCRYPT_ALG_HANDLE handle, ULONG flags) {
+        closed.push_back(handle);
+        EXPECT_EQ(flags, 0u);
+        return original(handle, flags);
+      });
+  EXPECT_EQ(CreateKey(nullptr), 0);
+  ASSERT_EQ(opened.size(), 3u);
+  EXPECT_EQ(kit::KeyOf(other)->hAlgProvider, opened[1]);
+  EXPECT_EQ(record().hAlgProvider, opened[1]) << "the first one serves both";
+  EXPECT_EQ(closed, std::vector<BCRYPT_ALG_HANDLE>{opened[2]});
+}
+
 TEST_F(CreateKeyTest, RecordOrNameThatCannotBeAllocated) {
   for (const std::size_t refused : {sizeof(kit::KeyRecord), 300 / 2 * sizeof(wchar_t)}) {
     kit::MemoryWatch watch;

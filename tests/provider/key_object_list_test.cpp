@@ -509,7 +509,15 @@ TEST_F(KeyObjectListTest, ModuleThatHandsOutFewerHandlesThanItCounts) {
     *count = 2;
     return CKR_OK;
   };
-  EXPECT_EQ(Build(), NTE_INTERNAL_ERROR) << "the token knows no object 0";
+  {
+    // New memory holds anything but zeros.
+    const kit::Hook<"malloc", void* (*)(std::size_t)> hook([](auto allocate, std::size_t size) {
+      void* const block = allocate(size);
+      if (block) std::fill_n(static_cast<BYTE*>(block), size, BYTE{0xEE});
+      return block;
+    });
+    EXPECT_EQ(Build(), NTE_INTERNAL_ERROR) << "the token knows no object 0";
+  }
   functions.C_FindObjects = original;
   const std::vector<std::string> calls = token().TakeTexts();
   ASSERT_FALSE(calls.empty());

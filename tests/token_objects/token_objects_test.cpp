@@ -739,6 +739,36 @@ TEST_F(CertificateTest, FoundOneIsAStatusAndItsHandle) {
   EXPECT_EQ(certificate.GetObjectHandle(), object);
 }
 
+TEST_F(CertificateTest, SeveralFoundAreFoundAllTheSame) {
+  CK_FUNCTION_LIST& functions = token().List()->standard;
+  const CK_C_FindObjects original = functions.C_FindObjects;
+  functions.C_FindObjects = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE* objects, CK_ULONG, CK_ULONG* count) -> CK_RV {
+    *objects = 0x123;
+    *count = 2;
+    return CKR_OK;
+  };
+  Certificate certificate;
+  Bind(certificate);
+  certificate.SetPublicKeyHandle(publicKey_);
+  certificate.SetPrivateKeyHandle(privateKey_);
+  EXPECT_EQ(certificate.FindForKey(), NTE_EXISTS);
+  functions.C_FindObjects = original;
+  EXPECT_EQ(certificate.GetObjectHandle(), 0x123u);
+}
+
+TEST_F(CertificateTest, FailedSearchIsNotEnded) {
+  for (const char* function : {"C_FindObjectsInit", "C_FindObjects"}) {
+    Certificate certificate;
+    Bind(certificate);
+    certificate.SetPublicKeyHandle(publicKey_);
+    certificate.SetPrivateKeyHandle(privateKey_);
+    token().ClearCalls();
+    token().Fail(function, CKR_DEVICE_ERROR);
+    EXPECT_EQ(certificate.FindForKey(), NTE_INTERNAL_ERROR);
+    EXPECT_EQ(token().Calls().back().function, function);
+  }
+}
+
 TEST_F(CertificateTest, KeyWithAnEmptyIdentifier) {
   token().ObjectAttributes(privateKey_)[CKA_ID] = {};
   Certificate certificate;
