@@ -4,6 +4,15 @@
 
 #include "login/pin_block.h"
 
+namespace {
+
+// A failure for which the platform gives no reason must not pass for a success.
+SECURITY_STATUS FailureOf(DWORD error) noexcept {
+  return error != ERROR_SUCCESS ? static_cast<SECURITY_STATUS>(error) : NTE_INTERNAL_ERROR;
+}
+
+}  // namespace
+
 PinCacheEntry::PinCacheEntry() noexcept : log_(LogPointer::Create(-1, 0)) {}
 
 PinCacheEntry::~PinCacheEntry() {
@@ -127,7 +136,7 @@ SECURITY_STATUS PinCacheEntry::Protect(const unsigned char* in, DWORD cbIn, unsi
   if (!CryptProtectMemory(block.data(), cbBlock, CRYPTPROTECTMEMORY_SAME_PROCESS)) {
     const DWORD error = GetLastError();
     log_->WriteHex32("Encrypt - Failed to encrypt memory block - ", error);
-    return static_cast<SECURITY_STATUS>(error);
+    return FailureOf(error);
   }
   std::memcpy(out, block.data(), cbBlock);
   *cbOut = cbBlock;
@@ -147,7 +156,7 @@ SECURITY_STATUS PinCacheEntry::Unprotect(const unsigned char* block, DWORD cbBlo
   if (!CryptUnprotectMemory(plain.data(), cbBlock, CRYPTPROTECTMEMORY_SAME_PROCESS)) {
     const DWORD error = GetLastError();
     log_->WriteHex32("Decrypt - Failed to decrypt data - ", error);
-    return static_cast<SECURITY_STATUS>(error);
+    return FailureOf(error);
   }
 
   const auto length = static_cast<DWORD>(pinblock::PinLength(plain.data()));

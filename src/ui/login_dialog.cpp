@@ -210,7 +210,8 @@ SECURITY_STATUS CLogin::RetrievePIN(char* pin, DWORD* pcbPin) {
                             nullptr) == 0) {
       const DWORD error = GetLastError();
       g_PinLog->WriteHex32("Failed to properly retrieve PIN. Error: ", error);
-      status = static_cast<SECURITY_STATUS>(error);
+      // Without a reason the failure must not pass for a success: the buffer holds no PIN to try.
+      status = error != ERROR_SUCCESS ? static_cast<SECURITY_STATUS>(error) : NTE_INTERNAL_ERROR;
     }
   }
   g_PinLog->WriteLine("Initiating cleanup routine - RetrievePIN");

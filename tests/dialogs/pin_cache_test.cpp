@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "login_fixture.h"
@@ -308,6 +309,28 @@ TEST_F(PinCacheTest, ABlockThatCannotBeDecryptedFailsTheReading) {
   EXPECT_TRUE(SignsFromCache());
 }
 
+TEST_F(PinCacheTest, ALengthThatCannotBeReadCountsAsNone) {
+  CachePin(L"1");
+  bool failed = false;
+  UnprotectHook unprotect([&](auto original, LPVOID data, DWORD size, DWORD flags) -> BOOL {
+    return std::exchange(failed, true) && original(data, size, flags);
+  });
+  EXPECT_EQ(Sign(), kInternalError) << "there is no room for even one character";
+}
+
+// A load of the provider is marked in the log once, and the logs of the cache's entries come later.
+TEST_F(PinCacheTest, TheLogOfAnEntryWritesNoStartLine) {
+  const int before = kit::Log::Get().InstancesConstructed();
+  ASSERT_EQ(SignTyping(L"1234"), 0);
+  int entries = 0;
+  for (int instance = before + 1; instance <= kit::Log::Get().InstancesConstructed(); ++instance) {
+    const std::string text = kit::Log::Get().FileText(instance);
+    if (text.find("Encrypt - ") != std::string::npos) ++entries;
+    EXPECT_EQ(text.find("LOG START"), std::string::npos);
+  }
+  EXPECT_EQ(entries, 1);
+}
+
 TEST_F(PinCacheTest, APinThatCannotBeEncryptedIsNotCached) {
   {
     ProtectHook protect([](auto, LPVOID, DWORD, DWORD) -> BOOL {
@@ -438,7 +461,10 @@ TEST_F(PinCacheTest, NoFailureOfTheMemoryProtectionLeavesThePinBehind) {
   };
   {
     kit::MemoryWatch memory;
-    ProtectHook protect([](auto, LPVOID, DWORD, DWORD) -> BOOL { return FALSE; });
+    ProtectHook protect([](auto, LPVOID, DWORD, DWORD) -> BOOL {
+      SetLastError(ERROR_ACCESS_DENIED);
+      return FALSE;
+    });
     EXPECT_EQ(SignTyping(L"73914265"), 0);
     expectWiped(memory, "encrypting");
   }
@@ -446,7 +472,10 @@ TEST_F(PinCacheTest, NoFailureOfTheMemoryProtectionLeavesThePinBehind) {
   slot().loggedIn = false;
   {
     kit::MemoryWatch memory;
-    LockHook lock([](auto, LPVOID, SIZE_T) -> BOOL { return FALSE; });
+    LockHook lock([](auto, LPVOID, SIZE_T) -> BOOL {
+      SetLastError(ERROR_ACCESS_DENIED);
+      return FALSE;
+    });
     EXPECT_EQ(SignTyping(L"73914265"), 0);
     expectWiped(memory, "locking");
   }
@@ -457,14 +486,19 @@ TEST_F(PinCacheTest, NoFailureOfTheMemoryProtectionLeavesThePinBehind) {
     kit::MemoryWatch memory;
     int calls = 0;
     UnprotectHook unprotect([&](auto original, LPVOID data, DWORD size, DWORD flags) -> BOOL {
-      return ++calls != failing && original(data, size, flags);
+      if (++calls != failing) return original(data, size, flags);
+      SetLastError(ERROR_ACCESS_DENIED);
+      return FALSE;
     });
     EXPECT_EQ(Sign(), kInternalError);
     expectWiped(memory, "decrypting");
   }
   {
     kit::MemoryWatch memory;
-    LockHook lock([](auto, LPVOID, SIZE_T) -> BOOL { return FALSE; });
+    LockHook lock([](auto, LPVOID, SIZE_T) -> BOOL {
+      SetLastError(ERROR_ACCESS_DENIED);
+      return FALSE;
+    });
     EXPECT_EQ(Sign(), kInternalError);
     expectWiped(memory, "locking again");
   }

@@ -195,7 +195,7 @@ TEST_F(PinDialogTest, CaptionNamesTheTokenWithoutItsPadding) {
     const wchar_t* caption;
   };
   for (const Case& c : {Case{"My token", L"Enter PIN for My token"}, Case{"", L"Enter PIN for "},
-                        Case{" a  b ", L"Enter PIN for  a  b"},
+                        Case{"x", L"Enter PIN for x"}, Case{" a  b ", L"Enter PIN for  a  b"},
                         Case{"01234567890123456789012345678901", L"Enter PIN for 01234567890123456789012345678901"},
                         Case{"caf\xE9", L"Enter PIN for caf\xE9"},
                         // A zero byte ends the name, and is no padding.
@@ -422,16 +422,19 @@ TEST_F(PinDialogTest, HomeOrEndWithAnyShiftKeyEmptiesTheField) {
 }
 
 TEST_F(PinDialogTest, HomeAndEndWithoutShiftOnlyMoveTheCaret) {
-  Hook<"GetKeyState", decltype(&GetKeyState)> keys([](auto, int) -> SHORT { return 1; });
-  ExpectPin(
-      L"23",
-      [](Dialog& dialog) {
-        dialog.Key(kPinField, VK_HOME);
-        dialog.Type(kPinField, L"1");
-        dialog.Key(kPinField, VK_END);
-        dialog.Type(kPinField, L"4");
-      },
-      "1234");
+  // Up, and up but switched on as Caps Lock would be.
+  for (const SHORT state : {SHORT{0}, SHORT{1}}) {
+    Hook<"GetKeyState", decltype(&GetKeyState)> keys([=](auto, int) -> SHORT { return state; });
+    ExpectPin(
+        L"23",
+        [](Dialog& dialog) {
+          dialog.Key(kPinField, VK_HOME);
+          dialog.Type(kPinField, L"1");
+          dialog.Key(kPinField, VK_END);
+          dialog.Type(kPinField, L"4");
+        },
+        "1234");
+  }
 }
 
 TEST_F(PinDialogTest, OtherKeysWithShiftKeepTheField) {
@@ -692,7 +695,7 @@ TEST_F(PinDialogTest, CoversEveryChangeAndForgetsHowToUndoIt) {
                 dialog.Send(kPinField, WM_KEYDOWN, VK_END, 1);
               }
               EXPECT_EQ(field.Take(), (Steps{"text ", "caret 0,0", "no undo"}));
-              dialog.Type(kPinField, L"34");
+              dialog.Type(kPinField, L"3");
               field.Take();
               dialog.PressCancel();
               EXPECT_EQ(field.Take(), Steps{"text "});
@@ -962,6 +965,19 @@ TEST_F(PinDialogTest, APinThatCannotBeConvertedEndsTheDialog) {
                              AfterDialogShown()));
 }
 
+TEST_F(PinDialogTest, AConversionThatFailsWithoutAReasonTriesNoPin) {
+  {
+    Hook<"WideCharToMultiByte", decltype(&WideCharToMultiByte)> hook(
+        [](auto, UINT, DWORD, LPCWCH, int, LPSTR, int, LPCCH, LPBOOL) {
+          SetLastError(ERROR_SUCCESS);
+          return 0;
+        });
+    EXPECT_EQ(SignTyping(L"1234"), NTE_NOT_FOUND);
+  }
+  EXPECT_EQ(token().Count("VendorLogin"), 0u);
+  EXPECT_EQ(slot().triesLeft, slot().maximumTries);
+}
+
 TEST_F(PinDialogTest, ASessionHandleOfZeroEndsTheDialog) {
   const ULONG session = kit::RecordOf(provider_)->hSession;
   kit::RecordOf(provider_)->hSession = 0;
@@ -1179,6 +1195,7 @@ TEST_F(RandomFailureTest, NoRandomNumberEndsTheLoginWithTheContextReleased) {
     });
     Hook<"CryptReleaseContext", decltype(&CryptReleaseContext)> release([&](auto original, HCRYPTPROV c, DWORD f) {
       ++released;
+      EXPECT_EQ(f, 0u);
       return original(c, f);
     });
     ExpectFailure("Failed to generate random number");

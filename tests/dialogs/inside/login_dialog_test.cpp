@@ -331,4 +331,50 @@ TEST_F(LoginDialogTest, AnExceptionInAHandlerComesOutOfDoModal) {
   EXPECT_EQ(g_PinManager->DialogFlag(), 0u) << "the dialog that raised the flag is gone";
 }
 
+// Ends by an exception with the second press of the button.
+class SecondPressThrows : public CLogin {
+ public:
+  SecondPressThrows() : CLogin(nullptr) {}
+
+ protected:
+  void OnOK() override {
+    if (pressed_) throw std::runtime_error("thrown in a handler");
+    pressed_ = true;
+    CLogin::OnOK();
+  }
+
+ private:
+  bool pressed_ = false;
+};
+
+TEST_F(LoginDialogTest, ADialogThatHasLoweredTheFlagLeavesItToOthers) {
+  // By a wrong PIN; another dialog raises it then.
+  {
+    SecondPressThrows dialog;
+    SetAll(dialog);
+    token().Fail("VendorLogin", 3);
+    kit::DialogRobot robot({[&](kit::Dialog& shown) {
+      shown.Type(kit::kPinField, L"1234");
+      shown.PressOk();
+      EXPECT_EQ(g_PinManager->DialogFlag(), 0u);
+      g_PinManager->DialogFlag() = 1;
+      shown.PressOk();
+    }});
+    EXPECT_THROW(dialog.DoModal(), std::runtime_error);
+  }
+  EXPECT_EQ(g_PinManager->DialogFlag(), 1u);
+  // By its end.
+  for (const int button : {IDOK, IDCANCEL}) {
+    g_PinManager->DialogFlag() = 0;
+    {
+      CLogin dialog(nullptr);
+      SetAll(dialog);
+      EXPECT_EQ(Press(dialog, button), button);
+      EXPECT_EQ(g_PinManager->DialogFlag(), 0u);
+      g_PinManager->DialogFlag() = 1;
+    }
+    EXPECT_EQ(g_PinManager->DialogFlag(), 1u);
+  }
+}
+
 }  // namespace

@@ -491,6 +491,52 @@ TEST_F(PinCacheEntryTest, SaysWhereMemoryRanOut) {
   EXPECT_EQ(Get(), "1234");
 }
 
+TEST_F(PinCacheEntryTest, AFailureWithoutAReasonIsNoSuccess) {
+  const auto failing = [](auto, LPVOID, DWORD, DWORD) -> BOOL {
+    SetLastError(ERROR_SUCCESS);
+    return FALSE;
+  };
+  {
+    ProtectHook protect(failing);
+    EXPECT_EQ(Set("1234"), NTE_INTERNAL_ERROR);
+    EXPECT_EQ(Get(), "(none)");
+  }
+  ASSERT_EQ(Set("1234"), 0);
+  UnprotectHook unprotect(failing);
+  unsigned char pin[4] = {9, 9, 9, 9};
+  DWORD length = 4;
+  EXPECT_EQ(entry_.GetPin(pin, &length), NTE_INTERNAL_ERROR);
+  EXPECT_EQ(length, 4u);
+  EXPECT_EQ(pin[0], 9);
+}
+
+TEST_F(PinCacheEntryTest, ReleasesItsLog) {
+  std::array<const void*, 4> logs{};
+  std::size_t made = 0;
+  std::size_t released = 0;
+  Hook<"malloc", void* (*)(std::size_t)> allocate([&](auto original, std::size_t size) -> void* {
+    void* block = original(size);
+    if (size == sizeof(DebugClass) && made < logs.size()) logs[made++] = block;
+    return block;
+  });
+  Hook<"free", void (*)(void*)> release([&](auto original, void* block) -> void {
+    if (block != nullptr) released += static_cast<std::size_t>(std::count(logs.begin(), logs.end(), block));
+    original(block);
+  });
+  { const PinCacheEntry entry; }
+  EXPECT_EQ(made, 1u);
+  EXPECT_EQ(released, 1u);
+  // And so does an entry that is not stored.
+  ProtectHook protect([](auto, LPVOID, DWORD, DWORD) -> BOOL {
+    SetLastError(ERROR_INVALID_HANDLE);
+    return FALSE;
+  });
+  const unsigned char serial[kSerialLength] = {};
+  g_PinManager->SetPin(serial, kSerialLength, serial, 1);
+  EXPECT_EQ(made, 2u);
+  EXPECT_GE(released, 2u);
+}
+
 // The plain text may lie in the block only while it is being encrypted.
 TEST_F(PinCacheEntryTest, TheBlockIsUnlockedWhileItIsThereAndWipedWhenItGoes) {
   const unsigned char* block = nullptr;
