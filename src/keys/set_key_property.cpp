@@ -57,9 +57,12 @@ SECURITY_STATUS SetName(KELDAKSP_KEY* key, const BYTE* pbInput, DWORD cbInput) n
   WipedArray<wchar_t> name = WipedArray<wchar_t>::Try(cbInput / sizeof(wchar_t) + 1);
   if (name.empty()) return NTE_NO_MEMORY;
   std::memcpy(name.data(), pbInput, cbInput);
+  // The record is wiped by the length of its name: nothing may lie behind a terminator in the input.
+  const std::size_t length = WideLength(name.data());
+  SecureWipe(name.data() + length, (name.size() - length) * sizeof(wchar_t));
   key->pszKeyName = name.Release();
   g_Log->WriteWide("pKey->pszKeyName = ", key->pszKeyName);
-  key->cbKeyName = static_cast<DWORD>(WideLength(key->pszKeyName));
+  key->cbKeyName = static_cast<DWORD>(length);
   g_Log->WriteInt("pKey->cbKeyName = ", static_cast<std::int32_t>(key->cbKeyName));
   return ERROR_SUCCESS;
 }

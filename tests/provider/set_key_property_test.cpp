@@ -159,6 +159,21 @@ TEST_F(SetKeyPropertyTest, TerminatorInTheInputIsNotCountedEither) {
   EXPECT_EQ(record().cbKeyName, 2u);
 }
 
+TEST_F(SetKeyPropertyTest, NothingBehindATerminatorIsLeftInReleasedMemory) {
+  const std::wstring input(L"AB\0secret", 9);
+  const auto renamed = [&] {
+    EXPECT_EQ(Set(L"Name", Text(input)), 0);
+    return static_cast<const void*>(record().pszKeyName);
+  };
+  const kit::MemoryWatch watch;
+  const void* const first = renamed();
+  EXPECT_EQ(Set(L"Name", Text(L"Other")), 0);
+  EXPECT_TRUE(WipedAndFreed(watch, first, (input.size() + 1) * sizeof(wchar_t)));
+  const void* const second = renamed();
+  EXPECT_EQ(ksp().FreeKey(provider_, key_), 0);
+  EXPECT_TRUE(WipedAndFreed(watch, second, (input.size() + 1) * sizeof(wchar_t)));
+}
+
 TEST_F(SetKeyPropertyTest, NameOf63CharactersPassesAndOneOf64DoesNot) {
   const std::wstring longest(63, L'n');
   EXPECT_EQ(Set(L"Name", Text(longest)), 0);
