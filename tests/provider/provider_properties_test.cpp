@@ -269,6 +269,13 @@ TEST_F(ProviderPropertiesTest, ContextTakesTwiceTheInput) {
   });
   EXPECT_EQ(Set(L"Use Context", Bytes(123, 'x')), 0);
   EXPECT_EQ(std::count(sizes.begin(), sizes.end(), 246u), 1);
+  // Less than two bytes get room for a character and its terminator all the same.
+  for (const DWORD cbInput : {DWORD{0}, DWORD{1}}) {
+    BYTE byte = 'x';
+    sizes.clear();
+    EXPECT_EQ(ksp().SetProviderProperty(provider_, L"Use Context", &byte, cbInput, 0), 0);
+    EXPECT_EQ(std::count(sizes.begin(), sizes.end(), 4u), 1);
+  }
 }
 
 TEST_F(ProviderPropertiesTest, NewContextReleasesTheOldOne) {
