@@ -701,6 +701,15 @@ TEST_F(KeyCertificateTest, TokenObjectIsDestroyedOnEveryPath) {
   leavesNothing("C_GetAttributeValue", 4);
   leavesNothing("C_CreateObject", 1);
   leavesNothing("C_FindObjectsInit", 1);
+  const kit::MemoryWatch watch;
+  EXPECT_EQ(Set(kName, {0x30, 0x00}), NTE_FAIL);
+  EXPECT_TRUE(watch.Live().empty()) << "no certificate";
+  EXPECT_EQ(SetCertificate(certificate_), 0);
+  EXPECT_EQ(SetCertificate(certificate_), NTE_EXISTS);
+  EXPECT_TRUE(watch.Live().empty()) << "one is there";
+  record().hPublicKeyObject = 0;
+  EXPECT_EQ(SetCertificate(certificate_), NTE_INVALID_PARAMETER);
+  EXPECT_TRUE(watch.Live().empty()) << "half a key";
 }
 
 TEST_F(KeyCertificateTest, CertificateContextIsFreedOnEveryPath) {
