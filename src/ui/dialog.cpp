@@ -49,11 +49,14 @@ HBRUSH CDialog::OnCtlColor(HDC context, HWND control) {
 }
 
 INT_PTR CALLBACK CDialog::Procedure(HWND window, UINT message, WPARAM wParam, LPARAM lParam) noexcept {
-  if (message == WM_INITDIALOG) {
-    SetWindowLongPtrW(window, DWLP_USER, lParam);
-    reinterpret_cast<CDialog*>(lParam)->handle_ = window;
-  }
   auto* self = reinterpret_cast<CDialog*>(GetWindowLongPtrW(window, DWLP_USER));
+  if (message == WM_INITDIALOG) {
+    // Only the platform's own message carries the object; another program that sends one later is not believed.
+    if (self != nullptr) return FALSE;
+    self = reinterpret_cast<CDialog*>(lParam);
+    SetWindowLongPtrW(window, DWLP_USER, lParam);
+    self->handle_ = window;
+  }
   if (self == nullptr) return FALSE;  // messages that come before WM_INITDIALOG
   // No exception crosses the platform's code that has called us.
   try {

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <set>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -541,6 +542,20 @@ TEST_F(PinDialogTest, TextOfTheSameLengthSetByAnotherProgramChangesNothing) {
 TEST_F(PinDialogTest, ShorterTextSetByAnotherProgramTakesCellsFromTheStart) {
   ExpectPin(
       L"123456", [](Dialog& dialog) { dialog.Send(kPinField, WM_SETTEXT, 0, reinterpret_cast<LPARAM>(L"ab")); }, "56");
+}
+
+TEST_F(PinDialogTest, AnotherProgramCannotPutItsObjectInTheDialogsPlace) {
+  slot().pin = "1234";
+  EXPECT_EQ(SignWith([](Dialog& dialog) {
+              dialog.Type(kPinField, L"12");
+              for (const LPARAM object : {LPARAM{0}, LPARAM{0x10}, LPARAM{-1}})
+                dialog.Send(0, WM_INITDIALOG, reinterpret_cast<WPARAM>(dialog.control(kPinField)), object);
+              EXPECT_TRUE(dialog.open());
+              EXPECT_EQ(dialog.text(kPinField), L"**");
+              dialog.Type(kPinField, L"34");
+              dialog.PressOk();
+            }),
+            0);
 }
 
 TEST_F(PinDialogTest, HugeTextSetByAnotherProgramDoesNoHarm) {
@@ -1140,6 +1155,33 @@ TEST_F(PinDialogTest, AnUnreadableTokenEndsTheLoginBeforeAnyDialog) {
   EXPECT_TRUE(kit::SameLines(
       PinLines({"Retrieving token info", "\tNTE_INTERNAL_ERROR: Failed to retrieve token info"}) + cleanup,
       LoginLines()));
+}
+
+// The token module is foreign code.
+TEST_F(PinDialogTest, WhatTheTokenThrowsEndsTheLoginAndLeavesNoPin) {
+  slot().pin = "73914265";
+  const Lines unexpected = PinLines({"NTE_INTERNAL_ERROR: An unexpected error has occured."});
+  {
+    MemoryWatch memory;
+    token().Before("VendorLogin", [](const fake::Call&) { throw 7; });
+    EXPECT_EQ(SignTyping(L"73914265"), NTE_INTERNAL_ERROR);
+    EXPECT_TRUE(kit::SameLines(AttemptLines() + unexpected + Cleanup(), AfterDialogShown()));
+    EXPECT_FALSE(memory.FreedContains("73914265"));
+    EXPECT_FALSE(memory.FreedContainsWide("73914265"));
+  }
+  token().ClearScript();
+  // Neither the flag nor the section is left behind.
+  EXPECT_EQ(SignTyping(L"73914265"), 0);
+  slot().loggedIn = false;
+  Forget();
+  token().Before("VendorLogin", [](const fake::Call&) { throw 7; });
+  EXPECT_EQ(Sign(), NTE_INTERNAL_ERROR);
+  Lines expected = CachedLogin();
+  expected.insert(expected.end() - 5, unexpected.begin(), unexpected.end());
+  EXPECT_TRUE(kit::SameLines(expected, LoginLines()));
+  token().ClearScript();
+  std::thread other([&] { EXPECT_EQ(Sign(), 0); });
+  other.join();
 }
 
 class RandomFailureTest : public PinDialogTest {

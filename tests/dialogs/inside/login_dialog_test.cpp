@@ -331,6 +331,17 @@ TEST_F(LoginDialogTest, AnExceptionInAHandlerComesOutOfDoModal) {
   EXPECT_EQ(g_PinManager->DialogFlag(), 0u) << "the dialog that raised the flag is gone";
 }
 
+// The controls of the first window are forgotten with it.
+TEST_F(LoginDialogTest, CanBeShownAgain) {
+  CLogin dialog(nullptr);
+  SetAll(dialog);
+  EXPECT_EQ(Press(dialog, IDCANCEL), IDCANCEL);
+  EXPECT_EQ(dialog.Handle(), nullptr);
+  EXPECT_EQ(PressOk(dialog), IDOK);
+  EXPECT_EQ(token().Count("VendorLogin"), 1u);
+  EXPECT_TRUE(token().SlotAt(0).loggedIn);
+}
+
 // Ends by an exception with the second press of the button.
 class SecondPressThrows : public CLogin {
  public:
