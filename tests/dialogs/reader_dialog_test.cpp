@@ -91,6 +91,11 @@ class ReaderDialogTest : public kit::ProviderTest {
     EXPECT_EQ(robot.created(), 1u);
     return status;
   }
+  // Throws, and so fails the test, when the open before has failed.
+  const kit::ProviderRecord& Record() const {
+    if (handle_ == 0) throw std::runtime_error("no provider is open");
+    return *kit::RecordOf(handle_);
+  }
   void Close() {
     if (handle_ != 0) {
       EXPECT_EQ(ksp().FreeProvider(handle_), 0);
@@ -373,8 +378,8 @@ TEST_F(ReaderDialogTest, SortsTheReadersAndPreselectsTheFirst) {
               EXPECT_FALSE(dialog.open());
             }),
             0);
-  EXPECT_STREQ(kit::RecordOf(handle_)->pszReader, L"A reader");
-  EXPECT_EQ(kit::RecordOf(handle_)->slotId, token().SlotAt(0).id);
+  EXPECT_STREQ(Record().pszReader, L"A reader");
+  EXPECT_EQ(Record().slotId, token().SlotAt(0).id);
   ExpectChoice({KeyName("Retrieving data"), KeyName("Data Retrieved"), "Acquired A reader",
                 "Iterating through slot list", "Found slot: A reader",
                 "Reader name acquired. Setting active slot to A reader", "Caching provider instance",
@@ -391,8 +396,8 @@ TEST_F(ReaderDialogTest, TakesTheReaderThatTheUserChose) {
               dialog.PressOk();
             }),
             0);
-  EXPECT_STREQ(kit::RecordOf(handle_)->pszReader, L"B reader");
-  EXPECT_EQ(kit::RecordOf(handle_)->slotId, token().SlotAt(1).id);
+  EXPECT_STREQ(Record().pszReader, L"B reader");
+  EXPECT_EQ(Record().slotId, token().SlotAt(1).id);
 }
 
 TEST_F(ReaderDialogTest, OpeningTheListShowsReadersThatHaveComeAndGone) {
@@ -409,7 +414,7 @@ TEST_F(ReaderDialogTest, OpeningTheListShowsReadersThatHaveComeAndGone) {
               dialog.PressOk();
             }),
             0);
-  EXPECT_STREQ(kit::RecordOf(handle_)->pszReader, L"B reader");
+  EXPECT_STREQ(Record().pszReader, L"B reader");
   EXPECT_EQ(service.established, 1);
   EXPECT_EQ(service.listed, 3);
 }

@@ -1,5 +1,6 @@
 // The provider cache: which open reuses the reader of the one before, and which entries make it forgotten.
 #include <algorithm>
+#include <stdexcept>
 #include <string>
 
 #include "kit/dialogs.h"
@@ -30,6 +31,11 @@ class ProviderCacheTest : public kit::ProviderTest {
     robot.Finish();
     return status;
   }
+  // Throws, and so fails the test, for the handle of a failed open.
+  static const kit::ProviderRecord& Record(NCRYPT_PROV_HANDLE handle) {
+    if (handle == 0) throw std::runtime_error("no provider is open");
+    return *kit::RecordOf(handle);
+  }
   bool SecondOpenReuses() {
     NCRYPT_PROV_HANDLE second = 0;
     Forget();
@@ -54,7 +60,7 @@ TEST_F(ProviderCacheTest, NextOpenReusesTheReader) {
   ExpectCalls({"C_GetSlotList(present=FALSE, list=NULL)", "C_GetSlotList(present=FALSE, list=PTR, count=2)",
                "C_GetSlotList(present=TRUE, list=NULL)", "C_GetSlotList(present=TRUE, list=PTR, count=2)",
                "C_GetSlotInfo(slot=11)", "C_OpenSession(slot=11, flags=0x6, application=NULL, notify=NULL)"});
-  EXPECT_STREQ(kit::RecordOf(second)->pszReader, L"Reader A");
+  EXPECT_STREQ(Record(second).pszReader, L"Reader A");
   ksp().FreeProvider(second);
   ksp().FreeProvider(first);
 }
@@ -64,7 +70,7 @@ TEST_F(ProviderCacheTest, CachedReaderIsFoundBehindOtherSlots) {
   std::swap(token().SlotAt(0).description, token().SlotAt(1).description);
   NCRYPT_PROV_HANDLE second = 0;
   EXPECT_EQ(ksp().OpenProvider(&second, kProviderName, 0), 0);
-  EXPECT_EQ(kit::RecordOf(second)->slotId, 12u);
+  EXPECT_EQ(Record(second).slotId, 12u);
   const std::vector<Line> lines = kit::Log::Get().Take();
   EXPECT_EQ(std::count(lines.begin(), lines.end(), Line("Found slot: Reader B")), 1);
   EXPECT_EQ(std::count(lines.begin(), lines.end(), Line("Found slot: Reader A")), 1);
@@ -124,7 +130,7 @@ TEST_F(ProviderCacheTest, TokenInsertedMeanwhileIsFound) {
   });
   NCRYPT_PROV_HANDLE second = 0;
   EXPECT_EQ(ksp().OpenProvider(&second, kProviderName, 0), 0);
-  EXPECT_EQ(kit::RecordOf(second)->slotId, 12u);
+  EXPECT_EQ(Record(second).slotId, 12u);
   ksp().FreeProvider(second);
   ksp().FreeProvider(first);
 }
@@ -134,7 +140,7 @@ TEST_F(ProviderCacheTest, WithoutChoiceTheCacheIsNotAsked) {
   token().SlotAt(0).tokenPresent = false;
   NCRYPT_PROV_HANDLE second = 0;
   EXPECT_EQ(ksp().OpenProvider(&second, kProviderName, 0), 0);
-  EXPECT_STREQ(kit::RecordOf(second)->pszReader, L"Reader B");
+  EXPECT_STREQ(Record(second).pszReader, L"Reader B");
   ksp().FreeProvider(second);
   ksp().FreeProvider(first);
 }
@@ -145,7 +151,7 @@ TEST_F(ProviderCacheTest, SecondReuseFollowsTheFirst) {
   NCRYPT_PROV_HANDLE third = 0;
   EXPECT_EQ(ksp().OpenProvider(&second, kProviderName, 0), 0);
   EXPECT_EQ(ksp().OpenProvider(&third, kProviderName, 0), 0);
-  EXPECT_STREQ(kit::RecordOf(third)->pszReader, L"Reader A");
+  EXPECT_STREQ(Record(third).pszReader, L"Reader A");
   ksp().FreeProvider(third);
   ksp().FreeProvider(second);
   ksp().FreeProvider(first);
