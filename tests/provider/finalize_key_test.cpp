@@ -673,6 +673,8 @@ TEST_F(FinalizeImportedTest, PartsThatTheBlobLackedCountAsZeros) {
   const NCRYPT_KEY_HANDLE key = Imported(nullptr, 2048);
   kit::KeyRecord& record = *kit::KeyOf(key);
   record.pbPrivateExponent = nullptr;
+  record.pbPrime1 = nullptr;
+  record.pbPrime2 = nullptr;
   record.pbExponent1 = nullptr;
   record.pbExponent2 = nullptr;
   record.pbCoefficient = nullptr;

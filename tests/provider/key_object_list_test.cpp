@@ -422,6 +422,8 @@ TEST_F(KeyObjectListTest, ModuleThatSaysYesAndWritesNothing) {
   EXPECT_EQ(Bytes(Entry(0).KeyId, Entry(0).KeyId + 200), Bytes(200, 0));
   EXPECT_STREQ(Entry(0).pszKeyName, L"");
   EXPECT_EQ(Entry(0).dwKeyBitLength, 0u);
+  const std::vector<Line> lines = kit::Log::Get().Take();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), KeyName(Dump("CKA_LABEL\t: ", Bytes(200, 0)))), 1);
 }
 
 TEST_F(KeyObjectListTest, NameEndsBeforeTheFirstZeroByte) {
@@ -538,6 +540,38 @@ TEST_F(KeyObjectListTest, ModuleThatCountsMoreThanItWasAskedFor) {
   EXPECT_EQ(Build(), 0);
   functions.C_FindObjects = original;
   EXPECT_EQ(Entries(), 1u);
+}
+
+// An entry whose public object has the handle 0 has none yet: a second public key of its identifier pairs with it.
+TEST_F(KeyObjectListTest, PublicKeyPairsWithAnEntryThatHasNone) {
+  const CK_OBJECT_HANDLE key = token().AddPublicKey(Ascii("Key1"), "");
+  Open();
+  static CK_C_GetAttributeValue getAttributeValue;
+  static CK_C_FindObjects findObjects;
+  CK_FUNCTION_LIST& functions = token().List()->standard;
+  getAttributeValue = functions.C_GetAttributeValue;
+  findObjects = functions.C_FindObjects;
+  functions.C_GetAttributeValue = [](CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE* entries,
+                                     CK_ULONG count) -> CK_RV {
+    return getAttributeValue(session, object ? object : 0x101, entries, count);
+  };
+  functions.C_FindObjects = [](CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* objects, CK_ULONG maximum,
+                               CK_ULONG* count) -> CK_RV {
+    if (maximum == 0) return findObjects(session, objects, maximum, count);
+    const CK_RV result = findObjects(session, objects ? objects + 1 : nullptr, maximum - 1, count);
+    if (*count == 0) return result;
+    if (objects) objects[0] = 0;
+    ++*count;
+    return result;
+  };
+  EXPECT_EQ(Build(), 0);
+  functions.C_GetAttributeValue = getAttributeValue;
+  functions.C_FindObjects = findObjects;
+  ASSERT_EQ(Entries(), 1u);
+  EXPECT_EQ(Entry(0).hPublicKeyObject, key);
+  const std::vector<Line> lines = BuildLines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), KeyName("Public key created and added to object list")), 1);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), KeyName("Public key paired with private key in object list")), 1);
 }
 
 TEST_F(KeyObjectListTest, NoMoreThan1000KeysOfAClass) {
