@@ -1,5 +1,8 @@
 // SetKeyProperty: what may be set and when, the certificate beside the key, and the window that owns the PIN dialog.
+#include <algorithm>
+#include <map>
 #include <string>
+#include <string_view>
 
 #include "kit/certificate.h"
 #include "provider/key_fixture.h"
@@ -556,11 +559,14 @@ TEST_F(KeyCertificateTest, LabelIsTheSimpleDisplayName) {
 
 TEST_F(KeyCertificateTest, UnfinishedKey) {
   key_ = Create(L"New");
-  record().hPublicKeyObject = pair_.publicKey;
-  EXPECT_EQ(SetCertificate(certificate_), NTE_BAD_KEY_STATE);
-  ExpectLines(Lines(kNarrowName,
-                    {"dwProperty = NCRYPT_CERTIFICATE_PROPERTY", "Key referenced by hKey is not yet finalized."},
-                    NTE_BAD_KEY_STATE));
+  // Whether it has objects is not yet asked.
+  for (const CK_OBJECT_HANDLE object : {CK_OBJECT_HANDLE{0}, pair_.publicKey}) {
+    record().hPublicKeyObject = object;
+    EXPECT_EQ(SetCertificate(certificate_), NTE_BAD_KEY_STATE);
+    ExpectLines(Lines(kNarrowName,
+                      {"dwProperty = NCRYPT_CERTIFICATE_PROPERTY", "Key referenced by hKey is not yet finalized."},
+                      NTE_BAD_KEY_STATE));
+  }
   ExpectCalls({});
 }
 
@@ -687,6 +693,27 @@ TEST_F(KeyCertificateTest, WipesWhatItHeld) {
   EXPECT_FALSE(watch.FreedContainsWide("Subject"));
   EXPECT_FALSE(watch.FreedContainsWide("Issuer"));
   EXPECT_TRUE(watch.Live().empty());
+}
+
+// Label and names are kept as 16-bit text until the object goes; the token gets the narrow label and the DER.
+TEST_F(KeyCertificateTest, KeepsNamesAsWideTextWhileItIsWritten) {
+  const kit::MemoryWatch watch;
+  const auto blocksWith = [&](const std::wstring& text) {
+    const std::map<const void*, std::size_t> live = watch.Live();
+    return std::count_if(live.begin(), live.end(), [&](const auto& block) {
+      const std::wstring_view contents(static_cast<const wchar_t*>(block.first), block.second / sizeof(wchar_t));
+      return contents.find(text) != std::wstring_view::npos;
+    });
+  };
+  std::ptrdiff_t subjects = 0;
+  std::ptrdiff_t issuers = 0;
+  token().Before("C_CreateObject", [&](const fake::Call&) {
+    subjects = blocksWith(L"Subject");
+    issuers = blocksWith(L"Issuer");
+  });
+  EXPECT_EQ(SetCertificate(certificate_), 0);
+  EXPECT_EQ(subjects, 2) << "label and subject";
+  EXPECT_EQ(issuers, 1);
 }
 
 TEST_F(KeyCertificateTest, TokenObjectIsDestroyedOnEveryPath) {
