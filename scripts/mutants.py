@@ -3,6 +3,7 @@ which of them no test notices. scripts/mutate.sh prepares the copies and starts 
 
 import argparse
 import collections
+import concurrent.futures
 import os
 import pathlib
 import queue
@@ -163,12 +164,12 @@ class Worker:
 
     X64 = ["provider_tests", "token_objects_tests", "login_tests", "dialogs_tests", "soak_tests"]
 
-    def __init__(self, folder, prefix, limits):
+    def __init__(self, folder, prefix):
         self.tree = folder / "tree"
         self.folder = folder
         self.prefix = prefix
-        self.limits = limits
-        self.build_seconds = 900
+        self.limits = {}
+        self.build_seconds = 1800
 
     def run(self, command, seconds, cwd=None, env=None):
         """The exit status, or None for a command that did not end in time."""
@@ -225,6 +226,19 @@ class Worker:
         paths = [self.folder / "x64/bin/keldaksp.dll"] + [self.program(w, n) for w, n in self.suites()]
         return {path: path.stat().st_mtime_ns for path in paths}
 
+    def prove_unchanged(self):
+        """Builds and tests the sources as they are, and takes the time of it; what is wrong with them, if anything is."""
+        if not self.build():
+            return (self.folder / "output.log").read_text()[-3000:]
+        for what, name in self.suites():
+            begun = time.monotonic()
+            noticed = self.test(what, name)
+            if noticed:
+                output = (self.folder / "output.log").read_bytes().decode("utf-8", "replace")[-3000:]
+                return f"{output}\nThe unchanged sources fail: {noticed}"
+            self.limits[name] = 30 + 5 * (time.monotonic() - begun)
+        return None
+
     def judge(self, mutant):
         """"does not compile", "survived", or what noticed it."""
         path = self.tree / mutant.file
@@ -266,7 +280,7 @@ def main():
     workers = []
     for text in options.worker:
         folder, prefix = text.split("=")
-        workers.append(Worker(pathlib.Path(folder), dict(os.environ, WINEPREFIX=prefix), {}))
+        workers.append(Worker(pathlib.Path(folder), dict(os.environ, WINEPREFIX=prefix)))
     order = choose(workers[0].tree, options.seed)
     numbers = {int(n) for n in options.numbers.split(",") if n}
     if options.list:
@@ -275,18 +289,11 @@ def main():
         return 0
 
     print("Building and testing the unchanged sources", flush=True)
-    for worker in workers:
-        if not worker.build():
-            print((worker.folder / "output.log").read_text()[-3000:])
-            return 1
-        for what, name in worker.suites():
-            begun = time.monotonic()
-            noticed = worker.test(what, name)
-            if noticed:
-                print((worker.folder / "output.log").read_bytes().decode("utf-8", "replace")[-3000:])
-                print(f"The unchanged sources fail: {noticed}")
-                return 1
-            worker.limits[name] = 30 + 5 * (time.monotonic() - begun)
+    with concurrent.futures.ThreadPoolExecutor(len(workers)) as pool:
+        complaints = [complaint for complaint in pool.map(Worker.prove_unchanged, workers) if complaint]
+    if complaints:
+        print("\n".join(complaints))
+        return 1
 
     lock = threading.Lock()
     verdicts = []
