@@ -9,6 +9,7 @@ import pathlib
 import queue
 import random
 import re
+import signal
 import subprocess
 import sys
 import threading
@@ -170,18 +171,26 @@ class Worker:
         self.prefix = prefix
         self.limits = {}
         self.build_seconds = 1800
+        self.process = None
 
     def run(self, command, seconds, cwd=None, env=None):
         """The exit status, or None for a command that did not end in time."""
         with open(self.folder / "output.log", "wb") as log:
-            process = subprocess.Popen(command, stdout=log, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL,
-                                       cwd=cwd, env=env, start_new_session=True)
+            self.process = subprocess.Popen(command, stdout=log, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL,
+                                            cwd=cwd, env=env, start_new_session=True)
             try:
-                return process.wait(seconds)
+                return self.process.wait(seconds)
             except subprocess.TimeoutExpired:
-                subprocess.run(["pkill", "-KILL", "-s", str(process.pid)], check=False)
-                process.wait()
+                self.stop()
                 return None
+            finally:
+                self.process = None
+
+    def stop(self):
+        """Ends the command that runs, and what it started."""
+        process = self.process
+        if process:
+            subprocess.run(["pkill", "-KILL", "-s", str(process.pid)], check=False)
 
     def build(self):
         for what, targets in (("native", ["unit_tests", "fuzz_replay_tests"]), ("x64", ["keldaksp"] + self.X64)):
@@ -281,6 +290,14 @@ def main():
     for text in options.worker:
         folder, prefix = text.split("=")
         workers.append(Worker(pathlib.Path(folder), dict(os.environ, WINEPREFIX=prefix)))
+
+    def stop(*_):
+        for worker in workers:
+            worker.stop()
+        os._exit(130)  # pylint: disable=protected-access
+
+    signal.signal(signal.SIGTERM, stop)
+    signal.signal(signal.SIGINT, stop)
     order = choose(workers[0].tree, options.seed)
     numbers = {int(n) for n in options.numbers.split(",") if n}
     if options.list:

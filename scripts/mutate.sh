@@ -38,4 +38,7 @@ done
 
 step "Mutants"
 python3 "$ROOT/scripts/mutants.py" --count "$count" --seed "$seed" --numbers "$numbers" \
-  --report "$BUILD/mutation/report-$seed.txt" "${workers[@]}"
+  --report "$BUILD/mutation/report-$seed.txt" "${workers[@]}" &
+runner=$!
+trap 'kill "$runner"; wait "$runner"; exit 130' INT TERM
+wait "$runner"
