@@ -321,6 +321,18 @@ TEST_F(LogFormTest, NumbersHaveEightUpperCaseDigits) {
   EXPECT_EQ(lines[4].text, "dwFlags         : 0x00ABCDEF");
 }
 
+// A line with a value needs memory; without it the line is missing, and nobody is told.
+TEST_F(LogFormTest, WithoutMemoryLinesWithAValueAreMissing) {
+  kit::FunctionTable* table = nullptr;
+  {
+    kit::MemoryWatch watch;
+    watch.FailWhen([](std::size_t, std::size_t) { return true; });
+    EXPECT_EQ(Provider::Get().GetKeyStorageInterface(kit::kProviderName, &table, 0), 0);
+  }
+  EXPECT_EQ(table, Provider::Get().table);
+  ExpectLines({kit::kBanner, "GetKeyStorageInterface - Entry", kRetrieved, kit::kClosingBanner});
+}
+
 TEST_F(LogFormTest, BytesAreCutAt500WithoutAMark) {
   AddReader();
   token().AddKeyPair(fake::Ascii("K"), "", 4096);

@@ -1,6 +1,7 @@
 // The DLL's exports and imports, its function table and the bits of its file header.
 #include <algorithm>
 #include <cstring>
+#include <cwchar>
 #include <set>
 #include <string>
 
@@ -82,6 +83,15 @@ TEST_F(FunctionTableTest, VersionResourceSays4201) {
   EXPECT_EQ(info.dwFileVersionLS, 0x00000001u);
   EXPECT_EQ(info.dwProductVersionMS, 0x00040002u);
   EXPECT_EQ(info.dwProductVersionLS, 0x00000001u);
+  const std::wstring texts(reinterpret_cast<const wchar_t*>(bytes), SizeofResource(module, resource) / sizeof(wchar_t));
+  const std::wstring zero(1, L'\0');
+  for (const wchar_t* name : {L"FileVersion", L"ProductVersion"}) {
+    const std::size_t place = texts.find(name);
+    ASSERT_NE(place, std::wstring::npos);
+    // The value follows its name and perhaps a character of padding.
+    const std::size_t value = texts.find_first_not_of(L'\0', place + std::wcslen(name));
+    EXPECT_EQ(texts.substr(value, 8), L"4.2.0.1" + zero);
+  }
 }
 
 TEST_F(FunctionTableTest, ImportsWindowsOwnDllsOnly) {

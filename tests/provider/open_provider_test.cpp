@@ -435,8 +435,7 @@ TEST_F(OpenProviderTest, AnyAllocationMayFail) {
     if (status == 0) {
       Close();
     } else {
-      EXPECT_TRUE(status == NTE_NO_MEMORY || status == NTE_INTERNAL_ERROR) << std::hex << status;
-      EXPECT_EQ(handle_, 0u);
+      EXPECT_EQ(status, NTE_NO_MEMORY) << "allocation " << nth;
     }
     if (!reached) break;
     ASSERT_LT(nth, 199u);
