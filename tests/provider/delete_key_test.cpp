@@ -38,6 +38,9 @@ TEST_F(DeleteKeyTest, DestroysThePrivateObjectAndThenThePublicOne) {
   ExpectCalls({"C_DestroyObject(session=0x51, object=0x102)", "C_DestroyObject(session=0x51, object=0x101)"});
   EXPECT_EQ(token().ObjectCount(), 0u);
   EXPECT_EQ(record.pszKeyName, nullptr);
+  EXPECT_EQ(record.cbKeyName, 0u);
+  EXPECT_EQ(record.hPrivateKeyObject, 0x102u) << "the objects that are gone are still named";
+  EXPECT_EQ(record.hPublicKeyObject, 0x101u);
   EXPECT_EQ(record.dwMagic, kit::kKeyMagic);
   EXPECT_EQ(kit::Registry::Get().TakeReads(), std::vector<std::wstring>{});
 }
