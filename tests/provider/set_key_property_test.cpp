@@ -3,6 +3,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "kit/certificate.h"
 #include "provider/key_fixture.h"
@@ -555,6 +556,27 @@ TEST_F(KeyCertificateTest, LabelIsTheSimpleDisplayName) {
     ExpectCalls(CreateCalls(certificate, one.label, "05"));
     token().ObjectAttributes(++object)[CKA_ID] = Ascii("not in the way of the next");
   }
+}
+
+TEST_F(KeyCertificateTest, LabelIsAskedForTwice) {
+  struct Asked {
+    DWORD type;
+    DWORD flags;
+    void* parameter;
+    bool toBuffer;
+    DWORD room;
+    bool operator==(const Asked&) const = default;
+  };
+  std::vector<Asked> asked;
+  const kit::Hook<"CertGetNameStringW", decltype(&CertGetNameStringW)> hook(
+      [&](auto original, PCCERT_CONTEXT context, DWORD type, DWORD flags, void* parameter, LPWSTR text, DWORD room) {
+        asked.push_back({type, flags, parameter, text != nullptr, room});
+        return original(context, type, flags, parameter, text, room);
+      });
+  EXPECT_EQ(SetCertificate(certificate_), 0);
+  // First for its length, then for its text: "Subject" and the terminator.
+  EXPECT_EQ(asked, (std::vector<Asked>{{CERT_NAME_SIMPLE_DISPLAY_TYPE, 0, nullptr, false, 0},
+                                       {CERT_NAME_SIMPLE_DISPLAY_TYPE, 0, nullptr, true, 8}}));
 }
 
 TEST_F(KeyCertificateTest, UnfinishedKey) {
