@@ -396,6 +396,20 @@ TEST_F(CreateKeyTest, KeyThatDoesNotTellItsValuesIsAFailure) {
   }
 }
 
+TEST_F(CreateKeyTest, ValuesThatThereIsNoRoomForAreAFailure) {
+  const fake::KeyPair pair = token().AddKeyPair(Ascii("id"), "Key1", 1024);
+  token().ObjectAttributes(pair.publicKey)[CKA_MODULUS_BITS] = Bytes(555, 1);
+  token().ObjectAttributes(pair.publicKey)[CKA_PUBLIC_EXPONENT] = Bytes(777, 1);
+  for (const std::size_t refused : {std::size_t{128}, std::size_t{555}, std::size_t{777}}) {
+    kit::MemoryWatch watch;
+    watch.FailWhen([&](std::size_t size, std::size_t) { return size == refused; });
+    EXPECT_EQ(CreateKey(L"Key1"), NTE_INTERNAL_ERROR) << refused;
+    EXPECT_EQ(token().Count("C_GetAttributeValue"), 1u) << "the lengths only";
+    EXPECT_TRUE(watch.Live().empty());
+    Forget();
+  }
+}
+
 TEST_F(CreateKeyTest, LookupWipesWhatItReads) {
   token().AddKeyPair(Ascii("id"), "Key1", 1024);
   const kit::MemoryWatch watch;

@@ -131,6 +131,14 @@ TEST_F(SetKeyPropertyTest, LengthIsReadByteByByteWhereverItLies) {
   EXPECT_EQ(record().dwKeyBitLength, 1536u);
 }
 
+TEST_F(SetKeyPropertyTest, KeyUsageLeavesItsNeighbourInTheRecord) {
+  BYTE input[5] = {0x01, 0x00, 0x00, 0x00, 0xFF};
+  kit::KeyRecord expected = record();
+  expected.dwKeyUsagePolicy = 1;
+  EXPECT_EQ(SetRaw(L"Key Usage", input, 4), 0);
+  EXPECT_EQ(std::memcmp(&expected, &record(), sizeof expected), 0);
+}
+
 TEST_F(SetKeyPropertyTest, LengthOfAFinishedKeyStays) {
   token().AddKeyPair(Ascii("Key1"), "", 1024);
   key_ = Open(L"Key1");
@@ -630,6 +638,14 @@ TEST_F(KeyCertificateTest, EveryTokenCallOfTheLookupCanFail) {
 TEST_F(KeyCertificateTest, KeyWithoutAnIdentifierCannotBeLookedUp) {
   token().ObjectAttributes(pair_.privateKey).erase(CKA_ID);
   EXPECT_EQ(SetCertificate(certificate_), NTE_INTERNAL_ERROR);
+}
+
+TEST_F(KeyCertificateTest, IdentifierThatThereIsNoRoomForCannotBeReadEither) {
+  token().ObjectAttributes(pair_.privateKey)[CKA_ID] = Bytes(777, 'i');
+  kit::MemoryWatch watch;
+  watch.FailWhen([](std::size_t size, std::size_t) { return size == 777; });
+  EXPECT_EQ(SetCertificate(certificate_), NTE_INTERNAL_ERROR);
+  ExpectCalls({"C_GetAttributeValue(session=0x51, object=0x102, {CKA_ID[NULL,0]})"});
 }
 
 TEST_F(KeyCertificateTest, LookupDoesNotMindTheSecondReadNorTheEndOfTheSearch) {

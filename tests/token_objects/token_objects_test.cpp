@@ -974,6 +974,22 @@ TEST_F(RsaPairTest, LookupKeepsWhatItRead) {
   EXPECT_EQ(call.templates[1][7].value, fake::Bool(true)) << "whether it decrypts";
 }
 
+TEST_F(RsaPairTest, LookupTakesFourBytesOfModulusBitsAtMost) {
+  const fake::KeyPair keys = token().AddKeyPair(Ascii("id"), "a", 1024);
+  const struct {
+    Bytes told;
+    CK_ULONG bits;
+  } cases[] = {{{0x00, 0x04}, 1024}, {Bytes(64, 0x02), 0x02020202}, {{}, 0}};
+  for (const auto& one : cases) {
+    token().ObjectAttributes(keys.publicKey)[CKA_MODULUS_BITS] = one.told;
+    RSAPair pair;
+    pair.Reset();
+    EXPECT_EQ(Bind(pair).FindByLabel(L"a"), NTE_EXISTS);
+    pair.Generate("b");
+    EXPECT_EQ(token().Calls().back().templates[0][7].value, fake::Ulong(one.bits));
+  }
+}
+
 TEST_F(RsaPairTest, LookupReplacesAnEarlierModulusWiped) {
   token().AddKeyPair(Ascii("id"), "a", 1024);
   FreedWatch watch;
