@@ -451,6 +451,13 @@ TEST_F(CreateKeyTest, TokenObjectOfTheLookupHasALogOfItsOwn) {
   EXPECT_EQ(kit::Log::Get().TakeWideLines(), std::vector<std::wstring>{});
 }
 
+TEST_F(CreateKeyTest, LogOfATokenObjectHasNoStartLine) {
+  const int before = kit::Log::Get().InstancesConstructed();
+  EXPECT_EQ(CreateKey(L"Key1"), 0);
+  EXPECT_EQ(kit::Log::Get().InstancesConstructed(), before + 1);
+  EXPECT_EQ(kit::Log::Get().FileText(before + 1), "") << "and no line of any other kind";
+}
+
 TEST_F(CreateKeyTest, AlgorithmThatDoesNotOpen) {
   ksp().FreeProvider(provider_);
   // A fresh load has no algorithm handle yet.
