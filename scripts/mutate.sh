@@ -23,7 +23,8 @@ for ((worker = 1; worker <= jobs; worker++)); do
   folder=$BUILD/mutation/$worker
   rm -rf "$folder/tree"
   mkdir -p "$folder/tree"
-  git -C "$ROOT" archive HEAD | tar -x -C "$folder/tree"
+  # All files are new (tar -m): what an earlier run built of other sources is built again.
+  git -C "$ROOT" archive HEAD | tar -xm -C "$folder/tree"
   for what in native x64; do
     # Each file is compiled once for each mutant, so that optimizing costs more than it brings.
     cmake -S "$folder/tree" --preset "$what" -B "$folder/$what" -DCMAKE_CXX_FLAGS_RELEASE=-O0 \
