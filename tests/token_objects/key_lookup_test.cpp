@@ -1,9 +1,9 @@
 // The statuses of the key object list, which the entry that looks a key up does not hand on.
 #include <cstdlib>
 
-#include "kit/provider.h"
 #include "support/allocator.h"
 #include "token/key_object_list.h"
+#include "token_objects/token_fixture.h"
 
 // The provider's allocator keeps a reserve for its exceptions; here the runtime library's will do.
 void* AllocateBlock(std::size_t size) noexcept {
@@ -14,19 +14,11 @@ namespace {
 
 using fake::Ascii;
 
-class KeyLookupTest : public ::testing::Test {
+class KeyLookupTest : public TokenTest {
  protected:
   void SetUp() override {
-    static const CryptokiModule* const loaded = [] {
-      kit::LoadTokenModule(kit::TokenModule::Working);
-      return new CryptokiModule();
-    }();
-    module_ = loaded;
-    fake::Token().Reset();
-    fake::Token().AddSlot("Reader 0");
-    ASSERT_EQ(module_->Functions().C_OpenSession(11, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr,
-                                                 &provider_.hSession),
-              CKR_OK);
+    ASSERT_NO_FATAL_FAILURE(TokenTest::SetUp());
+    provider_.hSession = kSession;
   }
   void TearDown() override {
     ReleaseKeyObjectList(&provider_);
@@ -38,7 +30,6 @@ class KeyLookupTest : public ::testing::Test {
     return FindKELDKSPKeyfromObjectList(&provider_, module_, name, &key_);
   }
 
-  const CryptokiModule* module_ = nullptr;
   KELDAKSP_PROVIDER provider_ = {};
   KELDAKSP_KEY key_ = {};
 };

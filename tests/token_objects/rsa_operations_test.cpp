@@ -2,38 +2,20 @@
 #include <functional>
 #include <vector>
 
-#include "kit/provider.h"
 #include "token/rsa_pair.h"
+#include "token_objects/token_fixture.h"
 
 namespace {
 
 using fake::Ascii;
 using fake::Bytes;
 
-class RsaOperationsTest : public ::testing::Test {
+class RsaOperationsTest : public TokenTest {
  protected:
-  static constexpr CK_SESSION_HANDLE kSession = 0x51;
-
   void SetUp() override {
-    static const CryptokiModule* const loaded = [] {
-      kit::LoadTokenModule(kit::TokenModule::Working);
-      return new CryptokiModule();
-    }();
-    module_ = loaded;
-    token().Reset();
-    token().AddSlot("Reader 0");
-    CK_SESSION_HANDLE session = 0;
-    ASSERT_EQ(module_->Functions().C_OpenSession(11, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session),
-              CKR_OK);
-    ASSERT_EQ(session, kSession);
-    token().ClearCalls();
+    ASSERT_NO_FATAL_FAILURE(TokenTest::SetUp());
     keys_ = token().AddKeyPair(Ascii("id"), "a", 1024);
     token().SlotAt(0).loggedIn = true;
-  }
-  static fake::Module& token() { return fake::Token(); }
-  void Bind(RSAPair& pair) const {
-    pair.SetSession(kSession);
-    pair.SetModule(module_);
   }
   // All that an operation needs, but for the key.
   struct Call {
@@ -63,7 +45,6 @@ class RsaOperationsTest : public ::testing::Test {
              }}};
   }
 
-  const CryptokiModule* module_ = nullptr;
   fake::KeyPair keys_;
   Bytes input_ = Bytes(128, 0x10);
   unsigned char output_[128] = {};

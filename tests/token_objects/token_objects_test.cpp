@@ -19,6 +19,7 @@
 #include "token/private_key.h"
 #include "token/public_key.h"
 #include "token/rsa_pair.h"
+#include "token_objects/token_fixture.h"
 
 // The process-wide objects that the classes write to.
 LogPointer g_KeyNameLog;
@@ -81,7 +82,6 @@ using fake::Ascii;
 using fake::Bytes;
 using fake::HexOf;
 
-constexpr CK_SESSION_HANDLE kSession = 0x51;
 constexpr CK_RV kArgumentsBad = 7;
 constexpr CK_RV kIncomplete = 208;
 constexpr CK_RV kNeverCreates = 400;
@@ -122,29 +122,8 @@ class FreedWatch {
   Notes notes_;
 };
 
-class TokenObjectsTest : public ::testing::Test {
+class TokenObjectsTest : public TokenTest {
  protected:
-  void SetUp() override {
-    static const CryptokiModule* const loaded = [] {
-      kit::LoadTokenModule(kit::TokenModule::Working);
-      return new CryptokiModule();
-    }();
-    module_ = loaded;
-    token().Reset();
-    token().AddSlot("Reader 0");
-    CK_SESSION_HANDLE session = 0;
-    ASSERT_EQ(module_->Functions().C_OpenSession(11, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session),
-              CKR_OK);
-    ASSERT_EQ(session, kSession);
-    token().ClearCalls();
-  }
-  fake::Module& token() const { return fake::Token(); }
-  template <typename Object>
-  Object& Bind(Object& object) const {
-    object.SetSession(kSession);
-    object.SetModule(module_);
-    return object;
-  }
   void ExpectCalls(const std::vector<std::string>& expected) { KIT_EXPECT_CALLS(expected); }
   static Bytes Counting(std::size_t size, unsigned char first) {
     Bytes bytes(size);
@@ -154,7 +133,6 @@ class TokenObjectsTest : public ::testing::Test {
   }
   static CK_ULONG Size(const Bytes& bytes) { return static_cast<CK_ULONG>(bytes.size()); }
 
-  const CryptokiModule* module_ = nullptr;
   const Bytes exponent_{0x01, 0x00, 0x01, 0x09};
   const Bytes id_ = Counting(64, 0x80);
 };
