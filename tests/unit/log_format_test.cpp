@@ -104,6 +104,13 @@ TEST(StartLine, ATextLongerThanAnyTimeIsCutAndTerminated) {
   EXPECT_EQ(std::strlen(text), logformat::kStartLineSize - 1);
 }
 
+TEST(Sizes, HoldTheLongestNumbersAndTheLogsOwnBuffer) {
+  EXPECT_EQ(logformat::kHex32Size, sizeof("0x00000000"));
+  EXPECT_EQ(logformat::kDecimalSize, sizeof("-2147483648"));
+  EXPECT_EQ(logformat::kStartLineSize, 128u);
+  EXPECT_EQ(logformat::kMaxDumpedBytes, 500u);
+}
+
 TEST(Banner, SixtySixEqualsSigns) {
   EXPECT_EQ(std::string(logformat::kBanner), std::string(66, '='));
   EXPECT_EQ(std::string(logformat::kClosingBanner), std::string(66, '=') + "\n\n");
