@@ -271,9 +271,26 @@ class Worker:
                 raise RuntimeError("the unchanged source does not build any more")
 
 
+def change_of(mutant):
+    def clean(text):
+        return re.sub(r"\s*\n\s*", " / ", text.strip()) or "(nothing)"
+
+    return f"{clean(mutant.before)} -> {clean(mutant.after)}"
+
+
 def shown(mutant):
-    clean = lambda text: re.sub(r"\s*\n\s*", " / ", text.strip()) or "(nothing)"
-    return f"{mutant.number:4} {mutant.file}:{mutant.line} {mutant.kind}: {clean(mutant.before)} -> {clean(mutant.after)}"
+    return f"{mutant.number:4} {mutant.file}:{mutant.line} {mutant.kind}: {change_of(mutant)}"
+
+
+def harmless(document):
+    """The rows of the document's tables that name a file, a line's code and a change of it, each in backticks: changes
+    that have been looked at and that no caller, log or token can tell from the original."""
+    rows = set()
+    for row in document.read_text(encoding="utf-8").splitlines():
+        quoted = re.findall(r"`([^`]+)`", row)
+        if row.startswith("| `src/") and len(quoted) == 3:
+            rows.add(tuple(text.replace("\\|", "|") for text in quoted))
+    return rows
 
 
 def main():
@@ -282,6 +299,7 @@ def main():
     parser.add_argument("--seed", type=int, required=True)
     parser.add_argument("--numbers", default="", help="only these mutants of the seed, separated by commas")
     parser.add_argument("--report", type=pathlib.Path, required=True)
+    parser.add_argument("--document", type=pathlib.Path, required=True, help="explains changes that change nothing")
     parser.add_argument("--worker", action="append", required=True, help="FOLDER=WINEPREFIX")
     parser.add_argument("--list", action="store_true", help="only show what would be changed")
     options = parser.parse_args()
@@ -351,14 +369,23 @@ def main():
         raise errors.get()
 
     verdicts.sort(key=lambda pair: pair[0].number)
-    counted = [(m, v) for m, v in verdicts if v != "does not compile"]
+    known = harmless(options.document)
+    tree = workers[0].tree
+
+    def is_harmless(mutant):
+        line = (tree / mutant.file).read_text().split("\n")[mutant.line - 1].strip()
+        return (str(mutant.file), line, change_of(mutant)) in known
+
+    verdicts = [(m, "changes nothing" if v == "survived" and is_harmless(m) else v) for m, v in verdicts]
+    counted = [(m, v) for m, v in verdicts if v not in ("does not compile", "changes nothing")]
     survivors = [(m, v) for m, v in counted if v == "survived"]
     minutes = (time.monotonic() - begun) / 60
+    noticed = len(counted) - len(survivors)
     summary = [
         f"seed {options.seed}: {len(counted)} mutants of {len({m.file for m, _ in counted})} files in {minutes:.0f} min, "
-        f"{len(counted) - len(survivors)} noticed, {len(survivors)} survived "
-        f"({100 * (len(counted) - len(survivors)) / max(1, len(counted)):.1f} % noticed); "
-        f"{len(verdicts) - len(counted)} more did not compile"
+        f"{noticed} noticed, {len(survivors)} survived ({100 * noticed / max(1, len(counted)):.1f} % noticed)",
+        f"  besides: {sum(1 for _, v in verdicts if v == 'changes nothing')} that change nothing "
+        f"({options.document.name} says why), {sum(1 for _, v in verdicts if v == 'does not compile')} that do not compile",
     ]
     for kind, count in sorted(collections.Counter(m.kind for m, _ in counted).items()):
         summary.append(f"  {kind}: {count}, survived {sum(1 for m, _ in survivors if m.kind == kind)}")

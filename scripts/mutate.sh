@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# mutate.sh [COUNT [SEED [NUMBER,NUMBER...]]]: makes COUNT small changes (150 unless given) of the product's sources, one at a
-# time, at places chosen by SEED (1 unless given) over all files of src/: a flipped comparison, another constant or
+# mutate.sh [COUNT [SEED [NUMBER,NUMBER...]]]: makes COUNT small changes (150 unless given) of the product's sources, one
+# at a time, at places chosen by SEED (1 unless given) over all files of src/: a flipped comparison, another constant or
 # message, a dropped line, two checks swapped. Each is built, and the native and x64 tests run until one fails. Reports
-# the changes that no test noticed; with NUMBERs only those changes of the seed are tried. One copy of the committed
-# tree for each core; about an hour for 100 changes on two cores.
+# the changes that no test noticed, but for those that docs/testing.md explains. With NUMBERs only those changes of the
+# seed are tried. One copy of the committed tree for each core; about half an hour for 100 changes on two cores.
 # shellcheck source=scripts/lib.sh
 source "$(dirname "$0")/lib.sh"
 
@@ -39,7 +39,7 @@ done
 
 step "Mutants"
 python3 "$ROOT/scripts/mutants.py" --count "$count" --seed "$seed" --numbers "$numbers" \
-  --report "$BUILD/mutation/report-$seed.txt" "${workers[@]}" &
+  --document "$ROOT/docs/testing.md" --report "$BUILD/mutation/report-$seed.txt" "${workers[@]}" &
 runner=$!
 trap 'kill "$runner"; wait "$runner"; exit 130' INT TERM
 wait "$runner"
