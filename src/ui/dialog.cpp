@@ -86,8 +86,7 @@ INT_PTR CDialog::OnMessage(UINT message, WPARAM wParam, LPARAM lParam) {
     }
     case WM_CTLCOLORSTATIC:
       return reinterpret_cast<INT_PTR>(OnCtlColor(reinterpret_cast<HDC>(wParam), reinterpret_cast<HWND>(lParam)));
-    case WM_NCDESTROY:
-      SetWindowLongPtrW(handle_, DWLP_USER, 0);
+    case WM_NCDESTROY:  // the last message of a window
       handle_ = nullptr;
       return FALSE;
     default:

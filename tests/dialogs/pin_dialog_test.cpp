@@ -932,16 +932,19 @@ TEST_F(PinDialogTest, TheKeyboardWorksTheButtons) {
 
 // The length is asked for before the text is; a text that then turns out to be shorter is not read beyond its end.
 TEST_F(PinDialogTest, ATextThatDoesNotComeWholeEmptiesTheField) {
+  FieldWatch field;
   ExpectPin(
       L"12",
-      [](Dialog& dialog) {
+      [&field](Dialog& dialog) {
         int asked = 0;
+        field.Take();
         {
           Hook<"GetWindowTextLengthW", decltype(&GetWindowTextLengthW)> lengths(
               [&](auto original, HWND window) -> int { return ++asked == 2 ? 0 : original(window); });
           dialog.Type(kPinField, L"3");
         }
         EXPECT_GE(asked, 2);
+        EXPECT_EQ(field.Take(), (std::vector<std::string>{"text ", "no undo"}));
         EXPECT_EQ(dialog.text(kPinField), L"");
         dialog.Type(kPinField, L"4567");
       },

@@ -193,8 +193,14 @@ struct Probe : CryptokiObject {
   using CryptokiObject::token_;
 };
 
-TEST_F(TokenObjectsTest, NewObjectIsNowhere) {
+TEST_F(TokenObjectsTest, NewObjectIsNowhereAndNothing) {
   Probe object;
+  EXPECT_EQ(object.GetClass(), 0u);
+  EXPECT_FALSE(object.IsModifiable());
+  EXPECT_FALSE(object.IsPrivate());
+  EXPECT_FALSE(object.IsToken());
+  EXPECT_FALSE(object.IsExtractable());
+  EXPECT_FALSE(object.IsSensitive());
   EXPECT_EQ(object.GetObjectHandle(), 0u);
   EXPECT_EQ(object.GetSessionHandle(), 0u);
   EXPECT_EQ(object.GetModule(), nullptr);
