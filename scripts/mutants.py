@@ -63,7 +63,8 @@ NOT_DROPPED = re.compile(r"^\s*(return|using|typedef|static_assert|friend|extern
 # What only declares a name: without it nothing compiles.
 DECLARATION = re.compile(r"^\s+(?:[A-Za-z_][\w:<>,*&()]*[ *&]+)+~?\w+(?: = .*|\{.*\}|\(.*\).*|\[.*)?;$|^  [A-Z]\w*\(.*\)[^.]*;$")
 CHECK = re.compile(r"^\s+if \(.*\) return\b.*;$")
-CALL = re.compile(r"^\s+[\w.>:-]+\(.*\);$")
+# Lines of the log, whose order is part of what the provider does.
+LOGGED = re.compile(r"^\s+\S*(?:Write\w*|Argument)\(.*\);$")
 
 
 def complete(line):
@@ -124,7 +125,7 @@ def candidates(path, text):
         if whole and complete(after) and line != after:
             indent = len(line) - len(line.lstrip())
             if indent == len(after) - len(after.lstrip()):
-                if (CHECK.match(line) and CHECK.match(after)) or (CALL.match(line) and CALL.match(after)):
+                if (CHECK.match(line) and CHECK.match(after)) or (LOGGED.match(line) and LOGGED.match(after)):
                     add("swapped", offset, end + 1 + len(after), after + "\n" + line)
         offset = end + 1
     return found

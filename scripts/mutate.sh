@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # mutate.sh [COUNT [SEED [NUMBER,NUMBER...]]]: makes COUNT small changes (150 unless given) of the product's sources, one
 # at a time, at places chosen by SEED (1 unless given) over all files of src/: a flipped comparison, another constant or
-# message, a dropped line, two checks swapped. Each is built, and the native and x64 tests run until one fails. Reports
-# the changes that no test noticed, but for those that docs/testing.md explains. With NUMBERs only those changes of the
-# seed are tried. One copy of the committed tree for each core; about half an hour for 100 changes on two cores.
+# message, a dropped line, two checks or two lines of the log swapped. Each is built, and the native and x64 tests run
+# until one fails. Reports the changes that no test noticed, but for those that docs/testing.md explains. With NUMBERs
+# only those changes of the seed are tried. One copy of the committed tree for each core; about half an hour for 100
+# changes on two cores.
 # shellcheck source=scripts/lib.sh
 source "$(dirname "$0")/lib.sh"
 

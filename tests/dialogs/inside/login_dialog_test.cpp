@@ -198,11 +198,12 @@ TEST_F(LoginDialogTest, StoringNamesWhatIsMissing) {
     EXPECT_EQ(dialog.StorePinToCache(pin, length), status);
     EXPECT_EQ(TakeLines(), (std::vector<std::string>{"Checking PIN cache setting", "Storing PIN to PIN cache", line}));
   };
-  expect(NTE_INTERNAL_ERROR, Bytes("1"), 1, "NTE_INTERNAL_ERROR - pin cache is not set");
+  // In this order: all that follows is missing, too.
+  expect(NTE_INTERNAL_ERROR, nullptr, 0, "NTE_INTERNAL_ERROR - pin cache is not set");
   dialog.SetPinManager(g_PinManager);
-  expect(NTE_INTERNAL_ERROR, Bytes("1"), 1, "NTE_INTERNAL_ERROR - slot serial number is not set");
+  expect(NTE_INTERNAL_ERROR, nullptr, 0, "NTE_INTERNAL_ERROR - slot serial number is not set");
   dialog.SetSerialNumber(kSerial);
-  expect(NTE_INVALID_PARAMETER, nullptr, 1, "NTE_INVALID_PARAMETER - PIN is NULL");
+  expect(NTE_INVALID_PARAMETER, nullptr, 0, "NTE_INVALID_PARAMETER - PIN is NULL");
   expect(NTE_INVALID_PARAMETER, Bytes("1"), 0, "NTE_INVALID_PARAMETER - PIN length is zero");
   EXPECT_EQ(dialog.StorePinToCache(Bytes("1"), 1), 0);
 }
