@@ -17,19 +17,7 @@
 #include <new>
 
 #include "support/limits.h"
-
-// The linker's names: __wrap_x is what calls of x reach, __real_x is the platform's x.
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
-extern "C" {
-void* __real_malloc(std::size_t size);
-void* __real_calloc(std::size_t count, std::size_t size);
-void* __real_realloc(void* block, std::size_t size);
-void __real_free(void* block);
-void* __wrap_malloc(std::size_t size);
-void* __wrap_calloc(std::size_t count, std::size_t size);
-void* __wrap_realloc(void* block, std::size_t size);
-void __wrap_free(void* block);
-}
+#include "support/wrapped_malloc.h"
 
 namespace {
 
@@ -80,6 +68,7 @@ void* AllocateOrThrow(std::size_t size) {
 
 }  // namespace
 
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 void* __wrap_malloc(std::size_t size) {
   void* block = __real_malloc(size);
   return block != nullptr ? block : g_Reserve.Take(size);

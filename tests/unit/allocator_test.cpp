@@ -13,17 +13,11 @@
 #include <gtest/gtest.h>
 
 #include "support/limits.h"
+#include "support/wrapped_malloc.h"
 
-extern "C" {
-void* __real_malloc(std::size_t size);
-void* __real_calloc(std::size_t count, std::size_t size);
-void* __real_realloc(void* block, std::size_t size);
-void __real_free(void* block);
-void* __wrap_malloc(std::size_t size);
-void* __wrap_calloc(std::size_t count, std::size_t size);
-void* __wrap_realloc(void* block, std::size_t size);
-void __wrap_free(void* block);
-}
+// Clang knows the sized ones only when told to.
+void operator delete(void* block, std::size_t size) noexcept;
+void operator delete[](void* block, std::size_t size) noexcept;
 
 namespace {
 
