@@ -1,6 +1,6 @@
 """coverage.py COUNTS ROOT LINES DOCUMENT: reads the counts that gcovr added up, writes the lines that were not reached to
-LINES and says which of them DOCUMENT does not explain. An explained line stands in DOCUMENT as a table row that holds
-`file` and, also in backticks, the line's code."""
+LINES and says which of them DOCUMENT does not explain. An explained line stands in DOCUMENT, below the heading "Is every
+line run?", as a table row that holds `file` and, also in backticks, the line's code."""
 
 import json
 import pathlib
@@ -11,7 +11,7 @@ import sys
 def explained(document):
     """The pairs of file and code in the rows of the document's tables."""
     pairs = set()
-    for row in document.splitlines():
+    for row in document.partition("\n## Is every line run?\n")[2].partition("\n## ")[0].splitlines():
         quoted = re.findall(r"`([^`]+)`", row)
         if row.startswith("|") and len(quoted) >= 2:
             pairs.update((quoted[0], code.replace("\\|", "|")) for code in quoted[1:])

@@ -284,10 +284,11 @@ def shown(mutant):
 
 
 def harmless(document):
-    """The rows of the document's tables that name a file, a line's code and a change of it, each in backticks: changes
-    that have been looked at and that no caller, log or token can tell from the original."""
+    """The rows below the document's heading "Does a test notice a change?" that name a file, a line's code and a change
+    of it, each in backticks: changes that were looked at and that no caller, log or token can tell from the original."""
     rows = set()
-    for row in document.read_text(encoding="utf-8").splitlines():
+    text = document.read_text(encoding="utf-8").partition("\n## Does a test notice a change?\n")[2]
+    for row in text.partition("\n## ")[0].splitlines():
         quoted = re.findall(r"`([^`]+)`", row)
         if row.startswith("| `src/") and len(quoted) == 3:
             rows.add(tuple(text.replace("\\|", "|") for text in quoted))
