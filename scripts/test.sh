@@ -27,11 +27,13 @@ failed=0
 failures=()
 limit=300 # seconds for one program
 started=$SECONDS
+check_pid=
 results=$BUILD/test-results
 
 finish() {
   local status=$?
   leave_nothing
+  [[ ! $check_pid ]] || kill "$check_pid" 2>/dev/null || true
   if ((status != 0)); then
     fail "the test run itself stopped early (status $status)"
   elif ((passed + failed == 0)); then
@@ -92,12 +94,22 @@ run_program() {
   fi
 }
 
-# run_script FILE: a script that reports "PASS: name" and "FAIL: name", a line each.
+# start_script FILE [COMMAND...]: starts FILE through COMMAND; its process is in started_pid.
+start_script() {
+  local file=$1
+  shift
+  "$@" timeout -k 30 $((3 * limit)) "$file" >"$results/$(basename "$file").log" 2>&1 </dev/null &
+  started_pid=$!
+}
+
+# run_script FILE [PID]: a script that reports "PASS: name" and "FAIL: name", a line each; one that start_script started
+# when there is a PID.
 run_script() {
   local file=$1 name log status=0 begun=$SECONDS good bad
   name=${file#"$ROOT/"}
   log=$results/$(basename "$file").log
-  timeout -k 30 $((3 * limit)) "$file" >"$log" 2>&1 </dev/null || status=$?
+  [[ ${2-} ]] || start_script "$file"
+  wait "${2-$started_pid}" || status=$?
   good=$(grep -c '^PASS: ' "$log" || true)
   bad=$(grep -c '^FAIL: ' "$log" || true)
   passed=$((passed + good))
@@ -147,6 +159,12 @@ done
 rm -rf "$results"
 mkdir -p "$results"
 
+# The checks need nothing but the builds, and the tests leave most of the machine idle.
+if [[ -v wanted[check] ]]; then
+  start_script "$ROOT/scripts/check.sh" nice
+  check_pid=$started_pid
+fi
+
 if [[ -v wanted[native] ]]; then
   step "Pure logic, natively under the sanitizers"
   run_programs native
@@ -170,7 +188,8 @@ if [[ -v wanted[e2e] ]]; then
   done
 fi
 
-if [[ -v wanted[check] && -x $ROOT/scripts/check.sh ]]; then
+if [[ -v wanted[check] ]]; then
   step "Checks of sources and products"
-  run_script "$ROOT/scripts/check.sh"
+  run_script "$ROOT/scripts/check.sh" "$check_pid"
+  check_pid=
 fi
