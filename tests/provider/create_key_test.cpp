@@ -545,6 +545,18 @@ TEST_F(CreateKeyTest, RecordOrNameThatCannotBeAllocated) {
   ExpectCalls({});
 }
 
+TEST_F(CreateKeyTest, LookupWithoutRoomForTheLabel) {
+  const std::string name(149, 'n');
+  kit::MemoryWatch watch;
+  watch.FailWhen([&](std::size_t size, std::size_t) { return size == name.size() + 1; });
+  EXPECT_EQ(CreateKey(std::wstring(name.begin(), name.end()).c_str()), NTE_NO_MEMORY);
+  watch.StopFailing();
+  EXPECT_EQ(key_, kUntouched);
+  ExpectLines(Lines("RSA", name, 0, 0, {"Validating key file existence", "Failed to validate key file existence"},
+                    NTE_NO_MEMORY));
+  ExpectCalls({});
+}
+
 TEST_F(CreateKeyTest, RefusedRecordsAreReleasedWithTheirNamesWiped) {
   const kit::MemoryWatch watch;
   token().FailAlways("C_FindObjectsInit", CKR_DEVICE_ERROR);
