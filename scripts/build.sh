@@ -19,7 +19,8 @@ read -r -a options <<<"${KELDA_CMAKE_OPTIONS-}"
 for what in "$@"; do
   step "Building $what"
   cmake -S "$ROOT" --preset "$what" -B "$BUILD/$what" \
-    -DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache "${options[@]+"${options[@]}"}" >"$BUILD/$what.configure.log" 2>&1 || {
+    -DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache \
+    "${options[@]+"${options[@]}"}" >"$BUILD/$what.configure.log" 2>&1 || {
     cat "$BUILD/$what.configure.log" >&2
     die "the $what build could not be configured"
   }

@@ -117,7 +117,7 @@ hardened() {
 
 # Neither product knows the folder it was built in, in narrow or in wide characters.
 no_build_path() {
-  python3 - "$BUILD/$1/bin/keldaksp.dll" "$BUILD/$1/bin/keldactl.exe" -- "$ROOT" "$BUILD" "${HOME:-/root}/" <<'PYTHON'
+  python3 - "$BUILD/$1/bin/keldaksp.dll" "$BUILD/$1/bin/keldactl.exe" -- "$ROOT/" "$BUILD/" <<'PYTHON'
 import sys
 mark = sys.argv.index("--")
 found = [f"{name} holds {path}" for name in sys.argv[1:mark] for path in sys.argv[mark + 1:]
