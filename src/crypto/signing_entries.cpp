@@ -3,11 +3,11 @@
 #include <memory>
 
 #include "keys/handle_checks.h"
-#include "keys/key_record.h"
+#include "keys/record/key_record.h"
 #include "login/login.h"
-#include "provider/entry_frame.h"
-#include "provider/key_storage_interface.h"
-#include "provider/provider_cache.h"
+#include "provider/entry/entry_frame.h"
+#include "provider/entry/key_storage_interface.h"
+#include "provider/entry/provider_cache.h"
 #include "token/cryptoki_module.h"
 #include "token/rsa_pair.h"
 

@@ -2,9 +2,9 @@
 #include <memory>
 
 #include "keys/handle_checks.h"
-#include "provider/entry_frame.h"
-#include "provider/key_storage_interface.h"
-#include "provider/provider_cache.h"
+#include "provider/entry/entry_frame.h"
+#include "provider/entry/key_storage_interface.h"
+#include "provider/entry/provider_cache.h"
 #include "token/cryptoki_module.h"
 #include "token/key_object_list.h"
 

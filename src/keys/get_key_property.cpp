@@ -2,10 +2,10 @@
 #include <cstring>
 
 #include "keys/handle_checks.h"
-#include "keys/key_record.h"
-#include "provider/entry_frame.h"
-#include "provider/key_storage_interface.h"
-#include "provider/provider_cache.h"
+#include "keys/record/key_record.h"
+#include "provider/entry/entry_frame.h"
+#include "provider/entry/key_storage_interface.h"
+#include "provider/entry/provider_cache.h"
 #include "support/text.h"
 
 namespace {

@@ -4,10 +4,10 @@
 #include <new>
 
 #include "keys/handle_checks.h"
-#include "keys/key_record.h"
-#include "provider/entry_frame.h"
-#include "provider/key_storage_interface.h"
-#include "provider/provider_cache.h"
+#include "keys/record/key_record.h"
+#include "provider/entry/entry_frame.h"
+#include "provider/entry/key_storage_interface.h"
+#include "provider/entry/provider_cache.h"
 #include "support/text.h"
 #include "support/wipe.h"
 #include "token/certificate.h"

@@ -7,11 +7,11 @@
 #include <new>
 
 #include "diag/debug_log.h"
-#include "login/pin_manager.h"
+#include "login/pin_cache/pin_manager.h"
 #include "support/text.h"
 #include "support/wipe.h"
 #include "token/cryptoki_module.h"
-#include "token/pkcs11.h"
+#include "support/pkcs11.h"
 #include "ui/login_dialog.h"
 
 namespace {

@@ -1,10 +1,10 @@
 // KELDAKSPFreeProvider: closes the session and releases the record.
 #include <cstdlib>
 
-#include "provider/entry_frame.h"
-#include "provider/key_storage_interface.h"
-#include "provider/provider_cache.h"
-#include "provider/provider_record.h"
+#include "provider/entry/entry_frame.h"
+#include "provider/entry/key_storage_interface.h"
+#include "provider/entry/provider_cache.h"
+#include "provider/record/provider_record.h"
 #include "support/wipe.h"
 #include "token/cryptoki_module.h"
 #include "token/key_object_list.h"

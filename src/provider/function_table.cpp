@@ -2,9 +2,9 @@
 #include <atomic>
 #include <cstdio>
 
-#include "provider/entry_frame.h"
-#include "provider/identity.h"
-#include "provider/key_storage_interface.h"
+#include "provider/entry/entry_frame.h"
+#include "provider/entry/identity.h"
+#include "provider/entry/key_storage_interface.h"
 #include "support/text.h"
 
 namespace {

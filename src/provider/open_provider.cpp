@@ -5,11 +5,11 @@
 #include <new>
 #include <stdexcept>
 
-#include "provider/entry_frame.h"
-#include "provider/identity.h"
-#include "provider/key_storage_interface.h"
-#include "provider/provider_cache.h"
-#include "provider/provider_record.h"
+#include "provider/entry/entry_frame.h"
+#include "provider/entry/identity.h"
+#include "provider/entry/key_storage_interface.h"
+#include "provider/entry/provider_cache.h"
+#include "provider/record/provider_record.h"
 #include "support/allocator.h"
 #include "support/bounded_copy.h"
 #include "support/text.h"

@@ -3,8 +3,8 @@
 #include <new>
 
 #include "diag/debug_log.h"
-#include "login/pin_manager.h"
-#include "provider/provider_cache.h"
+#include "login/pin_cache/pin_manager.h"
+#include "provider/entry/provider_cache.h"
 #include "token/cryptoki_module.h"
 
 HINSTANCE g_hModule = nullptr;

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cstring>
 
-#include "provider/entry_frame.h"
-#include "provider/key_storage_interface.h"
-#include "provider/provider_cache.h"
-#include "provider/provider_record.h"
+#include "provider/entry/entry_frame.h"
+#include "provider/entry/key_storage_interface.h"
+#include "provider/entry/provider_cache.h"
+#include "provider/record/provider_record.h"
 #include "support/text.h"
 
 namespace {

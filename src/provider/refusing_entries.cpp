@@ -1,9 +1,9 @@
 // The five entries that do nothing but refuse. They log no arguments and look at no handle; that their lines differ
 // (PromptUser's bare name, SecretAgreement's exit line, the full stops) and that two of them leave the provider cache
 // alone is deliberate.
-#include "provider/entry_frame.h"
-#include "provider/key_storage_interface.h"
-#include "provider/provider_cache.h"
+#include "provider/entry/entry_frame.h"
+#include "provider/entry/key_storage_interface.h"
+#include "provider/entry/provider_cache.h"
 
 SECURITY_STATUS WINAPI KELDAKSPDeriveKey(NCRYPT_PROV_HANDLE, NCRYPT_SECRET_HANDLE, LPCWSTR, NCryptBufferDesc*, PBYTE,
                                          DWORD, DWORD*, ULONG) noexcept {

@@ -5,7 +5,7 @@
 
 #include "diag/debug_log.h"
 #include "token/cryptoki_module.h"
-#include "token/pkcs11.h"
+#include "support/pkcs11.h"
 
 // One token object. Session and module are borrowed and never closed or released here; the token object outlives its
 // wrapper. Object handle 0 means that the object is not on the token (yet).

@@ -1,8 +1,8 @@
 // The list of the keys found on a provider's token.
 #pragma once
 
-#include "keys/key_record.h"
-#include "provider/provider_record.h"
+#include "keys/record/key_record.h"
+#include "provider/record/provider_record.h"
 #include "support/windows.h"
 #include "token/cryptoki_module.h"
 

@@ -4,10 +4,10 @@
 #include <cstring>
 
 #include "diag/debug_log.h"
-#include "login/pin_manager.h"
+#include "login/pin_cache/pin_manager.h"
 #include "provider/process_objects.h"
 #include "support/text.h"
-#include "token/ck_rv_status.h"
+#include "support/ck_rv_status.h"
 #include "token/cryptoki_module.h"
 #include "ui/resource.h"
 

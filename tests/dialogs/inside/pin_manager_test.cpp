@@ -1,5 +1,5 @@
 // The PIN cache's own operations.
-#include "login/pin_manager.h"
+#include "login/pin_cache/pin_manager.h"
 
 #include <algorithm>
 #include <array>

@@ -1,11 +1,11 @@
-#include "keys/key_record.h"
+#include "keys/record/key_record.h"
 
 #include <atomic>
 #include <memory>
 #include <new>
 
 #include "diag/debug_log.h"
-#include "provider/entry_frame.h"
+#include "provider/entry/entry_frame.h"
 #include "support/bounded_copy.h"
 #include "support/nt_status.h"
 #include "support/text.h"

@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "support/windows.h"
-#include "token/pkcs11.h"
+#include "support/pkcs11.h"
 
 struct KELDAKSP_KEY;
 

@@ -1,8 +1,8 @@
-#include "login/pin_cache_entry.h"
+#include "login/pin_cache/pin_cache_entry.h"
 
 #include <cstring>
 
-#include "login/pin_block.h"
+#include "login/pin_cache/pin_block.h"
 
 namespace {
 

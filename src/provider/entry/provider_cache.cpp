@@ -1,4 +1,4 @@
-#include "provider/provider_cache.h"
+#include "provider/entry/provider_cache.h"
 
 #include <new>
 

@@ -4,7 +4,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "provider/provider_record.h"
+#include "provider/record/provider_record.h"
 
 // One per process, used without a lock. The reader's name is kept here besides the record's address, so that a record
 // freed meanwhile by another thread is never read.

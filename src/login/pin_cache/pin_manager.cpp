@@ -1,4 +1,4 @@
-#include "login/pin_manager.h"
+#include "login/pin_cache/pin_manager.h"
 
 #include <cstring>
 #include <limits>

@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "diag/debug_log.h"
-#include "login/pin_cache_entry.h"
+#include "login/pin_cache/pin_cache_entry.h"
 #include "support/windows.h"
 
 // Entries are only ever added. Login holds the critical section around its lookups; a store made from the PIN dialog

@@ -1,7 +1,7 @@
 // What an RSAPair does with its keys.
 #include <cstring>
 
-#include "crypto/digest_info.h"
+#include "crypto/operations/digest_info.h"
 #include "support/wipe.h"
 #include "token/rsa_pair.h"
 

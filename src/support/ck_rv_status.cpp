@@ -1,4 +1,4 @@
-#include "token/ck_rv_status.h"
+#include "support/ck_rv_status.h"
 
 // The values are those of PKCS#11 v2.40, 2.1 (pkcs11t.h).
 status::Code StatusFromCkRv(std::uint32_t ckRv) noexcept {

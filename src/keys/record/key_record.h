@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <memory>
 
-#include "provider/provider_record.h"
+#include "provider/record/provider_record.h"
 #include "support/windows.h"
-#include "token/pkcs11.h"
+#include "support/pkcs11.h"
 
 // Characters of a key name at most, the terminator counted.
 inline constexpr std::size_t kMaxKeyNameSize = 260;

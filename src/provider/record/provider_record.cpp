@@ -1,4 +1,4 @@
-#include "provider/provider_record.h"
+#include "provider/record/provider_record.h"
 
 #include <cstring>
 
