@@ -9,6 +9,10 @@
 #include "support/text.h"
 #include "support/wipe.h"
 
+LogPointer g_KeyNameLog;
+LogPointer g_Log;
+LogPointer g_PinLog;
+
 DebugClass::DebugClass(std::int32_t level, std::int32_t writeStartLine) noexcept {
   OutputDebugStringW(L"DebugClass ctor - Enter");
   cbLogSwitch_ = sizeof(logSwitch_);

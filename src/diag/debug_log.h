@@ -80,7 +80,8 @@ class LogPointer {
   DebugClass* instance_ = nullptr;
 };
 
-// The instances that live as long as the process, in the order of their creation (provider/process_objects.cpp).
+// The instances that live as long as the process, in the order of their creation (provider/process_objects.cpp makes
+// them).
 extern LogPointer g_KeyNameLog;  // key names and key object list
 extern LogPointer g_Log;         // every table entry
 extern LogPointer g_PinLog;      // login and PIN dialog

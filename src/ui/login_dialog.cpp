@@ -5,7 +5,7 @@
 
 #include "diag/debug_log.h"
 #include "login/pin_cache/pin_manager.h"
-#include "provider/process_objects.h"
+#include "support/module_handle.h"
 #include "support/text.h"
 #include "support/ck_rv_status.h"
 #include "token/cryptoki_module.h"

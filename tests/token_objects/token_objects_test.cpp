@@ -21,12 +21,6 @@
 #include "token/rsa_pair.h"
 #include "token_objects/token_fixture.h"
 
-// The process-wide objects that the classes write to.
-LogPointer g_KeyNameLog;
-LogPointer g_Log;
-LogPointer g_PinLog;
-CryptokiModule* g_Cryptoki = nullptr;
-
 namespace {
 
 struct Freed {

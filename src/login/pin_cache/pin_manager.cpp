@@ -26,6 +26,8 @@ bool CachingIsForbidden() noexcept {
 
 }  // namespace
 
+PinManager* g_PinManager = nullptr;
+
 PinManager::PinManager() noexcept {
   OutputDebugStringW(L"PinManager ctor - Entry");
   log_ = LogPointer::Create(-1, 0);

@@ -4,6 +4,8 @@
 
 #include "support/bounded_copy.h"
 
+ProviderCache* g_ProviderCache = nullptr;
+
 namespace {
 
 // Only the lowest byte of the value decides: 256 switches the cache off like 0. The key's handle and the buffer stay
