@@ -49,14 +49,14 @@ SECURITY_STATUS CheckFlags(const KELDAKSP_KEY* key, const Arguments& arguments) 
   constexpr DWORD kAccepted =
       NCRYPT_NO_PADDING_FLAG | NCRYPT_PAD_PKCS1_FLAG | NCRYPT_PAD_OAEP_FLAG | NCRYPT_SILENT_FLAG;
   if ((arguments.dwFlags & ~kAccepted) != 0) {
-    return Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: The dwFlags parameter contains a value that is not valid.");
+    return g_Log->Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: The dwFlags parameter contains a value that is not valid.");
   }
   if ((arguments.dwFlags & NCRYPT_PAD_OAEP_FLAG) != 0) {
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: OAEP padding scheme is currently not supported.");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: OAEP padding scheme is currently not supported.");
   }
   if ((arguments.dwFlags & NCRYPT_NO_PADDING_FLAG) != 0 && !IsWholeBlocks(key, arguments.cbInput)) {
-    return Refuse(NTE_INVALID_PARAMETER,
-                  "NTE_INVALID_PARAMETER: Data length is not a multiple of the algorithm block length.");
+    return g_Log->Refuse(NTE_INVALID_PARAMETER,
+                         "NTE_INVALID_PARAMETER: Data length is not a multiple of the algorithm block length.");
   }
   return ERROR_SUCCESS;
 }
@@ -84,18 +84,22 @@ SECURITY_STATUS RunOnToken(Direction direction, const KELDAKSP_PROVIDER* provide
 
 SECURITY_STATUS Crypt(Direction direction, Arguments arguments) {
   KELDAKSP_PROVIDER* provider = ProviderFromHandle(arguments.hProvider);
-  if (provider == nullptr) return Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
+  if (provider == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
   const KELDAKSP_KEY* key = KeyFromHandle(arguments.hKey);
-  if (key == nullptr) return Refuse(NTE_INVALID_HANDLE, kKeyIsNull);
-  if (arguments.pbInput == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pbInput is NULL");
-  if (arguments.pcbResult == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pcbResult is NULL");
+  if (key == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, kKeyIsNull);
+  if (arguments.pbInput == nullptr) {
+    return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pbInput is NULL");
+  }
+  if (arguments.pcbResult == nullptr) {
+    return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pcbResult is NULL");
+  }
   const SECURITY_STATUS flags = CheckFlags(key, arguments);
   if (flags != ERROR_SUCCESS) return flags;
   if (key->fFinished == 0) {
-    return Refuse(NTE_BAD_KEY_STATE, "NTE_BAD_KEY_STATE: The specified key is not yet finalized");
+    return g_Log->Refuse(NTE_BAD_KEY_STATE, "NTE_BAD_KEY_STATE: The specified key is not yet finalized");
   }
   const SECURITY_STATUS login = Login(provider);
-  if (login != ERROR_SUCCESS) return Refuse(login, "Failed to login. Operation aborted.");
+  if (login != ERROR_SUCCESS) return g_Log->Refuse(login, "Failed to login. Operation aborted.");
 
   if (arguments.pbOutput == nullptr) {
     const SECURITY_STATUS status = RunOnToken(direction, provider, key, arguments, arguments.pcbResult);

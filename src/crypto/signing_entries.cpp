@@ -16,17 +16,17 @@ namespace {
 SECURITY_STATUS CheckFlags(DWORD dwFlags) noexcept {
   // No padding flag at all is accepted and means PKCS#1 v1.5.
   if ((dwFlags & ~DWORD{BCRYPT_PAD_PKCS1 | BCRYPT_PAD_PSS | NCRYPT_SILENT_FLAG}) != 0) {
-    return Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: The dwFlags parameter contains a value that is not valid.");
+    return g_Log->Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: The dwFlags parameter contains a value that is not valid.");
   }
   if ((dwFlags & BCRYPT_PAD_PSS) != 0) {
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: PSS padding scheme is currently not supported.");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: PSS padding scheme is currently not supported.");
   }
   return ERROR_SUCCESS;
 }
 
 SECURITY_STATUS CheckFinishedAndLogin(KELDAKSP_PROVIDER* provider, const KELDAKSP_KEY* key) noexcept {
   if (key->fFinished == 0) {
-    return Refuse(NTE_BAD_KEY_STATE, "NTE_BAD_KEY_STATE: The specified key is not yet finalized");
+    return g_Log->Refuse(NTE_BAD_KEY_STATE, "NTE_BAD_KEY_STATE: The specified key is not yet finalized");
   }
   const SECURITY_STATUS login = Login(provider);
   if (login != ERROR_SUCCESS) g_Log->WriteLine("Failed to login. Operation aborted.");
@@ -43,15 +43,15 @@ std::unique_ptr<RSAPair> NewPair(const KELDAKSP_PROVIDER* provider) {
 SECURITY_STATUS SignHash(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, const BYTE* pbHashValue,
                          DWORD cbHashValue, BYTE* pbSignature, DWORD cbSignature, DWORD* pcbResult, DWORD dwFlags) {
   KELDAKSP_PROVIDER* provider = ProviderFromHandle(hProvider);
-  if (provider == nullptr) return Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
+  if (provider == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
   const KELDAKSP_KEY* key = KeyFromHandle(hKey);
-  if (key == nullptr) return Refuse(NTE_INVALID_HANDLE, kKeyIsNull);
-  if (pbHashValue == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pbHashValue is NULL");
-  if (pcbResult == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pcbResult is NULL");
+  if (key == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, kKeyIsNull);
+  if (pbHashValue == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pbHashValue is NULL");
+  if (pcbResult == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pcbResult is NULL");
   SECURITY_STATUS status = CheckFlags(dwFlags);
   if (status != ERROR_SUCCESS) return status;
   if ((key->dwKeyUsagePolicy & NCRYPT_ALLOW_SIGNING_FLAG) == 0) {
-    return Refuse(NTE_PERM, "NTE_PERM: The key usage policy does not allow signing");
+    return g_Log->Refuse(NTE_PERM, "NTE_PERM: The key usage policy does not allow signing");
   }
   status = CheckFinishedAndLogin(provider, key);
   if (status != ERROR_SUCCESS) return status;
@@ -76,11 +76,11 @@ SECURITY_STATUS SignHash(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, c
 SECURITY_STATUS VerifySignature(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, const BYTE* pbHashValue,
                                 DWORD cbHashValue, const BYTE* pbSignature, DWORD cbSignature, DWORD dwFlags) {
   KELDAKSP_PROVIDER* provider = ProviderFromHandle(hProvider);
-  if (provider == nullptr) return Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
+  if (provider == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
   const KELDAKSP_KEY* key = KeyFromHandle(hKey);
-  if (key == nullptr) return Refuse(NTE_INVALID_HANDLE, kKeyIsNull);
-  if (pbHashValue == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pbHashValue is NULL");
-  if (pbSignature == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pbSignature is NULL");
+  if (key == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, kKeyIsNull);
+  if (pbHashValue == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pbHashValue is NULL");
+  if (pbSignature == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pbSignature is NULL");
   SECURITY_STATUS status = CheckFlags(dwFlags);
   if (status != ERROR_SUCCESS) return status;
   status = CheckFinishedAndLogin(provider, key);

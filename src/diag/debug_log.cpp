@@ -116,6 +116,11 @@ void LogPointer::WriteLine(const char* text) const noexcept {
   if (instance_ != nullptr) instance_->WriteLine(text);
 }
 
+SECURITY_STATUS LogPointer::Refuse(SECURITY_STATUS status, const char* text) const noexcept {
+  WriteLine(text);
+  return status;
+}
+
 void LogPointer::WriteHex32(const char* label, std::uint32_t value) const noexcept {
   if (instance_ != nullptr) instance_->WriteHex32(label, value);
 }

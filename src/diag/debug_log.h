@@ -67,6 +67,8 @@ class LogPointer {
   explicit operator bool() const noexcept { return instance_ != nullptr; }
 
   void WriteLine(const char* text) const noexcept;
+  // Writes why something is refused or has failed, and gives the status back for returning it.
+  SECURITY_STATUS Refuse(SECURITY_STATUS status, const char* text) const noexcept;
   void WriteHex32(const char* label, std::uint32_t value) const noexcept;
   // The same line, but always through the main instance g_Log, whatever instance it is asked of: entries use it for
   // their argument lines. Kept on purpose.

@@ -25,9 +25,9 @@ SECURITY_STATUS CheckExistingKey(KELDAKSP_KEY* key, const KELDAKSP_PROVIDER* pro
   g_Log->WriteLine("Validating key file existence");
   const SECURITY_STATUS status = CheckKeyExists(key, provider);
   if (status == NTE_NOT_FOUND) return ERROR_SUCCESS;
-  if (status != NTE_EXISTS) return Refuse(status, "Failed to validate key file existence");
+  if (status != NTE_EXISTS) return g_Log->Refuse(status, "Failed to validate key file existence");
   if ((dwFlags & NCRYPT_OVERWRITE_KEY_FLAG) == 0) {
-    return Refuse(NTE_EXISTS, "NTE_EXISTS: A key with the same name already exists");
+    return g_Log->Refuse(NTE_EXISTS, "NTE_EXISTS: A key with the same name already exists");
   }
   // FinalizeKey destroys the objects whose handles were found.
   g_Log->WriteLine("NTE_EXISTS: A key with same name exists and will be overwritten");
@@ -38,24 +38,24 @@ SECURITY_STATUS CheckExistingKey(KELDAKSP_KEY* key, const KELDAKSP_PROVIDER* pro
 SECURITY_STATUS CreatePersistedKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE* phKey, const wchar_t* pszAlgId,
                                    const wchar_t* pszKeyName, DWORD dwLegacyKeySpec, DWORD dwFlags) {
   const KELDAKSP_PROVIDER* provider = ProviderFromHandle(hProvider);
-  if (provider == nullptr) return Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
-  if (phKey == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: phKey is NULL");
-  if (pszAlgId == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszAlgID is NULL");
+  if (provider == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
+  if (phKey == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: phKey is NULL");
+  if (pszAlgId == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszAlgID is NULL");
   // The silent flag passes although the message does not name it; the machine-key flag passes and does nothing.
   constexpr DWORD kAccepted = NCRYPT_MACHINE_KEY_FLAG | NCRYPT_SILENT_FLAG | NCRYPT_OVERWRITE_KEY_FLAG;
   if ((dwFlags & ~kAccepted) != 0) {
-    return Refuse(NTE_BAD_FLAGS,
-                  "NTE_BAD_FLAGS: Only NCRYPT_MACHINE_KEY_FLAG and NCRYPT_OVERWIRTE_KEY_FLAG is acceptable.");
+    return g_Log->Refuse(NTE_BAD_FLAGS,
+                         "NTE_BAD_FLAGS: Only NCRYPT_MACHINE_KEY_FLAG and NCRYPT_OVERWIRTE_KEY_FLAG is acceptable.");
   }
   if (!WideEqual(pszAlgId, BCRYPT_RSA_ALGORITHM)) {
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: This KSP only supports NCRYPT_RSA_ALGORITHM");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: This KSP only supports NCRYPT_RSA_ALGORITHM");
   }
   if (dwLegacyKeySpec >= 3) {
-    return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: Invalid dwLegacyKeySpec value");
+    return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: Invalid dwLegacyKeySpec value");
   }
   KELDAKSP_KEY* record = nullptr;
   const SECURITY_STATUS created = NewKeyObject(pszKeyName, &record);
-  if (created != ERROR_SUCCESS) return Refuse(created, "Failed to create new key object");
+  if (created != ERROR_SUCCESS) return g_Log->Refuse(created, "Failed to create new key object");
   KeyObjectOwner key(record);
 
   if (pszKeyName != nullptr) {
@@ -67,7 +67,7 @@ SECURITY_STATUS CreatePersistedKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HAND
   DWORD cbBitLength = sizeof(bitLength);
   if (RegGetValueW(HKEY_LOCAL_MACHINE, kRegistrationKey, L"Default Key Length", RRF_RT_REG_DWORD, nullptr, &bitLength,
                    &cbBitLength) != ERROR_SUCCESS) {
-    return Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: Failed to get registry key");
+    return g_Log->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: Failed to get registry key");
   }
   key->dwKeyBitLength = bitLength;
   key->pszKeyBlobType = BCRYPT_RSAPRIVATE_BLOB;

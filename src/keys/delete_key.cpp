@@ -16,16 +16,16 @@ bool DestroyObject(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object) {
 // No login is attempted: the token decides whether the session may destroy the objects.
 SECURITY_STATUS DeleteKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, DWORD dwFlags) {
   const KELDAKSP_PROVIDER* provider = ProviderFromHandle(hProvider);
-  if (provider == nullptr) return Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
+  if (provider == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
   KELDAKSP_KEY* key = KeyFromHandle(hKey);
-  if (key == nullptr) return Refuse(NTE_INVALID_HANDLE, kKeyIsNull);
+  if (key == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, kKeyIsNull);
   if ((dwFlags & ~DWORD{NCRYPT_SILENT_FLAG}) != 0) {
-    return Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: Only NCRYPT_SILENT_FLAG is acceptable");
+    return g_Log->Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: Only NCRYPT_SILENT_FLAG is acceptable");
   }
   if (!DestroyObject(provider->hSession, key->hPrivateKeyObject) ||
       !DestroyObject(provider->hSession, key->hPublicKeyObject)) {
-    return Refuse(NTE_INTERNAL_ERROR,
-                  "NTE_INTERNAL_ERROR: DestroyObject failed. Check PKCS logs for detailed information");
+    return g_Log->Refuse(NTE_INTERNAL_ERROR,
+                         "NTE_INTERNAL_ERROR: DestroyObject failed. Check PKCS logs for detailed information");
   }
   return ReleaseKeyObject(key);
 }

@@ -12,13 +12,14 @@ namespace {
 
 SECURITY_STATUS EnumKeys(NCRYPT_PROV_HANDLE hProvider, NCryptKeyName** ppKeyName, PVOID* ppEnumState, DWORD dwFlags) {
   KELDAKSP_PROVIDER* provider = ProviderFromHandle(hProvider);
-  if (provider == nullptr) return Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: pProvider == NULL");
+  if (provider == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: pProvider == NULL");
   if (ppKeyName == nullptr || ppEnumState == nullptr) {
-    return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: ppKeyName == NULL || ppEnumState == NULL");
+    return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: ppKeyName == NULL || ppEnumState == NULL");
   }
-  if ((dwFlags & ~DWORD{NCRYPT_MACHINE_KEY_FLAG | NCRYPT_SILENT_FLAG}) != 0)
-    return Refuse(NTE_BAD_FLAGS, kOpenBadFlags);
-  if ((dwFlags & NCRYPT_MACHINE_KEY_FLAG) != 0) return Refuse(NTE_NOT_SUPPORTED, kOpenMachineKey);
+  if ((dwFlags & ~DWORD{NCRYPT_MACHINE_KEY_FLAG | NCRYPT_SILENT_FLAG}) != 0) {
+    return g_Log->Refuse(NTE_BAD_FLAGS, kOpenBadFlags);
+  }
+  if ((dwFlags & NCRYPT_MACHINE_KEY_FLAG) != 0) return g_Log->Refuse(NTE_NOT_SUPPORTED, kOpenMachineKey);
 
   auto* state = static_cast<KELDAKSP_ENUM_STATE*>(*ppEnumState);
   if (state != nullptr) {
@@ -26,7 +27,7 @@ SECURITY_STATUS EnumKeys(NCRYPT_PROV_HANDLE hProvider, NCryptKeyName** ppKeyName
   } else {
     g_Log->WriteLine("EnumState is null");
     const SECURITY_STATUS loaded = InitializeObjectList(provider, g_Cryptoki);
-    if (loaded != ERROR_SUCCESS) return Refuse(loaded, "LoadTokenKeys error ");
+    if (loaded != ERROR_SUCCESS) return g_Log->Refuse(loaded, "LoadTokenKeys error ");
   }
   NCryptKeyName* keyName = nullptr;
   const SECURITY_STATUS status = ReadKeyNameFromKeyObjectList(provider, &state, &keyName);

@@ -35,7 +35,8 @@ SECURITY_STATUS ExportPublicKey(const KELDAKSP_PROVIDER* provider, const KELDAKS
     return ERROR_SUCCESS;
   }
   if (cbBlob > cbOutput) {
-    return Refuse(NTE_BUFFER_TOO_SMALL, "NTE_BUFFER_TOO_SMALL: The expected output is larger than the output buffer");
+    return g_Log->Refuse(NTE_BUFFER_TOO_SMALL,
+                         "NTE_BUFFER_TOO_SMALL: The expected output is larger than the output buffer");
   }
   // The whole buffer is cleared and shown, not only the blob's part. A length at its maximum is no buffer's length, so
   // that nothing behind the blob is touched then.
@@ -51,31 +52,32 @@ SECURITY_STATUS ExportKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, 
                           const wchar_t* pszBlobType, BYTE* pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
   // Invalid handles are answered as internal errors here, unlike in the other entries. Kept on purpose.
   const KELDAKSP_PROVIDER* provider = ProviderFromHandle(hProvider);
-  if (provider == nullptr) return Refuse(NTE_INTERNAL_ERROR, kProviderIsNull);
+  if (provider == nullptr) return g_Log->Refuse(NTE_INTERNAL_ERROR, kProviderIsNull);
   const KELDAKSP_KEY* key = KeyFromHandle(hKey);
-  if (key == nullptr) return Refuse(NTE_INTERNAL_ERROR, kKeyIsNull);
-  if (pcbResult == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pcbResult is NULL");
+  if (key == nullptr) return g_Log->Refuse(NTE_INTERNAL_ERROR, kKeyIsNull);
+  if (pcbResult == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pcbResult is NULL");
   if ((dwFlags & ~DWORD{NCRYPT_SILENT_FLAG}) != 0) {
-    return Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: No flags are defined for this function.");
+    return g_Log->Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: No flags are defined for this function.");
   }
-  if (key->fFinished == 0) return Refuse(NTE_BAD_KEY_STATE, "NTE_BAD_KEY_STATE: Key is not yet finalized");
+  if (key->fFinished == 0) return g_Log->Refuse(NTE_BAD_KEY_STATE, "NTE_BAD_KEY_STATE: Key is not yet finalized");
   const bool isPublic = WideEqual(pszBlobType, BCRYPT_RSAPUBLIC_BLOB);
   const bool isPrivate =
       WideEqual(pszBlobType, BCRYPT_RSAPRIVATE_BLOB) || WideEqual(pszBlobType, BCRYPT_RSAFULLPRIVATE_BLOB);
   if (!isPublic && !isPrivate) {
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: pszBlobType is not supported");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: pszBlobType is not supported");
   }
   // The test is the wrong way round on purpose: the default policy passes it.
   if ((key->dwExportPolicy & NCRYPT_ALLOW_EXPORT_FLAG) != 0) {
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: Current export policy does not permit exporting of keys");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED,
+                         "NTE_NOT_SUPPORTED: Current export policy does not permit exporting of keys");
   }
   if (hExportKey != 0) {
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: Encryption of key blobs is not yet supported.");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: Encryption of key blobs is not yet supported.");
   }
   if (isPrivate) {
-    return Refuse(NTE_NOT_SUPPORTED, (key->dwExportPolicy & NCRYPT_ALLOW_PLAINTEXT_EXPORT_FLAG) != 0
-                                         ? "NTE_NOT_SUPPORTED: Exporting of private keys is not allowed"
-                                         : "NTE_NOT_SUPPORTED: Exporting in plain text is not permitted");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED, (key->dwExportPolicy & NCRYPT_ALLOW_PLAINTEXT_EXPORT_FLAG) != 0
+                                                ? "NTE_NOT_SUPPORTED: Exporting of private keys is not allowed"
+                                                : "NTE_NOT_SUPPORTED: Exporting in plain text is not permitted");
   }
   return ExportPublicKey(provider, key, pbOutput, cbOutput, pcbResult);
 }

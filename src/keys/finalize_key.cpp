@@ -32,12 +32,12 @@ SECURITY_STATUS DestroyOverwrittenKey(const KELDAKSP_KEY* key, const KELDAKSP_PR
   g_Log->WriteLine("Overwrite flag is set.");
   const CK_FUNCTION_LIST& token = g_Cryptoki->Functions();
   if (token.C_DestroyObject(provider->hSession, key->hPrivateKeyObject) != CKR_OK) {
-    return Refuse(NTE_INTERNAL_ERROR,
-                  "NTE_INTERNAL_ERROR: Private key deletion failed. Check PKCS logs for more information.");
+    return g_Log->Refuse(NTE_INTERNAL_ERROR,
+                         "NTE_INTERNAL_ERROR: Private key deletion failed. Check PKCS logs for more information.");
   }
   if (token.C_DestroyObject(provider->hSession, key->hPublicKeyObject) != CKR_OK) {
-    return Refuse(NTE_INTERNAL_ERROR,
-                  "NTE_INTERNAL_ERROR: Public key deletion failed. Check PKCS logs for more information.");
+    return g_Log->Refuse(NTE_INTERNAL_ERROR,
+                         "NTE_INTERNAL_ERROR: Public key deletion failed. Check PKCS logs for more information.");
   }
   return ERROR_SUCCESS;
 }
@@ -64,7 +64,7 @@ SECURITY_STATUS WriteImportedKey(KELDAKSP_KEY* key, const KELDAKSP_PROVIDER* pro
   const auto privateKey = std::make_unique<PrivateKey>();
   unsigned char id[kStoredIdSize] = {};
   if (g_Cryptoki->Functions().C_GenerateRandom(provider->hSession, id, sizeof(id)) != CKR_OK) {
-    return Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: Random number generation failed");
+    return g_Log->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: Random number generation failed");
   }
   const CK_ULONG cbWhole = key->dwKeyBitLength / 8;
   const CK_ULONG cbHalf = key->dwKeyBitLength / 16;
@@ -90,7 +90,7 @@ SECURITY_STATUS WriteImportedKey(KELDAKSP_KEY* key, const KELDAKSP_PROVIDER* pro
   KeyUsage usage;
   if (!UsageFromAlgId(key->dwAlgID, usage)) {
     frame.OmitExitLines();
-    return Refuse(NTE_BAD_KEYSET, "NTE_BAD_KEYSET: key AlgID is invalid");
+    return g_Log->Refuse(NTE_BAD_KEYSET, "NTE_BAD_KEYSET: key AlgID is invalid");
   }
   const KeyLabel label(key->pszKeyName);
   g_Log->WriteLine("Creating public key");
@@ -135,19 +135,19 @@ SECURITY_STATUS GenerateKey(KELDAKSP_KEY* key, const KELDAKSP_PROVIDER* provider
 
 SECURITY_STATUS FinalizeKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, DWORD dwFlags, EntryFrame& frame) {
   KELDAKSP_PROVIDER* provider = ProviderFromHandle(hProvider);
-  if (provider == nullptr) return Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
+  if (provider == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
   KELDAKSP_KEY* key = KeyFromHandle(hKey);
-  if (key == nullptr) return Refuse(NTE_INVALID_HANDLE, kKeyIsNull);
+  if (key == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, kKeyIsNull);
   constexpr DWORD kAccepted = BCRYPT_NO_KEY_VALIDATION | NCRYPT_SILENT_FLAG | NCRYPT_WRITE_KEY_TO_LEGACY_STORE_FLAG;
   if ((dwFlags & ~kAccepted) != 0) {
-    return Refuse(NTE_BAD_FLAGS,
-                  "NTE_BAD_FLAGS: Only NCRYPT_NO_KEY_VALIDATION, NCRYPT_WRITE_KEY_TO_LEGACY_STORE_FLAG, and "
-                  "NCRYPT_SILENT_FLAG are acceptable flags.");
+    return g_Log->Refuse(NTE_BAD_FLAGS,
+                         "NTE_BAD_FLAGS: Only NCRYPT_NO_KEY_VALIDATION, NCRYPT_WRITE_KEY_TO_LEGACY_STORE_FLAG, and "
+                         "NCRYPT_SILENT_FLAG are acceptable flags.");
   }
   g_Log->WriteLine("Checking if key is not yet finalized");
   if (key->fFinished != 0) return NTE_BAD_KEY_STATE;
   const SECURITY_STATUS login = Login(provider);
-  if (login != ERROR_SUCCESS) return Refuse(login, "Failed to login. Operation aborted");
+  if (login != ERROR_SUCCESS) return g_Log->Refuse(login, "Failed to login. Operation aborted");
   g_Log->WriteLine("Checking if overwrite flag is set");
   if (key->fOverwrite != 0) {
     const SECURITY_STATUS destroyed = DestroyOverwrittenKey(key, provider);

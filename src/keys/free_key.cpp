@@ -25,9 +25,9 @@ void ForgetObject(CK_OBJECT_HANDLE& object, const char* line) noexcept {
 
 // The record itself and the components of an imported key stay; kept on purpose (docs/kept-oddities.md).
 SECURITY_STATUS FreeKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey) noexcept {
-  if (ProviderFromHandle(hProvider) == nullptr) return Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
+  if (ProviderFromHandle(hProvider) == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
   KELDAKSP_KEY* key = KeyFromHandle(hKey);
-  if (key == nullptr) return Refuse(NTE_INVALID_HANDLE, kKeyIsNull);
+  if (key == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, kKeyIsNull);
 
   if (key->pszKeyName != nullptr) {
     g_Log->WriteLine("Deleting key name");

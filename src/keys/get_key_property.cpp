@@ -83,16 +83,16 @@ SECURITY_STATUS GetKeyProperty(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE h
                                DWORD& cbResult) noexcept {
   // This entry has its own wording of the two handle messages.
   if (ProviderFromHandle(hProvider) == nullptr) {
-    return Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: Invalid provider handle, pProvider is NULL");
+    return g_Log->Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: Invalid provider handle, pProvider is NULL");
   }
   const KELDAKSP_KEY* key = KeyFromHandle(hKey);
-  if (key == nullptr) return Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: Invalid key handle, pKey is NULL");
-  if (pszProperty == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszProperty is NULL");
+  if (key == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: Invalid key handle, pKey is NULL");
+  if (pszProperty == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszProperty is NULL");
   if (WideLength(pszProperty) > kMaxPropertyName) {
-    return Refuse(NTE_INVALID_PARAMETER,
-                  "NTE_INVALID_PARAMETER: Length of pszProperty is longer than NCRYPT_MAX_PROPERTY_NAME");
+    return g_Log->Refuse(NTE_INVALID_PARAMETER,
+                         "NTE_INVALID_PARAMETER: Length of pszProperty is longer than NCRYPT_MAX_PROPERTY_NAME");
   }
-  if (pcbResult == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pcbResult is NULL");
+  if (pcbResult == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pcbResult is NULL");
   if ((dwFlags & NCRYPT_PERSIST_ONLY_FLAG) != 0) return NTE_NOT_SUPPORTED;
   // Known, but never told: the size query alone answers, with a size of 0. The certificate has not even that.
   if (WideEqual(pszProperty, NCRYPT_SECURITY_DESCR_PROPERTY)) {

@@ -44,7 +44,7 @@ SECURITY_STATUS TakeName(KELDAKSP_KEY* key, const NCryptBufferDesc* parameters) 
   if (parameters == nullptr) return ERROR_SUCCESS;
   WideName name;
   const SECURITY_STATUS status = ReadKeyNameFromParams(parameters, name);
-  if (status != ERROR_SUCCESS) return Refuse(status, "ReadKeyNameFromParams failed");
+  if (status != ERROR_SUCCESS) return g_Log->Refuse(status, "ReadKeyNameFromParams failed");
   if (name.empty()) return ERROR_SUCCESS;
   constexpr std::size_t kScanned = 127;
   const std::size_t length = WideLength(name.data());
@@ -91,7 +91,7 @@ SECURITY_STATUS CreatePublicKey(KELDAKSP_KEY* key, KELDAKSP_PROVIDER* provider) 
   const auto publicKey = std::make_unique<PublicKey>();
   unsigned char id[kStoredIdSize] = {};
   if (g_Cryptoki == nullptr || g_Cryptoki->Functions().C_GenerateRandom(provider->hSession, id, sizeof(id)) != CKR_OK) {
-    return Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: Random number generation failed");
+    return g_Log->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: Random number generation failed");
   }
   g_Log->WriteLine("Initializing public key attributes");
   publicKey->SetSession(provider->hSession);
@@ -103,7 +103,7 @@ SECURITY_STATUS CreatePublicKey(KELDAKSP_KEY* key, KELDAKSP_PROVIDER* provider) 
   const KeyLabel label(key->pszKeyName);
   if (key->pszKeyName != nullptr) {
     const SECURITY_STATUS login = Login(provider);
-    if (login != ERROR_SUCCESS) return Refuse(login, "Failed to login. Operation aborted");
+    if (login != ERROR_SUCCESS) return g_Log->Refuse(login, "Failed to login. Operation aborted");
   }
   if (const CK_RV result = publicKey->Create(KeyUsage::kBoth, label.Text(), key->cbKeyName); result != CKR_OK) {
     g_Log->WriteInt("Public key creation failed: ", static_cast<std::int32_t>(result));
@@ -144,7 +144,9 @@ SECURITY_STATUS FillRecord(const ImportArguments& arguments, const KELDAKSP_PROV
   if (named != ERROR_SUCCESS) return named;
   if (arguments.hImportKey != 0) {
     const KELDAKSP_KEY* importKey = KeyFromHandle(arguments.hImportKey);
-    if (importKey == nullptr) return Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: hImportKey handle is invalid");
+    if (importKey == nullptr) {
+      return g_Log->Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: hImportKey handle is invalid");
+    }
     const SECURITY_STATUS unwrapped = Unwrap(provider, importKey, arguments.pbData, arguments.cbData, working);
     if (unwrapped != ERROR_SUCCESS) return unwrapped;
   } else {
@@ -159,7 +161,7 @@ SECURITY_STATUS FillRecord(const ImportArguments& arguments, const KELDAKSP_PROV
   key->dwKeyBitLength = header.bitLength;
   key->dwAlgID = 0;
   if (header.cbPublicExp > sizeof(key->PublicExponent)) {
-    return Refuse(NTE_NOT_SUPPORTED, "Public exponent length exceeds 32 bits");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED, "Public exponent length exceeds 32 bits");
   }
   std::memset(key->PublicExponent, 0, sizeof(key->PublicExponent));
   if (header.cbPublicExp != 0) std::memcpy(key->PublicExponent, blob.PublicExponent().data(), header.cbPublicExp);
@@ -168,22 +170,22 @@ SECURITY_STATUS FillRecord(const ImportArguments& arguments, const KELDAKSP_PROV
 
 SECURITY_STATUS ImportKey(const ImportArguments& arguments) {
   KELDAKSP_PROVIDER* provider = ProviderFromHandle(arguments.hProvider);
-  if (provider == nullptr) return Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
+  if (provider == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
   const bool isPublic = WideEqual(arguments.pszBlobType, BCRYPT_RSAPUBLIC_BLOB);
   if (!isPublic && !WideEqual(arguments.pszBlobType, BCRYPT_RSAPRIVATE_BLOB)) {
     // Message and status differ here, on purpose.
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_INVALID_PARAMETER: Only RSA BLOBs are currently supported");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED, "NTE_INVALID_PARAMETER: Only RSA BLOBs are currently supported");
   }
-  if (arguments.phKey == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: phKey is NULL");
-  if (arguments.pbData == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pbData is NULL");
-  if (arguments.cbData == 0) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: cbData is 0");
+  if (arguments.phKey == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: phKey is NULL");
+  if (arguments.pbData == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pbData is NULL");
+  if (arguments.cbData == 0) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: cbData is 0");
   if ((arguments.dwFlags & ~kAcceptedFlags) != 0) {
-    return Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: The dwFlags parameter contains a value that is not valid.");
+    return g_Log->Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: The dwFlags parameter contains a value that is not valid.");
   }
   if ((arguments.dwFlags & kUnsupportedFlags) != 0) {
-    return Refuse(NTE_NOT_SUPPORTED,
-                  "NTE_NOT_SUPPORTED: NCRYPT_MACHINE_KEY_FLAG and NCRYPT_WRITE_KEY_TO_LEGACY_STORE_FLAG are not "
-                  "supported flags.");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED,
+                         "NTE_NOT_SUPPORTED: NCRYPT_MACHINE_KEY_FLAG and NCRYPT_WRITE_KEY_TO_LEGACY_STORE_FLAG are not "
+                         "supported flags.");
   }
   KELDAKSP_KEY* record = nullptr;
   const SECURITY_STATUS created = NewKeyObject(nullptr, &record);

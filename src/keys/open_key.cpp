@@ -33,7 +33,7 @@ SECURITY_STATUS CopyKeyPart(const wchar_t* part, WipedArray<wchar_t>& identifier
   const std::size_t cchIdentifier = WideLength(part) + 2;
   identifier = WipedArray<wchar_t>(cchIdentifier);
   if (BoundedCopy(identifier.data(), cchIdentifier, part) != 0) {
-    return Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: String processing failed");
+    return g_Log->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: String processing failed");
   }
   return ERROR_SUCCESS;
 }
@@ -41,17 +41,18 @@ SECURITY_STATUS CopyKeyPart(const wchar_t* part, WipedArray<wchar_t>& identifier
 SECURITY_STATUS OpenKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE* phKey, const wchar_t* pszKeyName,
                         DWORD dwLegacyKeySpec, DWORD dwFlags) {
   KELDAKSP_PROVIDER* provider = ProviderFromHandle(hProvider);
-  if (provider == nullptr) return Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
-  if (phKey == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: phKey is NULL");
-  if (pszKeyName == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszKeyName is NULL");
+  if (provider == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
+  if (phKey == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: phKey is NULL");
+  if (pszKeyName == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszKeyName is NULL");
   // A plain comparison: 3 asks for both halves.
   if (dwLegacyKeySpec > 3) {
-    return Refuse(NTE_INVALID_PARAMETER,
-                  "NTE_INVALID_PARAMETER: ((dwLegacyKeySpec & ~(AT_KEYEXCHANGE | AT_SIGNATURE)) != 0) ");
+    return g_Log->Refuse(NTE_INVALID_PARAMETER,
+                         "NTE_INVALID_PARAMETER: ((dwLegacyKeySpec & ~(AT_KEYEXCHANGE | AT_SIGNATURE)) != 0) ");
   }
-  if ((dwFlags & ~DWORD{NCRYPT_MACHINE_KEY_FLAG | NCRYPT_SILENT_FLAG}) != 0)
-    return Refuse(NTE_BAD_FLAGS, kOpenBadFlags);
-  if ((dwFlags & NCRYPT_MACHINE_KEY_FLAG) != 0) return Refuse(NTE_NOT_SUPPORTED, kOpenMachineKey);
+  if ((dwFlags & ~DWORD{NCRYPT_MACHINE_KEY_FLAG | NCRYPT_SILENT_FLAG}) != 0) {
+    return g_Log->Refuse(NTE_BAD_FLAGS, kOpenBadFlags);
+  }
+  if ((dwFlags & NCRYPT_MACHINE_KEY_FLAG) != 0) return g_Log->Refuse(NTE_NOT_SUPPORTED, kOpenMachineKey);
 
   WipedArray<wchar_t> identifier;
   const SECURITY_STATUS copied = CopyKeyPart(KeyPart(pszKeyName, provider->pszReader), identifier);
@@ -59,7 +60,7 @@ SECURITY_STATUS OpenKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE* phKey, 
 
   g_Log->WriteLine("Initializing key object");
   KeyObjectOwner key(new (std::nothrow) KELDAKSP_KEY());
-  if (key == nullptr) return Refuse(NTE_NO_MEMORY, "Not enough memory to initialize key object");
+  if (key == nullptr) return g_Log->Refuse(NTE_NO_MEMORY, "Not enough memory to initialize key object");
   g_Log->WriteLine("Find key with specified key name");
   // A key that is not found leaves the record zeroed. Unless a legacy key spec asks for one of its objects the record
   // is handed out all the same, and every later call refuses it. Kept on purpose.
@@ -72,7 +73,7 @@ SECURITY_STATUS OpenKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE* phKey, 
   } else if ((dwLegacyKeySpec & AT_SIGNATURE) != 0 && key->hPrivateKeyObject == 0) {
     missing = "NTE_BAD_KEYSET: AT_SIGNATURE Key not found";
   }
-  if (missing != nullptr) return Refuse(NTE_BAD_KEYSET, missing);
+  if (missing != nullptr) return g_Log->Refuse(NTE_BAD_KEYSET, missing);
   *phKey = reinterpret_cast<NCRYPT_KEY_HANDLE>(key.release());
   g_Log->WriteHex32("Key opened. Handle: ", static_cast<std::uint32_t>(*phKey));
   return ERROR_SUCCESS;

@@ -19,8 +19,8 @@ constexpr std::size_t kMaxNameLength = 64;  // KELDAKSP_MAX_NAME_LEN, characters
 
 // Takes a number that may only be set before finalization.
 SECURITY_STATUS TakeNumber(const KELDAKSP_KEY* key, const BYTE* pbInput, DWORD cbInput, DWORD& number) noexcept {
-  if (cbInput != sizeof(DWORD)) return Refuse(NTE_BAD_DATA, "cbInput != sizeof(DWORD)");
-  if (key->fFinished != 0) return Refuse(NTE_BAD_KEY_STATE, "pKey->fFinished == TRUE");
+  if (cbInput != sizeof(DWORD)) return g_Log->Refuse(NTE_BAD_DATA, "cbInput != sizeof(DWORD)");
+  if (key->fFinished != 0) return g_Log->Refuse(NTE_BAD_KEY_STATE, "pKey->fFinished == TRUE");
   std::memcpy(&number, pbInput, sizeof(number));
   return ERROR_SUCCESS;
 }
@@ -36,7 +36,7 @@ SECURITY_STATUS SetLength(KELDAKSP_KEY* key, const BYTE* pbInput, DWORD cbInput)
   const SECURITY_STATUS status = TakeNumber(key, pbInput, cbInput, length);
   if (status != ERROR_SUCCESS) return status;
   if (length < 512 || length > 4096 || length % 512 != 0) {
-    return Refuse(NTE_NOT_SUPPORTED, "specified length is invalid");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED, "specified length is invalid");
   }
   key->dwKeyBitLength = length;
   return ERROR_SUCCESS;
@@ -46,9 +46,9 @@ SECURITY_STATUS SetLength(KELDAKSP_KEY* key, const BYTE* pbInput, DWORD cbInput)
 SECURITY_STATUS SetName(KELDAKSP_KEY* key, const BYTE* pbInput, DWORD cbInput) noexcept {
   g_Log->WriteLine("dwProperty = NCRYPT_NAME_PROPERTY");
   if (cbInput >= kMaxNameLength * sizeof(wchar_t)) {
-    return Refuse(NTE_BAD_DATA, "cbInput >= (KELDAKSP_MAX_NAME_LEN*sizeof(WCHAR))");
+    return g_Log->Refuse(NTE_BAD_DATA, "cbInput >= (KELDAKSP_MAX_NAME_LEN*sizeof(WCHAR))");
   }
-  if (cbInput % 2 != 0) return Refuse(NTE_BAD_DATA, "(cbInput % 2)");
+  if (cbInput % 2 != 0) return g_Log->Refuse(NTE_BAD_DATA, "(cbInput % 2)");
   // The old name goes first: without memory for the new one the key is left without a name.
   SecureWipe(key->pszKeyName, WideLength(key->pszKeyName) * sizeof(wchar_t));
   delete[] key->pszKeyName;
@@ -70,9 +70,9 @@ SECURITY_STATUS SetName(KELDAKSP_KEY* key, const BYTE* pbInput, DWORD cbInput) n
 SECURITY_STATUS SetCertificate(const KELDAKSP_PROVIDER* provider, const KELDAKSP_KEY* key, const BYTE* pbInput,
                                DWORD cbInput) {
   g_Log->WriteLine("dwProperty = NCRYPT_CERTIFICATE_PROPERTY");
-  if (key->fFinished == 0) return Refuse(NTE_BAD_KEY_STATE, "Key referenced by hKey is not yet finalized.");
+  if (key->fFinished == 0) return g_Log->Refuse(NTE_BAD_KEY_STATE, "Key referenced by hKey is not yet finalized.");
   if (key->hPublicKeyObject == 0 && key->hPrivateKeyObject == 0) {
-    return Refuse(NTE_BAD_KEY_STATE, "Key referenced by hKey does not contain any key handle");
+    return g_Log->Refuse(NTE_BAD_KEY_STATE, "Key referenced by hKey does not contain any key handle");
   }
   const auto certificate = std::make_unique<Certificate>();
   g_Log->WriteLine("Setting crypto interface pointer");
@@ -90,10 +90,11 @@ SECURITY_STATUS SetCertificate(const KELDAKSP_PROVIDER* provider, const KELDAKSP
   g_Log->WriteLine("Checking if certificate already exists");
   const SECURITY_STATUS existing = certificate->FindForKey();
   if (existing == NTE_EXISTS) {
-    return Refuse(NTE_EXISTS, "NTE_EXISTS: A certificate already exists for the selected key pair");
+    return g_Log->Refuse(NTE_EXISTS, "NTE_EXISTS: A certificate already exists for the selected key pair");
   }
   if (existing != NTE_NOT_FOUND) {
-    return Refuse(existing, "NTE_INTERNAL_ERROR: An internal error occured. Check PKCS logs for more information");
+    return g_Log->Refuse(existing,
+                         "NTE_INTERNAL_ERROR: An internal error occured. Check PKCS logs for more information");
   }
   g_Log->WriteLine("No certificate has been found for this key");
   g_Log->WriteLine("Setting certificate");
@@ -103,7 +104,7 @@ SECURITY_STATUS SetCertificate(const KELDAKSP_PROVIDER* provider, const KELDAKSP
 SECURITY_STATUS SetWindowHandle(KELDAKSP_PROVIDER* provider, const BYTE* pbInput, DWORD cbInput) noexcept {
   g_Log->WriteLine("dwProperty = NCRYPT_WINDOW_HANDLE_PROPERTY");
   if (cbInput > sizeof(provider->hWnd)) {
-    return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: cbInput is greater than the size of HWND");
+    return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: cbInput is greater than the size of HWND");
   }
   std::memcpy(&provider->hWnd, pbInput, cbInput);
   g_Log->WriteHex32("Window handle set: ", static_cast<std::uint32_t>(provider->hWnd));
@@ -118,18 +119,19 @@ SECURITY_STATUS Ignore(const char* text) noexcept {
 SECURITY_STATUS SetKeyProperty(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, const wchar_t* pszProperty,
                                const BYTE* pbInput, DWORD cbInput, DWORD dwFlags) {
   KELDAKSP_PROVIDER* provider = ProviderFromHandle(hProvider);
-  if (provider == nullptr) return Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
+  if (provider == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
   KELDAKSP_KEY* key = KeyFromHandle(hKey);
-  if (key == nullptr) return Refuse(NTE_INVALID_HANDLE, kKeyIsNull);
-  if (pszProperty == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszProperty is NULL");
+  if (key == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, kKeyIsNull);
+  if (pszProperty == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszProperty is NULL");
   if (WideLength(pszProperty) > kMaxPropertyName) {
-    return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszProperty is exceeds NCRYPT_MAX_PROPERTY_NAME");
+    return g_Log->Refuse(NTE_INVALID_PARAMETER,
+                         "NTE_INVALID_PARAMETER: pszProperty is exceeds NCRYPT_MAX_PROPERTY_NAME");
   }
-  if (pbInput == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pbInput is NULL");
+  if (pbInput == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pbInput is NULL");
   // Even the silent flag is refused here, on purpose: only the two persistence flags pass.
   constexpr DWORD kRefusedFlags = ~DWORD{NCRYPT_PERSIST_ONLY_FLAG | NCRYPT_PERSIST_FLAG};
   if (!WideEqual(pszProperty, NCRYPT_SECURITY_DESCR_PROPERTY) && (dwFlags & kRefusedFlags) != 0) {
-    return Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: dwFlags contains an invalid flag");
+    return g_Log->Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: dwFlags contains an invalid flag");
   }
   if (WideEqual(pszProperty, NCRYPT_KEY_USAGE_PROPERTY)) return SetKeyUsage(key, pbInput, cbInput);
   if (WideEqual(pszProperty, NCRYPT_LENGTH_PROPERTY)) return SetLength(key, pbInput, cbInput);

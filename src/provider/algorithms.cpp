@@ -43,23 +43,25 @@ SECURITY_STATUS EnumAlgorithms(NCRYPT_PROV_HANDLE hProvider, DWORD dwAlgClass, D
                                NCryptAlgorithmName** ppAlgList, DWORD dwFlags) noexcept {
   g_Log->WriteLine("Validating Provider Handle...");
   if (ProviderFromHandle(hProvider) == nullptr) {
-    return Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: pProvider is NULL.");
+    return g_Log->Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: pProvider is NULL.");
   }
-  if (pdwAlgCount == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pdwAlgCount is NULL.");
-  if (ppAlgList == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: ppAlgList is NULL.");
+  if (pdwAlgCount == nullptr) {
+    return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pdwAlgCount is NULL.");
+  }
+  if (ppAlgList == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: ppAlgList is NULL.");
   if ((dwFlags & ~DWORD{NCRYPT_SILENT_FLAG}) != 0) {
-    return Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: Only NCRYPT_SILENT_FLAG or 0 is an acceptable value.");
+    return g_Log->Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: Only NCRYPT_SILENT_FLAG or 0 is an acceptable value.");
   }
   if (dwAlgClass == 0) g_Log->WriteLine("dwAlgClass is 0");
   for (const OperationLine& line : kOperationLines) {
     if ((dwAlgClass & line.bit) != 0) g_Log->WriteLine(line.text);
   }
   if (dwAlgClass != 0 && (dwAlgClass & kAnsweredOperations) == 0) {
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: KELDA KSP currently supports RSA only.");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: KELDA KSP currently supports RSA only.");
   }
   auto* block = static_cast<unsigned char*>(::operator new(kAlgorithmListSize, std::nothrow));
   if (block == nullptr) {
-    return Refuse(NTE_NO_MEMORY, "NTE_NO_MEMORY: Unable to allocate enough memory for pbOutput.");
+    return g_Log->Refuse(NTE_NO_MEMORY, "NTE_NO_MEMORY: Unable to allocate enough memory for pbOutput.");
   }
   std::memset(block, 0, kAlgorithmListSize);
   std::memcpy(block + kAlgorithmTextOffset, kRsa, sizeof(kRsa));
@@ -91,16 +93,18 @@ SECURITY_STATUS RefuseAlgorithm(const wchar_t* name) {
   const int length =
       std::snprintf(line.get(), kLineLimit, "NTE_NOT_SUPPORTED: %s is not a supported algorithm", narrow.get());
   if (length < 0 || static_cast<std::size_t>(length) >= kLineLimit) line[0] = '\0';  // a line too long is no line
-  return Refuse(NTE_NOT_SUPPORTED, line.get());
+  return g_Log->Refuse(NTE_NOT_SUPPORTED, line.get());
 }
 
 SECURITY_STATUS IsAlgSupported(NCRYPT_PROV_HANDLE hProvider, const wchar_t* pszAlgId, DWORD dwFlags) {
   if (ProviderFromHandle(hProvider) == nullptr) {
-    return Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: pProvider is NULL");
+    return g_Log->Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: pProvider is NULL");
   }
-  if (pszAlgId == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszAlgId cannot be NULL");
+  if (pszAlgId == nullptr) {
+    return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszAlgId cannot be NULL");
+  }
   if ((dwFlags & ~DWORD{NCRYPT_SILENT_FLAG}) != 0) {
-    return Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: Only NCRYPT_SILENT_FLAG is an acceptable flag");
+    return g_Log->Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: Only NCRYPT_SILENT_FLAG is an acceptable flag");
   }
   return IsSupported(pszAlgId) ? ERROR_SUCCESS : RefuseAlgorithm(pszAlgId);
 }

@@ -13,7 +13,7 @@ namespace {
 
 SECURITY_STATUS FreeProvider(NCRYPT_PROV_HANDLE hProvider) {
   KELDAKSP_PROVIDER* provider = ProviderFromHandle(hProvider);
-  if (provider == nullptr) return Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: pProvider is NULL");
+  if (provider == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: pProvider is NULL");
 
   // The pointers are cleared as they go: a record whose session does not close stays allocated.
   g_Log->WriteLine("Deleting PIN cache");
@@ -36,7 +36,7 @@ SECURITY_STATUS FreeProvider(NCRYPT_PROV_HANDLE hProvider) {
   provider->pszReader = nullptr;
   g_Log->WriteLine("Closing cryptographic session");
   if (g_Cryptoki == nullptr || g_Cryptoki->Functions().C_CloseSession(provider->hSession) != CKR_OK) {
-    return Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: An internal error occured");
+    return g_Log->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: An internal error occured");
   }
   // The section's block itself stays behind; kept on purpose (docs/kept-oddities.md).
   DeleteCriticalSection(provider->pLock);

@@ -58,11 +58,11 @@ NTSTATUS WINAPI GetKeyStorageInterface(LPCWSTR pszProviderName, NCRYPT_KEY_STORA
     frame.Argument("ppFunctionTable : ", ppFunctionTable);
     frame.Argument("dwFlags         : ", dwFlags);
     if (ppFunctionTable == nullptr) {
-      return Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: ppFunctionTable pointer is NULL");
+      return g_Log->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: ppFunctionTable pointer is NULL");
     }
     if (!WideEqual(pszProviderName, kProviderName)) {
       // An NTSTATUS, unlike everything that the table's entries return: the router expects one here.
-      return Refuse(kStatusInvalidParameter, "STATUS_INVALID_PARAMETER: Provider name mismatch.");
+      return g_Log->Refuse(kStatusInvalidParameter, "STATUS_INVALID_PARAMETER: Provider name mismatch.");
     }
     g_listHead.next.store(&g_listHead, std::memory_order_relaxed);
     g_listHead.previous.store(&g_listHead, std::memory_order_relaxed);

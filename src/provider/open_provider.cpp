@@ -99,7 +99,7 @@ void ChooseSlot(KELDAKSP_PROVIDER* provider, CK_SLOT_ID slot, const wchar_t* rea
 SECURITY_STATUS ChooseFirstSlot(KELDAKSP_PROVIDER* provider, const SlotList& slots) {
   wchar_t reader[kReaderNameSize];
   provider->slotId = slots[0];
-  if (!ReadReaderName(slots[0], reader)) return Refuse(NTE_INTERNAL_ERROR, kGetSlotInfoFailed);
+  if (!ReadReaderName(slots[0], reader)) return g_Log->Refuse(NTE_INTERNAL_ERROR, kGetSlotInfoFailed);
   ChooseSlot(provider, slots[0], reader);
   g_Log->WriteWide("Defaulted to reader: ", provider->pszReader);
   return ERROR_SUCCESS;
@@ -117,10 +117,10 @@ SECURITY_STATUS ChooseReader(wchar_t (&chosen)[kSelectedReaderSize]) {
   try {
     selection = SelectReader(chosen);
   } catch (const std::runtime_error& error) {
-    return Refuse(NTE_FAIL, error.what());
+    return g_Log->Refuse(NTE_FAIL, error.what());
   }
   if (selection == SCARD_E_CANCELLED || selection == SCARD_W_CANCELLED_BY_USER) {
-    return Refuse(ERROR_CANCELLED, "ERROR_CANCELLED: The operation was cancelled.");
+    return g_Log->Refuse(ERROR_CANCELLED, "ERROR_CANCELLED: The operation was cancelled.");
   }
   g_Log->WriteWide("Acquired ", chosen);
   return ERROR_SUCCESS;
@@ -131,30 +131,30 @@ SECURITY_STATUS ChooseSlotOfReader(KELDAKSP_PROVIDER* provider, const SlotList& 
   g_Log->WriteLine("Iterating through slot list");
   for (CK_ULONG i = 0; i < slots.count(); ++i) {
     wchar_t reader[kReaderNameSize];
-    if (!ReadReaderName(slots[i], reader)) return Refuse(NTE_INTERNAL_ERROR, kGetSlotInfoFailed);
+    if (!ReadReaderName(slots[i], reader)) return g_Log->Refuse(NTE_INTERNAL_ERROR, kGetSlotInfoFailed);
     g_Log->WriteWide("Found slot: ", reader);
     if (!WideEqual(reader, chosen)) continue;
     g_Log->WriteWide("Reader name acquired. Setting active slot to ", reader);
     ChooseSlot(provider, slots[i], reader);
     return ERROR_SUCCESS;
   }
-  return Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: Selected reader not found.");
+  return g_Log->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: Selected reader not found.");
 }
 
 // Decides on the provider's slot. The user is asked when there is a choice, or no token yet, unless silent.
 SECURITY_STATUS SelectSlot(KELDAKSP_PROVIDER* provider, bool silent) {
   SlotList slots;
   if (g_Cryptoki == nullptr || slots.Count(CK_FALSE) != CKR_OK) {
-    return Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: GetSlotList failed");
+    return g_Log->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: GetSlotList failed");
   }
-  if (slots.count() == 0) return Refuse(NTE_FAIL, "NTE_FAIL: No slot found");
+  if (slots.count() == 0) return g_Log->Refuse(NTE_FAIL, "NTE_FAIL: No slot found");
   slots.Fetch(CK_FALSE);
   slots.Count(CK_TRUE);
   if (slots.count() >= 2 && silent) {
     g_Log->WriteLine("Multiple slots are detected but NCRYPT_SILENT_FLAG is set. Defaulting to first slot.");
   }
   if (slots.count() == 0 && silent) {
-    return Refuse(NTE_FAIL, "NTE_FAIL: No active slot was found and NCRYPT_SILENT_FLAG is set");
+    return g_Log->Refuse(NTE_FAIL, "NTE_FAIL: No active slot was found and NCRYPT_SILENT_FLAG is set");
   }
   slots.Fetch(CK_TRUE);
   if (silent || slots.count() == 1) return ChooseFirstSlot(provider, slots);
@@ -165,7 +165,7 @@ SECURITY_STATUS SelectSlot(KELDAKSP_PROVIDER* provider, bool silent) {
   if (slots.count() == 0) {
     // The user may just have inserted a token.
     slots.Count(CK_TRUE);
-    if (slots.count() == 0) return Refuse(NTE_FAIL, "NTE_FAIL: No active slot was found");
+    if (slots.count() == 0) return g_Log->Refuse(NTE_FAIL, "NTE_FAIL: No active slot was found");
     slots.Fetch(CK_TRUE);
   }
   return ChooseSlotOfReader(provider, slots, chosen);
@@ -173,35 +173,36 @@ SECURITY_STATUS SelectSlot(KELDAKSP_PROVIDER* provider, bool silent) {
 
 // What a failed open has allocated stays behind; kept on purpose (docs/kept-oddities.md).
 SECURITY_STATUS OpenProvider(NCRYPT_PROV_HANDLE* phProvider, const wchar_t* pszProviderName, DWORD dwFlags) {
-  if (phProvider == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: phProvider is NULL");
-  if (pszProviderName == nullptr)
-    return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszProviderName is NULL");
+  if (phProvider == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: phProvider is NULL");
+  if (pszProviderName == nullptr) {
+    return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszProviderName is NULL");
+  }
 
   // Two characters more than are read, so that a walk over the strings always meets a terminator.
   wchar_t aliases[1024 + 2] = {};
   DWORD cbAliases = 2048;
   if (RegGetValueW(HKEY_LOCAL_MACHINE, kRegistrationKey, L"Aliases", RRF_RT_REG_MULTI_SZ, nullptr, aliases,
                    &cbAliases) != ERROR_SUCCESS) {
-    return Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: OpenProvider::RegGetValue");
+    return g_Log->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: OpenProvider::RegGetValue");
   }
   if (!IsAlias(aliases, cbAliases, pszProviderName)) {
-    return Refuse(NTE_INVALID_PARAMETER,
-                  "NTE_INVALID_PARAMETER: pszProviderName does not match the registered provider name");
+    return g_Log->Refuse(NTE_INVALID_PARAMETER,
+                         "NTE_INVALID_PARAMETER: pszProviderName does not match the registered provider name");
   }
   const std::size_t cbName = (WideLength(pszProviderName) + 1) * sizeof(wchar_t);
   if (cbName >= 65536) {
-    return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: cbProvider is greater than MAXUSHORT");
+    return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: cbProvider is greater than MAXUSHORT");
   }
   KELDAKSP_PROVIDER* provider = NewProviderRecord(pszProviderName, static_cast<DWORD>(cbName));
   if (provider == nullptr) {
-    return Refuse(NTE_NO_MEMORY, "NTE_NO_MEMORY: Not enough memory to allocate for pProvider");
+    return g_Log->Refuse(NTE_NO_MEMORY, "NTE_NO_MEMORY: Not enough memory to allocate for pProvider");
   }
   const SECURITY_STATUS selection = SelectSlot(provider, (dwFlags & NCRYPT_SILENT_FLAG) != 0);
   if (selection != ERROR_SUCCESS) return selection;
 
   if (g_Cryptoki->Functions().C_OpenSession(provider->slotId, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr,
                                             &provider->hSession) != CKR_OK) {
-    return Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: Error in opening PKCS#11 session");
+    return g_Log->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: Error in opening PKCS#11 session");
   }
   g_Log->WriteLine("Caching provider instance");
   UpdateProviderCache(provider);

@@ -43,7 +43,7 @@ SECURITY_STATUS FindProperty(const KELDAKSP_PROVIDER* provider, const wchar_t* n
   } else if (WideEqual(name, NCRYPT_SECURITY_DESCR_SUPPORT_PROPERTY)) {
     value.number = 0;
   } else {
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: pszProperty is not supported");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: pszProperty is not supported");
   }
   return ERROR_SUCCESS;
 }
@@ -51,15 +51,15 @@ SECURITY_STATUS FindProperty(const KELDAKSP_PROVIDER* provider, const wchar_t* n
 SECURITY_STATUS GetProviderProperty(NCRYPT_PROV_HANDLE hProvider, const wchar_t* pszProperty, PBYTE pbOutput,
                                     DWORD cbOutput, const DWORD* pcbResult, DWORD dwFlags, DWORD& cbResult) noexcept {
   const KELDAKSP_PROVIDER* provider = ProviderFromHandle(hProvider);
-  if (provider == nullptr) return Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: pProvider is NULL");
-  if (pszProperty == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszProperty is NULL");
-  if (pcbResult == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pcbResult is NULL");
+  if (provider == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: pProvider is NULL");
+  if (pszProperty == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszProperty is NULL");
+  if (pcbResult == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pcbResult is NULL");
   if (WideLength(pszProperty) > kMaxPropertyName) {
-    return Refuse(NTE_INVALID_PARAMETER,
-                  "NTE_INVALID_PARAMETER: pszProperty length is greater than NCRYPT_MAX_PROPERTY_NAME");
+    return g_Log->Refuse(NTE_INVALID_PARAMETER,
+                         "NTE_INVALID_PARAMETER: pszProperty length is greater than NCRYPT_MAX_PROPERTY_NAME");
   }
   if ((dwFlags & ~DWORD{NCRYPT_SILENT_FLAG}) != 0) {
-    return Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: Only NCRYPT_SILENT_FLAG is an acceptable value");
+    return g_Log->Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: Only NCRYPT_SILENT_FLAG is an acceptable value");
   }
   Value value;
   const SECURITY_STATUS found = FindProperty(provider, pszProperty, value);
@@ -69,7 +69,9 @@ SECURITY_STATUS GetProviderProperty(NCRYPT_PROV_HANDLE hProvider, const wchar_t*
     g_Log->WriteLine("pbOutput is NULL, property length query succeeded.");
     return ERROR_SUCCESS;
   }
-  if (cbOutput < cbResult) return Refuse(NTE_BUFFER_TOO_SMALL, "NTE_BUFFER_TOO_SMALL: cbOutput is less than cbResult");
+  if (cbOutput < cbResult) {
+    return g_Log->Refuse(NTE_BUFFER_TOO_SMALL, "NTE_BUFFER_TOO_SMALL: cbOutput is less than cbResult");
+  }
   std::memcpy(pbOutput, value.Data(), cbResult);
   return ERROR_SUCCESS;
 }
@@ -93,24 +95,24 @@ void SetUseContext(KELDAKSP_PROVIDER* provider, const BYTE* pbInput, DWORD cbInp
 SECURITY_STATUS SetProviderProperty(NCRYPT_PROV_HANDLE hProvider, const wchar_t* pszProperty, const BYTE* pbInput,
                                     DWORD cbInput, DWORD dwFlags) {
   KELDAKSP_PROVIDER* provider = ProviderFromHandle(hProvider);
-  if (provider == nullptr) return Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: pProvider is NULL");
-  if (pszProperty == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszProperty is NULL");
+  if (provider == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: pProvider is NULL");
+  if (pszProperty == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszProperty is NULL");
   if (WideLength(pszProperty) > kMaxPropertyName) {
-    return Refuse(NTE_INVALID_PARAMETER,
-                  "NTE_INVALID_PARAMETER: The length of pszProperty is greater than NCRYPT_MAX_PROPERTY_NAME");
+    return g_Log->Refuse(NTE_INVALID_PARAMETER,
+                         "NTE_INVALID_PARAMETER: The length of pszProperty is greater than NCRYPT_MAX_PROPERTY_NAME");
   }
-  if (pbInput == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pbInput is NULL");
+  if (pbInput == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pbInput is NULL");
   if ((dwFlags & NCRYPT_PERSIST_ONLY_FLAG) != 0) {
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: NCRYPT_PERSIST_ONLY_FLAG is currently not supported");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: NCRYPT_PERSIST_ONLY_FLAG is currently not supported");
   }
   if ((dwFlags & ~DWORD{NCRYPT_SILENT_FLAG}) != 0) {
-    return Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: Only NCRYPT_SILENT_FLAG is currently supported");
+    return g_Log->Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: Only NCRYPT_SILENT_FLAG is currently supported");
   }
   if (IsReadOnly(pszProperty)) {
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: The specified property is read-only");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: The specified property is read-only");
   }
   if (!WideEqual(pszProperty, NCRYPT_USE_CONTEXT_PROPERTY)) {
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: pszProperty is not supported");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: pszProperty is not supported");
   }
   SetUseContext(provider, pbInput, cbInput);
   return ERROR_SUCCESS;

@@ -10,14 +10,15 @@ SECURITY_STATUS WINAPI KELDAKSPDeriveKey(NCRYPT_PROV_HANDLE, NCRYPT_SECRET_HANDL
   constexpr EntryLines kLines = {"KELDAKSPDeriveKey - Entry", "KELDAKSPDeriveKey - Exit: "};
   return RunEntry(kLines, [](EntryFrame&) -> SECURITY_STATUS {
     ClearProviderCache();
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: This version of KELDA KSP does not support key derivation.");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED,
+                         "NTE_NOT_SUPPORTED: This version of KELDA KSP does not support key derivation.");
   });
 }
 
 SECURITY_STATUS WINAPI KELDAKSPFreeSecret(NCRYPT_PROV_HANDLE, NCRYPT_SECRET_HANDLE) noexcept {
   constexpr EntryLines kLines = {"KELDAKSPFreeSecret - Entry", "KELDAKSPFreeSecret - Exit: "};
   return RunEntry(kLines, [](EntryFrame&) -> SECURITY_STATUS {
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: FreeSecret is not supported.");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: FreeSecret is not supported.");
   });
 }
 
@@ -25,14 +26,14 @@ SECURITY_STATUS WINAPI KELDAKSPNotifyChangeKey(NCRYPT_PROV_HANDLE, HANDLE*, DWOR
   constexpr EntryLines kLines = {"KELDAKSPNotifyChangeKey - Entry", "KELDAKSPNotifyChangeKey - Exit: "};
   return RunEntry(kLines, [](EntryFrame&) -> SECURITY_STATUS {
     ClearProviderCache();
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: NotifyChangeKey is not supported");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: NotifyChangeKey is not supported");
   });
 }
 
 SECURITY_STATUS WINAPI KELDAKSPPromptUser(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE, LPCWSTR, DWORD) noexcept {
   constexpr EntryLines kLines = {"KELDAKSPPromptUser", "KELDAKSPPromptUser", false};
   return RunEntry(kLines, [](EntryFrame&) -> SECURITY_STATUS {
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: PromptUser is not supported");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: PromptUser is not supported");
   });
 }
 
@@ -41,6 +42,6 @@ SECURITY_STATUS WINAPI KELDAKSPSecretAgreement(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HA
   constexpr EntryLines kLines = {"KELDAKSPSecretAgreement - Entry", "KELDAKSPSecretAgreement - Exit", false};
   return RunEntry(kLines, [](EntryFrame&) -> SECURITY_STATUS {
     ClearProviderCache();
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: SecretAgreement is not supported");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: SecretAgreement is not supported");
   });
 }

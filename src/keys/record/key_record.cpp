@@ -34,7 +34,7 @@ SECURITY_STATUS OpenRsaAlgorithm(BCRYPT_ALG_HANDLE& algorithm) noexcept {
 SECURITY_STATUS SetKeyName(KELDAKSP_KEY* key, const wchar_t* name) noexcept {
   const std::size_t cchName = WideLength(name) + 1;
   if (cchName > kMaxKeyNameSize) {
-    return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: Length of key name exceeds MAX_PATH");
+    return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: Length of key name exceeds MAX_PATH");
   }
   key->pszKeyName = new (std::nothrow) wchar_t[cchName];
   if (key->pszKeyName == nullptr) return NTE_NO_MEMORY;

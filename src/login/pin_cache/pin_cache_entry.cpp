@@ -49,10 +49,7 @@ SECURITY_STATUS PinCacheEntry::SetPin(const unsigned char* pin, DWORD cbPin) noe
     return result;
   }
   WipedBytes block = WipedBytes::Try(cbBlock);
-  if (block.empty()) {
-    log_->WriteLine("Not enough memory to continue operation");
-    return NTE_NO_MEMORY;
-  }
+  if (block.empty()) return log_->Refuse(NTE_NO_MEMORY, "Not enough memory to continue operation");
   result = Protect(pin, cbPin, block.data(), &cbBlock);
   if (result != ERROR_SUCCESS) {
     log_->WriteLine("Error encrypting PIN");
@@ -102,18 +99,9 @@ SECURITY_STATUS PinCacheEntry::GetPin(unsigned char* pin, DWORD* cbPin) noexcept
 }
 
 SECURITY_STATUS PinCacheEntry::Protect(const unsigned char* in, DWORD cbIn, unsigned char* out, DWORD* cbOut) noexcept {
-  if (in == nullptr) {
-    log_->WriteLine("Encrypt - dataIn cannot be NULL");
-    return NTE_INVALID_PARAMETER;
-  }
-  if (cbIn == 0) {
-    log_->WriteLine("Encrypt - dataIn length cannot be zero");
-    return NTE_INVALID_PARAMETER;
-  }
-  if (cbOut == nullptr) {
-    log_->WriteLine("Encrypt - dataOut length buffer cannot be NULL");
-    return NTE_INVALID_PARAMETER;
-  }
+  if (in == nullptr) return log_->Refuse(NTE_INVALID_PARAMETER, "Encrypt - dataIn cannot be NULL");
+  if (cbIn == 0) return log_->Refuse(NTE_INVALID_PARAMETER, "Encrypt - dataIn length cannot be zero");
+  if (cbOut == nullptr) return log_->Refuse(NTE_INVALID_PARAMETER, "Encrypt - dataOut length buffer cannot be NULL");
 
   // 0 when the length overflows, where a size_t has no more bits than a DWORD.
   const std::size_t cbNeeded = pinblock::BlockLength(cbIn);
@@ -148,10 +136,7 @@ SECURITY_STATUS PinCacheEntry::Unprotect(const unsigned char* block, DWORD cbBlo
   if (block == nullptr || cbBlock < pinblock::kMinimumLength || cbOut == nullptr) return NTE_INVALID_PARAMETER;
 
   WipedBytes plain = WipedBytes::Try(cbBlock);
-  if (plain.empty()) {
-    log_->WriteLine("Decrypt - not enough memory to continue operation");
-    return NTE_NO_MEMORY;
-  }
+  if (plain.empty()) return log_->Refuse(NTE_NO_MEMORY, "Decrypt - not enough memory to continue operation");
   std::memcpy(plain.data(), block, cbBlock);
   if (!CryptUnprotectMemory(plain.data(), cbBlock, CRYPTPROTECTMEMORY_SAME_PROCESS)) {
     const DWORD error = GetLastError();

@@ -73,8 +73,7 @@ SECURITY_STATUS PinManager::GetPin(const unsigned char* serial, unsigned char* p
   if (entry == nullptr) {
     // Lets the caller show the PIN dialog outside the section that it entered before the lookup.
     Leave();
-    log_->WriteLine("PIN Manager - PIN is not found");
-    return NTE_NOT_FOUND;
+    return log_->Refuse(NTE_NOT_FOUND, "PIN Manager - PIN is not found");
   }
 
   if (pin == nullptr) {
@@ -89,8 +88,7 @@ SECURITY_STATUS PinManager::GetPin(const unsigned char* serial, unsigned char* p
   if (copy.empty()) return NTE_NO_MEMORY;
   const std::size_t cbCopy = *cbPin;
   if (entry->GetPin(copy.data(), cbPin) != ERROR_SUCCESS) {
-    log_->WriteLine("Failed to get PIN from cache");
-    return NTE_NOT_FOUND;
+    return log_->Refuse(NTE_NOT_FOUND, "Failed to get PIN from cache");
   }
   if (cbCopy != 0) std::memcpy(pin, copy.data(), cbCopy);
   return ERROR_SUCCESS;

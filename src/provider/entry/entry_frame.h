@@ -37,12 +37,6 @@ class EntryFrame {
   bool exitLines_ = true;
 };
 
-// Logs why an entry refuses, and gives the status back for returning it.
-inline SECURITY_STATUS Refuse(SECURITY_STATUS status, const char* text) noexcept {
-  g_Log->WriteLine(text);
-  return status;
-}
-
 // Runs body(frame), which returns the entry's status, inside the entry's lines. Nothing that body throws escapes.
 template <class Body>
 SECURITY_STATUS RunEntry(const EntryLines& lines, Body&& body) noexcept {
@@ -53,9 +47,9 @@ SECURITY_STATUS RunEntry(const EntryLines& lines, Body&& body) noexcept {
   try {
     status = body(frame);
   } catch (const std::bad_alloc&) {
-    status = Refuse(NTE_NO_MEMORY, "NTE_NO_MEMORY: Not enough memory to complete the operation");
+    status = g_Log->Refuse(NTE_NO_MEMORY, "NTE_NO_MEMORY: Not enough memory to complete the operation");
   } catch (...) {
-    status = Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: The operation ended with an unexpected exception");
+    status = g_Log->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: The operation ended with an unexpected exception");
   }
   if (!frame.HasExitLines()) return status;
   if (lines.exitHasStatus) {

@@ -12,8 +12,9 @@ namespace {
 // behind on every open; both leaks are known and kept (docs/kept-oddities.md).
 bool SwitchedOff() noexcept {
   HKEY key = nullptr;
-  if (RegOpenKeyW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvale Token Works Ltd.\\KELDA SDK", &key) != ERROR_SUCCESS)
+  if (RegOpenKeyW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvale Token Works Ltd.\\KELDA SDK", &key) != ERROR_SUCCESS) {
     return false;
+  }
   constexpr DWORD kValueSize = sizeof(DWORD);
   BYTE* value = new (std::nothrow) BYTE[kValueSize]();
   if (value == nullptr) return false;
