@@ -3,11 +3,10 @@
 #include <memory>
 #include <new>
 
-#include "keys/handle_checks.h"
 #include "keys/record/key_record.h"
 #include "provider/entry/entry_frame.h"
 #include "provider/entry/key_storage_interface.h"
-#include "provider/entry/provider_cache.h"
+#include "provider/record/provider_record.h"
 #include "support/text.h"
 #include "support/wipe.h"
 #include "token/certificate.h"
@@ -50,9 +49,7 @@ SECURITY_STATUS SetName(KELDAKSP_KEY* key, const BYTE* pbInput, DWORD cbInput) n
   }
   if (cbInput % 2 != 0) return g_Log->Refuse(NTE_BAD_DATA, "(cbInput % 2)");
   // The old name goes first: without memory for the new one the key is left without a name.
-  SecureWipe(key->pszKeyName, WideLength(key->pszKeyName) * sizeof(wchar_t));
-  delete[] key->pszKeyName;
-  key->pszKeyName = nullptr;
+  DeleteKeyName(key);
   key->cbKeyName = 0;
   WipedArray<wchar_t> name = WipedArray<wchar_t>::Try(cbInput / sizeof(wchar_t) + 1);
   if (name.empty()) return NTE_NO_MEMORY;
@@ -116,50 +113,43 @@ SECURITY_STATUS Ignore(const char* text) noexcept {
   return ERROR_SUCCESS;
 }
 
-SECURITY_STATUS SetKeyProperty(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, const wchar_t* pszProperty,
-                               const BYTE* pbInput, DWORD cbInput, DWORD dwFlags) {
-  KELDAKSP_PROVIDER* provider = ProviderFromHandle(hProvider);
-  if (provider == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
-  KELDAKSP_KEY* key = KeyFromHandle(hKey);
-  if (key == nullptr) return g_Log->Refuse(NTE_INVALID_HANDLE, kKeyIsNull);
-  if (pszProperty == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszProperty is NULL");
-  if (WideLength(pszProperty) > kMaxPropertyName) {
-    return g_Log->Refuse(NTE_INVALID_PARAMETER,
-                         "NTE_INVALID_PARAMETER: pszProperty is exceeds NCRYPT_MAX_PROPERTY_NAME");
-  }
-  if (pbInput == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pbInput is NULL");
-  // Even the silent flag is refused here, on purpose: only the two persistence flags pass.
-  constexpr DWORD kRefusedFlags = ~DWORD{NCRYPT_PERSIST_ONLY_FLAG | NCRYPT_PERSIST_FLAG};
-  if (!WideEqual(pszProperty, NCRYPT_SECURITY_DESCR_PROPERTY) && (dwFlags & kRefusedFlags) != 0) {
-    return g_Log->Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: dwFlags contains an invalid flag");
-  }
-  if (WideEqual(pszProperty, NCRYPT_KEY_USAGE_PROPERTY)) return SetKeyUsage(key, pbInput, cbInput);
-  if (WideEqual(pszProperty, NCRYPT_LENGTH_PROPERTY)) return SetLength(key, pbInput, cbInput);
-  if (WideEqual(pszProperty, NCRYPT_NAME_PROPERTY)) return SetName(key, pbInput, cbInput);
-  if (WideEqual(pszProperty, NCRYPT_CERTIFICATE_PROPERTY)) return SetCertificate(provider, key, pbInput, cbInput);
-  if (WideEqual(pszProperty, NCRYPT_UI_POLICY_PROPERTY)) {
-    return Ignore("NCRYPT_UI_POLICY is not supported and will be ignored");
-  }
-  if (WideEqual(pszProperty, NCRYPT_EXPORT_POLICY_PROPERTY)) {
-    return Ignore("NCRYPT_EXPORT_POLICY_PROPERTY is not supported and will be ignored");
-  }
-  if (WideEqual(pszProperty, NCRYPT_WINDOW_HANDLE_PROPERTY)) return SetWindowHandle(provider, pbInput, cbInput);
-  return NTE_NOT_SUPPORTED;
-}
-
 }  // namespace
 
 SECURITY_STATUS WINAPI KELDAKSPSetKeyProperty(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, LPCWSTR pszProperty,
                                               PBYTE pbInput, DWORD cbInput, DWORD dwFlags) noexcept {
   constexpr EntryLines kLines = {"KELDAKSPSetKeyProperty - Entry", "KELDAKSPSetKeyProperty - Exit: "};
-  return RunEntry(kLines, [&](EntryFrame& frame) -> SECURITY_STATUS {
-    frame.Argument("hProvider   : ", hProvider);
-    frame.Argument("hKey        : ", hKey);
-    frame.WideArgument("pszProperty : ", pszProperty);
-    frame.Argument("pbInput     : ", pbInput);
-    frame.Argument("cbInput     : ", cbInput);
-    frame.Argument("dwFlags     : ", dwFlags);
-    ClearProviderCache();
-    return SetKeyProperty(hProvider, hKey, pszProperty, pbInput, cbInput, dwFlags);
+  const EntryArgument arguments[] = {
+      {"hProvider   : ", hProvider}, {"hKey        : ", hKey},    {"pszProperty : ", pszProperty},
+      {"pbInput     : ", pbInput},   {"cbInput     : ", cbInput}, {"dwFlags     : ", dwFlags},
+  };
+  return RunEntry(kLines, arguments, [&]() -> SECURITY_STATUS {
+    KELDAKSP_PROVIDER* provider;
+    KELDAKSP_KEY* key;
+    if (!CheckProvider(hProvider, provider) || !CheckKey(hKey, key)) return NTE_INVALID_HANDLE;
+    if (pszProperty == nullptr) {
+      return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszProperty is NULL");
+    }
+    if (WideLength(pszProperty) > kMaxPropertyName) {
+      return g_Log->Refuse(NTE_INVALID_PARAMETER,
+                           "NTE_INVALID_PARAMETER: pszProperty is exceeds NCRYPT_MAX_PROPERTY_NAME");
+    }
+    if (pbInput == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pbInput is NULL");
+    // Even the silent flag is refused here, on purpose: only the two persistence flags pass.
+    constexpr DWORD kRefusedFlags = ~DWORD{NCRYPT_PERSIST_ONLY_FLAG | NCRYPT_PERSIST_FLAG};
+    if (!WideEqual(pszProperty, NCRYPT_SECURITY_DESCR_PROPERTY) && (dwFlags & kRefusedFlags) != 0) {
+      return g_Log->Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: dwFlags contains an invalid flag");
+    }
+    if (WideEqual(pszProperty, NCRYPT_KEY_USAGE_PROPERTY)) return SetKeyUsage(key, pbInput, cbInput);
+    if (WideEqual(pszProperty, NCRYPT_LENGTH_PROPERTY)) return SetLength(key, pbInput, cbInput);
+    if (WideEqual(pszProperty, NCRYPT_NAME_PROPERTY)) return SetName(key, pbInput, cbInput);
+    if (WideEqual(pszProperty, NCRYPT_CERTIFICATE_PROPERTY)) return SetCertificate(provider, key, pbInput, cbInput);
+    if (WideEqual(pszProperty, NCRYPT_UI_POLICY_PROPERTY)) {
+      return Ignore("NCRYPT_UI_POLICY is not supported and will be ignored");
+    }
+    if (WideEqual(pszProperty, NCRYPT_EXPORT_POLICY_PROPERTY)) {
+      return Ignore("NCRYPT_EXPORT_POLICY_PROPERTY is not supported and will be ignored");
+    }
+    if (WideEqual(pszProperty, NCRYPT_WINDOW_HANDLE_PROPERTY)) return SetWindowHandle(provider, pbInput, cbInput);
+    return NTE_NOT_SUPPORTED;
   });
 }

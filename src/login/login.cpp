@@ -62,7 +62,7 @@ SECURITY_STATUS LoginFromCache(const KELDAKSP_PROVIDER& provider, const unsigned
     return g_PinLog->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: An unexpected error has occured.");
   }
   const CK_RV result = g_Cryptoki->Login(provider.hSession, pin.bytes, cbPin);
-  if (result == CKR_OK || result == kCkrUserAlreadyLoggedIn) return ERROR_SUCCESS;
+  if (result == CKR_OK || result == CKR_USER_ALREADY_LOGGED_IN) return ERROR_SUCCESS;
   // The PIN stays cached, and the user is not asked instead; kept on purpose.
   g_PinLog->WriteHex32("NTE_INTERNAL_ERROR: Unable to login using cached PIN. Error code: ",
                        static_cast<std::uint32_t>(result));
@@ -140,7 +140,7 @@ SECURITY_STATUS Login(KELDAKSP_PROVIDER* provider) noexcept {
 SECURITY_STATUS Logout(KELDAKSP_PROVIDER* provider) {
   if (provider == nullptr || g_Cryptoki == nullptr) return NTE_INVALID_PARAMETER;
   const CK_RV result = g_Cryptoki->Functions().C_Logout(provider->hSession);
-  if (result != CKR_OK && result != kCkrUserNotLoggedIn) return NTE_INTERNAL_ERROR;
+  if (result != CKR_OK && result != CKR_USER_NOT_LOGGED_IN) return NTE_INTERNAL_ERROR;
   // The count of characters is taken for a count of bytes, and the buffer is not released; both kept on purpose.
   SecureWipe(provider->pPinCache, provider->cchPinCache);
   provider->pPinCache = nullptr;

@@ -52,11 +52,15 @@ ListHead g_listHead;
 
 NTSTATUS WINAPI GetKeyStorageInterface(LPCWSTR pszProviderName, NCRYPT_KEY_STORAGE_FUNCTION_TABLE** ppFunctionTable,
                                        DWORD dwFlags) noexcept {
-  constexpr EntryLines kLines = {"GetKeyStorageInterface - Entry", "GetKeyStorageInterface - Exit: "};
-  return RunEntry(kLines, [&](EntryFrame& frame) -> SECURITY_STATUS {
-    frame.WideArgument("pszProviderName : ", pszProviderName);
-    frame.Argument("ppFunctionTable : ", ppFunctionTable);
-    frame.Argument("dwFlags         : ", dwFlags);
+  // Not an entry of the table: the provider cache is none of its business.
+  constexpr EntryLines kLines = {
+      .entry = "GetKeyStorageInterface - Entry", .exit = "GetKeyStorageInterface - Exit: ", .keepsProviderCache = true};
+  const EntryArgument arguments[] = {
+      {"pszProviderName : ", pszProviderName},
+      {"ppFunctionTable : ", ppFunctionTable},
+      {"dwFlags         : ", dwFlags},
+  };
+  return RunEntry(kLines, arguments, [&]() -> SECURITY_STATUS {
     if (ppFunctionTable == nullptr) {
       return g_Log->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: ppFunctionTable pointer is NULL");
     }

@@ -23,8 +23,3 @@ static_assert(sizeof(CK_FUNCTION_LIST) == 2 + 68 * sizeof(void*), "1-byte packin
 static_assert(sizeof(TokenFunctionList) == 2 + 75 * sizeof(void*), "the login entry stands at position 74");
 static_assert(sizeof(CK_TOKEN_INFO) == 160);
 #endif
-
-inline constexpr CK_RV kCkrPinLocked = 0xA4;
-inline constexpr CK_RV kCkrUserAlreadyLoggedIn = 0x100;
-inline constexpr CK_RV kCkrUserNotLoggedIn = 0x101;
-inline constexpr CK_RV kCkrBufferTooSmall = 0x150;

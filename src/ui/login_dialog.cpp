@@ -232,8 +232,8 @@ SECURITY_STATUS CLogin::Login(const unsigned char* pin, DWORD pinLength) {
 
   g_PinLog->WriteLine("Initiating login to cryptographic session");
   const CK_RV result = cryptoki_->Login(session_, pin, pinLength);
-  if (result == CKR_OK || result == kCkrUserAlreadyLoggedIn) {
-    if (result == kCkrUserAlreadyLoggedIn) g_PinLog->WriteLine("User is already logged in");
+  if (result == CKR_OK || result == CKR_USER_ALREADY_LOGGED_IN) {
+    if (result == CKR_USER_ALREADY_LOGGED_IN) g_PinLog->WriteLine("User is already logged in");
     g_PinLog->WriteLine("Login success");
     StorePinToCache(pin, pinLength);
     return ERROR_SUCCESS;
@@ -246,7 +246,7 @@ SECURITY_STATUS CLogin::Login(const unsigned char* pin, DWORD pinLength) {
     g_PinLog->WriteLine(text);
     return SCARD_W_WRONG_CHV;
   }
-  if (result == kCkrPinLocked) {
+  if (result == CKR_PIN_LOCKED) {
     SetStatusLine("Pin is locked");
     // Only Cancel remains; the keyboard must not be left with a disabled control.
     Send(WM_NEXTDLGCTL, reinterpret_cast<WPARAM>(GetDlgItem(handle_, IDCANCEL)), TRUE);

@@ -1,9 +1,9 @@
-// What an RSAPair does with its keys.
+#include "crypto/operations/rsa_operations.h"
+
 #include <cstring>
 
 #include "crypto/operations/digest_info.h"
 #include "support/wipe.h"
-#include "token/rsa_pair.h"
 
 namespace {
 
@@ -16,9 +16,17 @@ unsigned char* Input(const unsigned char* bytes) noexcept {
   return const_cast<unsigned char*>(bytes);
 }
 
+bool CanUse(const RSAPair& pair, CK_OBJECT_HANDLE key) noexcept {
+  return pair.GetSessionHandle() != 0 && key != 0 && pair.GetModule() != nullptr;
+}
+
+const CK_FUNCTION_LIST& Token(const RSAPair& pair) noexcept {
+  return pair.GetModule()->Functions();
+}
+
 SECURITY_STATUS StatusOfResult(CK_RV result) noexcept {
   if (result == CKR_OK) return ERROR_SUCCESS;
-  return result == kCkrBufferTooSmall ? NTE_BUFFER_TOO_SMALL : NTE_INTERNAL_ERROR;
+  return result == CKR_BUFFER_TOO_SMALL ? NTE_BUFFER_TOO_SMALL : NTE_INTERNAL_ERROR;
 }
 
 // Decryption tells some failures of its start apart; encryption does not. The difference is intended.
@@ -38,9 +46,9 @@ SECURITY_STATUS StatusOfDecryptInit(CK_RV result) noexcept {
 
 }  // namespace
 
-SECURITY_STATUS RSAPair::Sign(const unsigned char* pbHash, DWORD cbHash, unsigned char* pbSignature,
-                              DWORD* pcbSignature) {
-  if (session_ == 0 || privateKey_ == 0 || module_ == nullptr) return NTE_INVALID_PARAMETER;
+SECURITY_STATUS Sign(const RSAPair& pair, const unsigned char* pbHash, DWORD cbHash, unsigned char* pbSignature,
+                     DWORD* pcbSignature) {
+  if (!CanUse(pair, pair.PrivateKeyHandle())) return NTE_INVALID_PARAMETER;
   if (pbHash == nullptr || pcbSignature == nullptr) return NTE_INVALID_PARAMETER;
   if (cbHash < kMinSignInput || cbHash > kMaxSignInput) return NTE_INVALID_PARAMETER;
   DigestInfoPrefix prefix;
@@ -55,35 +63,43 @@ SECURITY_STATUS RSAPair::Sign(const unsigned char* pbHash, DWORD cbHash, unsigne
 
   CK_MECHANISM mechanism = RsaPkcs();
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks)
-  if (Token().C_SignInit(session_, &mechanism, privateKey_) != CKR_OK) return NTE_INTERNAL_ERROR;
-  return StatusOfResult(Token().C_Sign(session_, data, cbData, pbSignature, pcbSignature));
+  if (Token(pair).C_SignInit(pair.GetSessionHandle(), &mechanism, pair.PrivateKeyHandle()) != CKR_OK) {
+    return NTE_INTERNAL_ERROR;
+  }
+  return StatusOfResult(Token(pair).C_Sign(pair.GetSessionHandle(), data, cbData, pbSignature, pcbSignature));
 }
 
-SECURITY_STATUS RSAPair::Verify(const unsigned char* pbHash, DWORD cbHash, const unsigned char* pbSignature,
-                                DWORD cbSignature) {
-  if (session_ == 0 || publicKey_ == 0 || module_ == nullptr) return NTE_INVALID_PARAMETER;
+SECURITY_STATUS Verify(const RSAPair& pair, const unsigned char* pbHash, DWORD cbHash, const unsigned char* pbSignature,
+                       DWORD cbSignature) {
+  if (!CanUse(pair, pair.PublicKeyHandle())) return NTE_INVALID_PARAMETER;
   if (pbHash == nullptr || pbSignature == nullptr) return NTE_INVALID_PARAMETER;
   CK_MECHANISM mechanism = RsaPkcs();
-  if (Token().C_VerifyInit(session_, &mechanism, publicKey_) != CKR_OK) return NTE_INTERNAL_ERROR;
-  const CK_RV result = Token().C_Verify(session_, Input(pbHash), cbHash, Input(pbSignature), cbSignature);
+  if (Token(pair).C_VerifyInit(pair.GetSessionHandle(), &mechanism, pair.PublicKeyHandle()) != CKR_OK) {
+    return NTE_INTERNAL_ERROR;
+  }
+  const CK_RV result =
+      Token(pair).C_Verify(pair.GetSessionHandle(), Input(pbHash), cbHash, Input(pbSignature), cbSignature);
   return result == CKR_OK ? ERROR_SUCCESS : NTE_FAIL;
 }
 
-SECURITY_STATUS RSAPair::Encrypt(const unsigned char* pbInput, DWORD cbInput, unsigned char* pbOutput,
-                                 DWORD* pcbOutput) {
-  if (session_ == 0 || publicKey_ == 0 || module_ == nullptr) return NTE_INVALID_PARAMETER;
+SECURITY_STATUS Encrypt(const RSAPair& pair, const unsigned char* pbInput, DWORD cbInput, unsigned char* pbOutput,
+                        DWORD* pcbOutput) {
+  if (!CanUse(pair, pair.PublicKeyHandle())) return NTE_INVALID_PARAMETER;
   if (pbInput == nullptr || pcbOutput == nullptr) return NTE_INVALID_PARAMETER;
   CK_MECHANISM mechanism = RsaPkcs();
-  if (Token().C_EncryptInit(session_, &mechanism, publicKey_) != CKR_OK) return NTE_INTERNAL_ERROR;
-  return StatusOfResult(Token().C_Encrypt(session_, Input(pbInput), cbInput, pbOutput, pcbOutput));
+  if (Token(pair).C_EncryptInit(pair.GetSessionHandle(), &mechanism, pair.PublicKeyHandle()) != CKR_OK) {
+    return NTE_INTERNAL_ERROR;
+  }
+  return StatusOfResult(Token(pair).C_Encrypt(pair.GetSessionHandle(), Input(pbInput), cbInput, pbOutput, pcbOutput));
 }
 
-SECURITY_STATUS RSAPair::Decrypt(const unsigned char* pbInput, DWORD cbInput, unsigned char* pbOutput,
-                                 DWORD* pcbOutput) {
-  if (session_ == 0 || privateKey_ == 0 || module_ == nullptr) return NTE_INVALID_PARAMETER;
+SECURITY_STATUS Decrypt(const RSAPair& pair, const unsigned char* pbInput, DWORD cbInput, unsigned char* pbOutput,
+                        DWORD* pcbOutput) {
+  if (!CanUse(pair, pair.PrivateKeyHandle())) return NTE_INVALID_PARAMETER;
   if (pbInput == nullptr || pcbOutput == nullptr) return NTE_INVALID_PARAMETER;
   CK_MECHANISM mechanism = RsaPkcs();
-  const SECURITY_STATUS init = StatusOfDecryptInit(Token().C_DecryptInit(session_, &mechanism, privateKey_));
+  const SECURITY_STATUS init =
+      StatusOfDecryptInit(Token(pair).C_DecryptInit(pair.GetSessionHandle(), &mechanism, pair.PrivateKeyHandle()));
   if (init != ERROR_SUCCESS) return init;
-  return StatusOfResult(Token().C_Decrypt(session_, Input(pbInput), cbInput, pbOutput, pcbOutput));
+  return StatusOfResult(Token(pair).C_Decrypt(pair.GetSessionHandle(), Input(pbInput), cbInput, pbOutput, pcbOutput));
 }

@@ -1,7 +1,6 @@
 #include "keys/record/key_record.h"
 
 #include <atomic>
-#include <memory>
 #include <new>
 
 #include "diag/debug_log.h"
@@ -10,8 +9,6 @@
 #include "support/nt_status.h"
 #include "support/text.h"
 #include "support/wipe.h"
-#include "token/cryptoki_module.h"
-#include "token/rsa_pair.h"
 
 namespace {
 
@@ -57,6 +54,12 @@ KELDAKSP_KEY* KeyFromHandle(NCRYPT_KEY_HANDLE hKey) noexcept {
   return key;
 }
 
+bool CheckKey(NCRYPT_KEY_HANDLE hKey, KELDAKSP_KEY*& key) noexcept {
+  key = KeyFromHandle(hKey);
+  if (key == nullptr) g_Log->WriteLine("NTE_INVALID_HANDLE: pKey is NULL");
+  return key != nullptr;
+}
+
 SECURITY_STATUS NewKeyObject(const wchar_t* pszKeyName, KELDAKSP_KEY** ppKey) noexcept {
   *ppKey = nullptr;
   auto* key = new (std::nothrow) KELDAKSP_KEY();
@@ -80,13 +83,17 @@ SECURITY_STATUS NewKeyObject(const wchar_t* pszKeyName, KELDAKSP_KEY** ppKey) no
   return ERROR_SUCCESS;
 }
 
+void DeleteKeyName(KELDAKSP_KEY* key) noexcept {
+  if (key->pszKeyName == nullptr) return;
+  // cbKeyName is not a size in bytes, whatever it is called: the text itself tells how long it is.
+  SecureWipe(key->pszKeyName, WideLength(key->pszKeyName) * sizeof(wchar_t));
+  delete[] key->pszKeyName;
+  key->pszKeyName = nullptr;
+  key->cbKeyName = 0;
+}
+
 SECURITY_STATUS ReleaseKeyObject(KELDAKSP_KEY* key) noexcept {
-  if (key->pszKeyName != nullptr) {
-    SecureWipe(key->pszKeyName, WideLength(key->pszKeyName) * sizeof(wchar_t));
-    delete[] key->pszKeyName;
-    key->pszKeyName = nullptr;
-    key->cbKeyName = 0;
-  }
+  DeleteKeyName(key);
   WipeAndFree(key->pbKeyFile, key->cbKeyFile);
   WipeAndFree(key->pbSecurityDescr, key->cbSecurityDescr);
   WipeAndFree(key->pbPrivateKey, key->cbPrivateKey);
@@ -100,20 +107,4 @@ void DestroyKeyObject(KELDAKSP_KEY* key) noexcept {
   ReleaseKeyObject(key);
   SecureWipe(key, sizeof(*key));
   delete key;
-}
-
-SECURITY_STATUS CheckKeyExists(KELDAKSP_KEY* key, const KELDAKSP_PROVIDER* provider) {
-  const std::unique_ptr<RSAPair> pair(new (std::nothrow) RSAPair());
-  if (pair == nullptr) return NTE_NO_MEMORY;
-  pair->SetSession(provider->hSession);
-  pair->SetModule(g_Cryptoki);
-  SECURITY_STATUS status = NTE_NO_MEMORY;
-  try {
-    status = pair->FindByLabel(key->pszKeyName);
-  } catch (const std::bad_alloc&) {
-    // the status says it
-  }
-  key->hPrivateKeyObject = pair->PrivateKeyHandle();
-  key->hPublicKeyObject = pair->PublicKeyHandle();
-  return status;
 }

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <memory>
 
-#include "provider/record/provider_record.h"
 #include "support/windows.h"
 #include "support/pkcs11.h"
 
@@ -59,9 +58,16 @@ inline void ClearList(LIST_ENTRY* head) noexcept {
 // The record behind a key handle, or null when the handle is null or names no key record.
 KELDAKSP_KEY* KeyFromHandle(NCRYPT_KEY_HANDLE hKey) noexcept;
 
+// The check of a key handle: finds the record, or logs that there is none. An entry that words it differently uses
+// KeyFromHandle.
+bool CheckKey(NCRYPT_KEY_HANDLE hKey, KELDAKSP_KEY*& key) noexcept;
+
 // Allocates and initialises a record for a key of the given name (zero-terminated) or of none. The caller owns the
 // record. Returns 0, NTE_NO_MEMORY, NTE_INVALID_PARAMETER (name too long) or the status of opening the RSA algorithm.
 SECURITY_STATUS NewKeyObject(const wchar_t* pszKeyName, KELDAKSP_KEY** ppKey) noexcept;
+
+// Wipes and frees the record's name, if it has one.
+void DeleteKeyName(KELDAKSP_KEY* key) noexcept;
 
 // Frees what the record owns except imported components, without freeing the record. Returns 0.
 SECURITY_STATUS ReleaseKeyObject(KELDAKSP_KEY* key) noexcept;
@@ -74,8 +80,3 @@ struct KeyObjectDeleter {
 };
 // Owns a record until it is handed out.
 using KeyObjectOwner = std::unique_ptr<KELDAKSP_KEY, KeyObjectDeleter>;
-
-// Asks the token whether a key labelled with the record's name exists and fills the record's object handles from the
-// answer, whatever it is. Returns NTE_EXISTS, NTE_NOT_FOUND, NTE_INVALID_PARAMETER, NTE_INTERNAL_ERROR or
-// NTE_NO_MEMORY.
-SECURITY_STATUS CheckKeyExists(KELDAKSP_KEY* key, const KELDAKSP_PROVIDER* provider);

@@ -1,7 +1,12 @@
 // CNG's key storage interface: the function table that the router calls, and our exports. mingw's headers lack it.
 #pragma once
 
+#include <cstddef>
+
 #include "support/windows.h"
+
+// Characters of a property name at most, the terminator not counted (NCRYPT_MAX_PROPERTY_NAME).
+inline constexpr std::size_t kMaxPropertyName = 64;
 
 extern "C" {
 

@@ -35,3 +35,11 @@ inline constexpr char kProviderSignature[4] = {'K', 'L', 'D', 'A'};
 
 // The record behind a provider handle, or null when the handle is null or names no provider record.
 KELDAKSP_PROVIDER* ProviderFromHandle(NCRYPT_PROV_HANDLE hProvider) noexcept;
+
+// The check that nearly every entry begins with: finds the record behind the handle, or logs that there is none. An
+// entry that words it differently uses ProviderFromHandle.
+bool CheckProvider(NCRYPT_PROV_HANDLE hProvider, KELDAKSP_PROVIDER*& provider) noexcept;
+
+// Allocates and initialises a record for a provider of this name, of cbName bytes with its terminator. Null when there
+// is no memory for the record itself; throws std::bad_alloc when there is none for what it owns.
+KELDAKSP_PROVIDER* NewProviderRecord(const wchar_t* name, DWORD cbName);
