@@ -19,13 +19,7 @@
 #include "token/private_key.h"
 #include "token/public_key.h"
 #include "token/rsa_pair.h"
-#include "token_objects/token_fixture.h"
-
-// The process-wide objects that the classes write to.
-LogPointer g_KeyNameLog;
-LogPointer g_Log;
-LogPointer g_PinLog;
-CryptokiModule* g_Cryptoki = nullptr;
+#include "inside/token_fixture.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "token/rsa_pair.h"
-#include "token_objects/token_fixture.h"
+#include "inside/token_fixture.h"
 
 namespace {
 
