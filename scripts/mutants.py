@@ -16,7 +16,7 @@ import sys
 import threading
 import time
 
-Mutant = collections.namedtuple("Mutant", "number kind file line before after text")
+Mutant = collections.namedtuple("Mutant", "number kind file line begin before after text")
 Program = collections.namedtuple("Program", "name path windows")
 
 TOKEN = re.compile(
@@ -75,12 +75,12 @@ def complete(line):
 
 
 def candidates(path, text):
-    """Every change that is known for one file, as (kind, line, text before, text after, the changed file)."""
+    """Every change that is known for one file, as (kind, line, offset, text before, text after, the changed file)."""
     found = []
 
     def add(kind, begin, end, new):
         line = text.count("\n", 0, begin) + 1
-        found.append((kind, line, text[begin:end], new, text[:begin] + new + text[end:]))
+        found.append((kind, line, begin, text[begin:end], new, text[:begin] + new + text[end:]))
 
     resource = path.suffix == ".rc"
     lines = text.split("\n")
@@ -152,13 +152,13 @@ def choose(root, seed):
     while pools:
         for path in names:
             kind = draw.choice(sorted(pools[path]))
-            _, line, before, after, text = pools[path][kind].pop()
+            _, line, begin, before, after, text = pools[path][kind].pop()
             if not pools[path][kind]:
                 del pools[path][kind]
             if not pools[path]:
                 del pools[path]
             number += 1
-            yield Mutant(number, kind, path.relative_to(root), line, before, after, text)
+            yield Mutant(number, kind, path.relative_to(root), line, begin, before, after, text)
         left = sorted(pools)
         names = draw.choices(left, [sum(map(len, pools[path].values())) for path in left]) if left else []
 
@@ -296,16 +296,35 @@ def shown(mutant):
     return f"{mutant.number:4} {mutant.file}:{mutant.line} {mutant.kind}: {change_of(mutant)}"
 
 
+def bare(text):
+    """The text without what formatting may change."""
+    return re.sub(r"\s+", "", text)
+
+
 def harmless(document):
-    """The rows below the document's heading "Does a test notice a change?" that name a file, a line's code and a change
-    of it, each in backticks: changes that were looked at and that no caller, log or token can tell from the original."""
-    rows = set()
+    """The rows below the document's heading "Does a test notice a change?" that name a file, a piece of its code and a
+    change within it, each in backticks: changes that were looked at and that no caller, log or token can tell from the
+    original."""
+    rows = []
     text = document.read_text(encoding="utf-8").partition("\n## Does a test notice a change?\n")[2]
     for row in text.partition("\n## ")[0].splitlines():
-        quoted = re.findall(r"`([^`]+)`", row)
+        quoted = [text.replace("\\|", "|") for text in re.findall(r"`([^`]+)`", row)]
         if row.startswith("| `src/") and len(quoted) == 3:
-            rows.add(tuple(text.replace("\\|", "|") for text in quoted))
+            rows.append((quoted[0], bare(quoted[1]), bare(quoted[2])))
     return rows
+
+
+def is_harmless(mutant, source, rows):
+    """Whether a row names this change at this place. Spaces and line ends do not count, so that a row outlives a
+    reformatting of the source."""
+    text = bare(source)
+    at = len(bare(source[: mutant.begin]))
+    for file, code, change in rows:
+        if file == str(mutant.file) and change == bare(change_of(mutant)):
+            # The code surrounds the change.
+            if text.find(code, max(0, at - len(code) + 1), at + len(code)) >= 0:
+                return True
+    return False
 
 
 def main():
@@ -386,12 +405,10 @@ def main():
     verdicts.sort(key=lambda pair: pair[0].number)
     known = harmless(options.document)
     tree = workers[0].tree
-
-    def is_harmless(mutant):
-        line = (tree / mutant.file).read_text().split("\n")[mutant.line - 1].strip()
-        return (str(mutant.file), line, change_of(mutant)) in known
-
-    verdicts = [(m, "changes nothing" if v == "survived" and is_harmless(m) else v) for m, v in verdicts]
+    verdicts = [
+        (m, "changes nothing" if v == "survived" and is_harmless(m, (tree / m.file).read_text(), known) else v)
+        for m, v in verdicts
+    ]
     counted = [(m, v) for m, v in verdicts if v not in ("does not compile", "changes nothing")]
     survivors = [(m, v) for m, v in counted if v == "survived"]
     minutes = (time.monotonic() - begun) / 60
