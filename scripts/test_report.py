@@ -45,7 +45,7 @@ def counts_of(test, output, build):
     complaint = None
     if status != "run":
         failure = test.find("failure")
-        complaint = (failure.get("message") if failure is not None else "") or f"status {status}"
+        complaint = (failure.get("message") if failure is not None else "") or "ended badly"
     try:
         counts = of_program(report) if report.exists() else of_script(output)
     except ElementTree.ParseError:
