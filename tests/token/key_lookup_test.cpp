@@ -4,7 +4,7 @@
 #include "support/allocator.h"
 #include "token/key_lookup.h"
 #include "token/key_object_list.h"
-#include "token_objects/token_fixture.h"
+#include "inside/token_fixture.h"
 
 // The provider's allocator keeps a reserve for its exceptions; here the runtime library's will do.
 void* AllocateBlock(std::size_t size) noexcept {

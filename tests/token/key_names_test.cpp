@@ -3,6 +3,7 @@
 #include "token/key_names.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -31,13 +32,14 @@ LONG CALLBACK NoteLine(EXCEPTION_POINTERS* pointers) {
 class KeyNamesTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    g_KeyNameLog = LogPointer::Create(0, 0);
+    others_ = std::exchange(g_KeyNameLog, LogPointer::Create(0, 0));
     handler_ = AddVectoredExceptionHandler(1, &NoteLine);
     g_lines.clear();
   }
   void TearDown() override {
     RemoveVectoredExceptionHandler(handler_);
     g_KeyNameLog.Destroy();
+    g_KeyNameLog = others_;
   }
   // The lines of one call: googletest talks to the debugger as well.
   SECURITY_STATUS NameOf(const Bytes* id, const Bytes* label, DWORD cbId, DWORD cbLabel) {
@@ -53,6 +55,7 @@ class KeyNamesTest : public ::testing::Test {
   std::vector<std::string> lines_;
 
  private:
+  LogPointer others_;
   void* handler_ = nullptr;
 };
 

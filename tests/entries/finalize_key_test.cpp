@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "provider/key_fixture.h"
+#include "kit/key_entry.h"
 
 namespace {
 

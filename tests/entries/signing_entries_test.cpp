@@ -3,7 +3,7 @@
 #include <string>
 #include <utility>
 
-#include "key_fixture.h"
+#include "kit/key_entry.h"
 
 namespace {
 

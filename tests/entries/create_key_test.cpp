@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "provider/key_fixture.h"
+#include "kit/key_entry.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // DeleteKey: the token objects go, private first, and what the record owns.
 #include <string>
 
-#include "provider/key_fixture.h"
+#include "kit/key_entry.h"
 
 namespace {
 

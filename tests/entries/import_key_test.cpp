@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "key_fixture.h"
+#include "kit/key_entry.h"
 
 namespace {
 

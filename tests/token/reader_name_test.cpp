@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "wide.h"
+#include "kit/wide.h"
 
 namespace {
 

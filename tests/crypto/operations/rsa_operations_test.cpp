@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "crypto/operations/rsa_operations.h"
-#include "token_objects/token_fixture.h"
+#include "inside/token_fixture.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // GetKeyProperty: every property, size queries, short buffers, and what is refused.
 #include <string>
 
-#include "provider/key_fixture.h"
+#include "kit/key_entry.h"
 
 namespace {
 

@@ -19,7 +19,7 @@
 #include "token/private_key.h"
 #include "token/public_key.h"
 #include "token/rsa_pair.h"
-#include "token_objects/token_fixture.h"
+#include "inside/token_fixture.h"
 
 namespace {
 

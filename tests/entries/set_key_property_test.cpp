@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "kit/certificate.h"
-#include "provider/key_fixture.h"
+#include "kit/key_entry.h"
 
 #include <wincrypt.h>
 
