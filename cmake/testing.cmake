@@ -11,6 +11,9 @@ endif()
 set(KELDA_TEST_KINDS unit entries dialogs soak standins e2e check)
 set(KELDA_TEST_RESULTS ${CMAKE_BINARY_DIR}/test-results)
 
+# All of them, and nothing that none of them needs.
+add_custom_target(test_programs)
+
 # kelda_test_program(NAME KIND kind SOURCES file... LIBRARIES target... [TIMEOUT seconds])
 #
 # The target NAME, a GoogleTest program. CTest gets one test for each of its files that has test suites: a process for each
@@ -23,6 +26,7 @@ function(kelda_test_program name)
     set(arg_TIMEOUT 300)
   endif()
   add_executable(${name} ${arg_SOURCES})
+  add_dependencies(test_programs ${name})
   target_link_libraries(${name} PRIVATE ${arg_LIBRARIES})
 
   set(sources "")

@@ -80,6 +80,7 @@ SECURITY_STATUS WriteImportedKey(KELDAKSP_KEY* key, const KELDAKSP_PROVIDER* pro
     g_Log->WriteInt("Private key creation failed: ", static_cast<std::int32_t>(result));
     return NTE_INTERNAL_ERROR;
   }
+  // not reached: the creation always fails
   key->hPrivateKeyObject = privateKey->GetObjectHandle();
   key->hPublicKeyObject = publicKey->GetObjectHandle();
   key->fFinished = 1;

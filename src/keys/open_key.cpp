@@ -33,6 +33,7 @@ SECURITY_STATUS CopyKeyPart(const wchar_t* part, WipedArray<wchar_t>& identifier
   const std::size_t cchIdentifier = WideLength(part) + 2;
   identifier = WipedArray<wchar_t>(cchIdentifier);
   if (BoundedCopy(identifier.data(), cchIdentifier, part) != 0) {
+    // not reached: there is room for two characters more than the text has
     return g_Log->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: String processing failed");
   }
   return ERROR_SUCCESS;

