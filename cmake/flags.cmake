@@ -43,7 +43,7 @@ endif()
 add_library(kelda_pkcs11 INTERFACE)
 target_include_directories(kelda_pkcs11 SYSTEM INTERFACE /usr/include/p11-kit-1)
 
-# kelda_gtest: GoogleTest and GoogleMock built from Debian's sources with our toolchain.
+# GoogleTest and GoogleMock (gtest, gtest_main, gmock), built from Debian's sources with our toolchain.
 if(NOT TARGET gmock)
   set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
   set(gtest_force_shared_crt ON CACHE BOOL "" FORCE)

@@ -132,17 +132,16 @@ start_display() {
   export DISPLAY=:$number
 }
 
-# assemble_app ARCH DIR: lays keldactl, the provider and the stand-ins side by side in DIR, as an installation would,
-# and sets the environment in which programs use them.
+# assemble_app ARCH DIR: installs keldactl, the provider and the stand-ins side by side in DIR and sets the environment in
+# which programs use them.
 assemble_app() {
-  local arch=$1 dir=$2 file
-  mkdir -p "$dir"
-  for file in "$BUILD/$arch"/bin/keldactl.exe "$BUILD/$arch"/bin/keldaksp.dll "$BUILD/$arch"/standins/*.dll; do
-    [[ -f $file ]] || die "$file is missing; scripts/build.sh $arch makes it"
-    cp "$file" "$dir"
+  local arch=$1 dir=$2 component
+  for component in product client standins; do
+    cmake --install "$BUILD/$arch" --component "$component" --prefix "$dir" >/dev/null ||
+      die "what scripts/build.sh $arch makes is missing"
   done
   # The part of the soft token that is Linux code.
-  export WINEDLLPATH=$BUILD/$arch/standins
+  export WINEDLLPATH=$dir
   export WINEDLLOVERRIDES="ncrypt,winscard,keldapkcs11=n,b;mscoree=;mshtml="
 }
 
