@@ -12,6 +12,7 @@ using fake::Ascii;
 using fake::Bytes;
 using kit::Frame;
 using kit::Hex32;
+using kit::Join;
 using kit::Line;
 using kit::Pointer32;
 

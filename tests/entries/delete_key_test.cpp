@@ -8,6 +8,7 @@ namespace {
 using fake::Ascii;
 using kit::Frame;
 using kit::Hex32;
+using kit::Join;
 using kit::Line;
 
 class DeleteKeyTest : public KeyEntryTest {
@@ -178,23 +179,15 @@ TEST_F(DeleteKeyTest, NothingThatTheTokenThrowsEscapes) {
 TEST_F(DeleteKeyTest, RefusesForeignHandles) {
   token().AddKeyPair(Ascii("Key1"), "Key1");
   const NCRYPT_KEY_HANDLE key = Open(L"Key1");
-  std::vector<kit::ProviderRecord> providers = BrokenRecords(providerRecord());
-  std::vector<NCRYPT_PROV_HANDLE> foreignProviders{0, key};
-  for (kit::ProviderRecord& one : providers)
-    foreignProviders.push_back(reinterpret_cast<NCRYPT_PROV_HANDLE>(&one));
   const NCRYPT_PROV_HANDLE good = provider_;
-  for (const NCRYPT_PROV_HANDLE handle : foreignProviders) {
+  for (const NCRYPT_PROV_HANDLE handle : ForeignHandles(providerRecord(), {0, key})) {
     provider_ = handle;
     // The provider is looked at before key and flags.
     EXPECT_EQ(ksp().DeleteKey(provider_, 0, 0xFFFFFFFF), NTE_INVALID_HANDLE);
     ExpectLines(Lines(0, 0xFFFFFFFF, {"NTE_INVALID_HANDLE: pProvider is NULL"}, NTE_INVALID_HANDLE));
   }
   provider_ = good;
-  std::vector<kit::KeyRecord> records = BrokenRecords(*kit::KeyOf(key));
-  std::vector<NCRYPT_KEY_HANDLE> foreignKeys{0, provider_};
-  for (kit::KeyRecord& one : records)
-    foreignKeys.push_back(reinterpret_cast<NCRYPT_KEY_HANDLE>(&one));
-  for (const NCRYPT_KEY_HANDLE handle : foreignKeys) {
+  for (const NCRYPT_KEY_HANDLE handle : ForeignHandles(*kit::KeyOf(key), {0, provider_})) {
     EXPECT_EQ(ksp().DeleteKey(provider_, handle, 0xFFFFFFFF), NTE_INVALID_HANDLE);
     ExpectLines(Lines(handle, 0xFFFFFFFF, {"NTE_INVALID_HANDLE: pKey is NULL"}, NTE_INVALID_HANDLE));
   }

@@ -5,12 +5,14 @@
 #include <utility>
 #include <vector>
 
+#include "kit/bytes.h"
 #include "kit/key_entry.h"
 
 namespace {
 
 using fake::Ascii;
 using fake::Bytes;
+using kit::Counting;
 using kit::Frame;
 using kit::Hex32;
 using kit::Line;
@@ -30,23 +32,10 @@ const char kNotFinished[] = "NTE_BAD_KEY_STATE: The specified key is not yet fin
 const char kNoLogin[] = "Failed to login. Operation aborted.";
 const char kLength[] = "pbOutput is NULL. Data length: ";
 
-Bytes Counting(std::size_t count) {
-  Bytes bytes(count);
-  for (std::size_t i = 0; i < count; ++i)
-    bytes[i] = static_cast<BYTE>(0xA0 + i);
-  return bytes;
-}
-
 enum class Direction { Encrypt, Decrypt };
 
-class EncryptionTest : public KeyEntryTest {
+class EncryptionTest : public OpenedKeyTest<kBlock * 8> {
  protected:
-  void SetUp() override {
-    KeyEntryTest::SetUp();
-    pair_ = token().AddKeyPair(Ascii("Key1"), "", kBlock * 8);
-    key_ = Open(L"Key1");
-    record_ = kit::KeyOf(key_);
-  }
   void LogIn() { CachePin(provider_, key_); }
   // Loads the provider anew with the log switched off, for cases of many calls whose lines are looked at elsewhere.
   void LoadWithoutLog() {
@@ -138,9 +127,6 @@ class EncryptionTest : public KeyEntryTest {
     return {Hex32("Decryption failed. Check PKCS logs for detailed information", static_cast<ULONG>(status))};
   }
 
-  fake::KeyPair pair_;
-  NCRYPT_KEY_HANDLE key_ = 0;
-  kit::KeyRecord* record_ = nullptr;
   Bytes input_;
   Bytes output_;
   DWORD length_ = 0;

@@ -32,14 +32,8 @@ const char kNoPlain[] = "NTE_NOT_SUPPORTED: Exporting in plain text is not permi
 const char kTooSmall[] = "NTE_BUFFER_TOO_SMALL: The expected output is larger than the output buffer";
 const char kQuery[] = "pbOutput is NULL. Querying key blob size... ";
 
-class ExportKeyTest : public KeyEntryTest {
+class ExportKeyTest : public OpenedKeyTest<2048> {
  protected:
-  void SetUp() override {
-    KeyEntryTest::SetUp();
-    pair_ = token().AddKeyPair(Ascii("Key1"), "", 2048);
-    key_ = Open(L"Key1");
-    record_ = kit::KeyOf(key_);
-  }
   struct Arguments {
     NCRYPT_PROV_HANDLE provider;
     NCRYPT_KEY_HANDLE key;
@@ -112,9 +106,6 @@ class ExportKeyTest : public KeyEntryTest {
     return blob;
   }
 
-  fake::KeyPair pair_;
-  NCRYPT_KEY_HANDLE key_ = 0;
-  kit::KeyRecord* record_ = nullptr;
   Bytes output_;
   DWORD length_ = 0;
 };

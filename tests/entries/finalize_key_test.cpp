@@ -14,6 +14,7 @@ using fake::Bytes;
 using fake::HexOf;
 using kit::Frame;
 using kit::Hex32;
+using kit::Join;
 using kit::Line;
 using kit::Number;
 
@@ -56,22 +57,14 @@ class FinalizeKeyTest : public KeyEntryTest {
 
 TEST_F(FinalizeKeyTest, RefusesForeignHandles) {
   const NCRYPT_KEY_HANDLE key = Create(nullptr);
-  std::vector<kit::ProviderRecord> providers = BrokenRecords(providerRecord());
-  std::vector<NCRYPT_PROV_HANDLE> foreignProviders{0, key};
-  for (kit::ProviderRecord& one : providers)
-    foreignProviders.push_back(reinterpret_cast<NCRYPT_PROV_HANDLE>(&one));
   const NCRYPT_PROV_HANDLE good = provider_;
-  for (const NCRYPT_PROV_HANDLE handle : foreignProviders) {
+  for (const NCRYPT_PROV_HANDLE handle : ForeignHandles(providerRecord(), {0, key})) {
     provider_ = handle;
     EXPECT_EQ(Finalize(0, 0xFFFFFFFF), NTE_INVALID_HANDLE);
     ExpectBody({"NTE_INVALID_HANDLE: pProvider is NULL"}, NTE_INVALID_HANDLE);
   }
   provider_ = good;
-  std::vector<kit::KeyRecord> records = BrokenRecords(*kit::KeyOf(key));
-  std::vector<NCRYPT_KEY_HANDLE> foreignKeys{0, provider_};
-  for (kit::KeyRecord& one : records)
-    foreignKeys.push_back(reinterpret_cast<NCRYPT_KEY_HANDLE>(&one));
-  for (const NCRYPT_KEY_HANDLE handle : foreignKeys) {
+  for (const NCRYPT_KEY_HANDLE handle : ForeignHandles(*kit::KeyOf(key), {0, provider_})) {
     EXPECT_EQ(Finalize(handle, 0xFFFFFFFF), NTE_INVALID_HANDLE);
     ExpectBody({"NTE_INVALID_HANDLE: pKey is NULL"}, NTE_INVALID_HANDLE);
   }

@@ -8,6 +8,7 @@ namespace {
 using fake::Ascii;
 using kit::Frame;
 using kit::Hex32;
+using kit::Join;
 using kit::Line;
 using kit::Pointer32;
 

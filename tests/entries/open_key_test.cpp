@@ -11,6 +11,7 @@ namespace {
 using fake::Ascii;
 using fake::Bytes;
 using kit::Hex32;
+using kit::Join;
 using kit::kBanner;
 using kit::kClosingBanner;
 using kit::KeyName;
@@ -88,12 +89,6 @@ class OpenKeyTest : public kit::ProviderTest {
     return {KeyName("FindKELDKSPKeyfromObjectList - Entry"), KeyName("Looking for key with name: " + name),
             KeyName("Test KeyName pointer"), KeyName("Searching KeyName = " + name),
             Number("Starting iteration. Count: ", static_cast<long>(count))};
-  }
-  static std::vector<Line> Join(std::initializer_list<std::vector<Line>> parts) {
-    std::vector<Line> all;
-    for (const std::vector<Line>& part : parts)
-      all.insert(all.end(), part.begin(), part.end());
-    return all;
   }
   // Builds the list, so that the lines of the lookup stand alone.
   void BuildList() {

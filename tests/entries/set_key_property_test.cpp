@@ -16,6 +16,7 @@ using fake::Ascii;
 using fake::HexOf;
 using kit::Frame;
 using kit::Hex32;
+using kit::Join;
 using kit::Line;
 using kit::Number;
 using kit::Pointer32;
@@ -350,21 +351,13 @@ TEST_F(SetKeyPropertyTest, ChecksInOrder) {
 TEST_F(SetKeyPropertyTest, RefusesForeignHandles) {
   const NCRYPT_PROV_HANDLE good = provider_;
   const NCRYPT_KEY_HANDLE goodKey = key_;
-  std::vector<kit::ProviderRecord> providers = BrokenRecords(providerRecord());
-  std::vector<NCRYPT_PROV_HANDLE> foreignProviders{key_};
-  for (kit::ProviderRecord& one : providers)
-    foreignProviders.push_back(reinterpret_cast<NCRYPT_PROV_HANDLE>(&one));
-  for (const NCRYPT_PROV_HANDLE handle : foreignProviders) {
+  for (const NCRYPT_PROV_HANDLE handle : ForeignHandles(providerRecord(), {key_})) {
     provider_ = handle;
     EXPECT_EQ(SetNumber(L"Length", 1024), NTE_INVALID_HANDLE);
     ExpectLines(Lines("Length", {"NTE_INVALID_HANDLE: pProvider is NULL"}, NTE_INVALID_HANDLE));
   }
   provider_ = good;
-  std::vector<kit::KeyRecord> records = BrokenRecords(record());
-  std::vector<NCRYPT_KEY_HANDLE> foreignKeys{provider_};
-  for (kit::KeyRecord& one : records)
-    foreignKeys.push_back(reinterpret_cast<NCRYPT_KEY_HANDLE>(&one));
-  for (const NCRYPT_KEY_HANDLE handle : foreignKeys) {
+  for (const NCRYPT_KEY_HANDLE handle : ForeignHandles(record(), {provider_})) {
     key_ = handle;
     EXPECT_EQ(SetNumber(L"Length", 1024), NTE_INVALID_HANDLE);
     ExpectLines(Lines("Length", {"NTE_INVALID_HANDLE: pKey is NULL"}, NTE_INVALID_HANDLE));

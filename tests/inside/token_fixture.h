@@ -1,6 +1,10 @@
 // A token with one slot and an open session, for the classes that work on it.
 #pragma once
 
+#include <string>
+#include <vector>
+
+#include "kit/bytes.h"
 #include "kit/provider.h"
 #include "token/cryptoki_module.h"
 
@@ -30,6 +34,21 @@ class TokenTest : public ::testing::Test {
     object.SetModule(module_);
     return object;
   }
+  void ExpectCalls(const std::vector<std::string>& expected) { KIT_EXPECT_CALLS(expected); }
 
   const CryptokiModule* module_ = nullptr;
+};
+
+// Answers of creations: an argument is missing, a part of the key is missing, a private key never is created.
+inline constexpr CK_RV kArgumentsBad = 7;
+inline constexpr CK_RV kIncomplete = 208;
+inline constexpr CK_RV kNeverCreates = 400;
+
+// What the tests of the token's objects fill them with.
+class TokenObjectsTest : public TokenTest {
+ protected:
+  static CK_ULONG Size(const fake::Bytes& bytes) { return static_cast<CK_ULONG>(bytes.size()); }
+
+  const fake::Bytes exponent_{0x01, 0x00, 0x01, 0x09};
+  const fake::Bytes id_ = kit::Counting(64, 0x80);
 };

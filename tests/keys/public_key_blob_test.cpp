@@ -6,24 +6,20 @@
 
 #include <gtest/gtest.h>
 
+#include "kit/bytes.h"
+
 #include "keys/private_key_blob.h"
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
+using kit::Bytes;
+using kit::Counting;
 
 WipedBytes Part(const Bytes& bytes) {
   WipedBytes part(bytes.size());
   for (std::size_t i = 0; i < bytes.size(); ++i)
     part[i] = bytes[i];
   return part;
-}
-
-Bytes Counting(std::size_t count) {
-  Bytes bytes(count);
-  for (std::size_t i = 0; i < count; ++i)
-    bytes[i] = static_cast<unsigned char>(i + 1);
-  return bytes;
 }
 
 // What Write puts into a buffer of exactly Size() bytes.

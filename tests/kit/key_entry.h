@@ -116,12 +116,6 @@ class KeyEntryTest : public kit::ProviderTest {
     }
     return ::testing::AssertionSuccess();
   }
-  static std::vector<kit::Line> Join(std::initializer_list<std::vector<kit::Line>> parts) {
-    std::vector<kit::Line> all;
-    for (const std::vector<kit::Line>& part : parts)
-      all.insert(all.end(), part.begin(), part.end());
-    return all;
-  }
 
   NCRYPT_PROV_HANDLE provider_ = 0;
   std::vector<NCRYPT_KEY_HANDLE> keys_;
@@ -137,3 +131,36 @@ std::vector<Record> BrokenRecords(const Record& good) {
   reinterpret_cast<BYTE*>(&broken[2])[4] ^= 0x20;  // the signature, or the magic
   return broken;
 }
+
+// Those records as handles, behind some handles that are none at all.
+template <typename Record>
+class ForeignHandles {
+ public:
+  ForeignHandles(const Record& good, std::initializer_list<ULONG_PTR> others)
+      : records_(BrokenRecords(good)), handles_(others) {
+    for (Record& one : records_)
+      handles_.push_back(reinterpret_cast<ULONG_PTR>(&one));
+  }
+  auto begin() const { return handles_.begin(); }
+  auto end() const { return handles_.end(); }
+
+ private:
+  std::vector<Record> records_;
+  std::vector<ULONG_PTR> handles_;
+};
+
+// A key pair of the token, opened under its name.
+template <CK_ULONG kBits>
+class OpenedKeyTest : public KeyEntryTest {
+ protected:
+  void SetUp() override {
+    KeyEntryTest::SetUp();
+    pair_ = token().AddKeyPair(fake::Ascii("Key1"), "", kBits);
+    key_ = Open(L"Key1");
+    record_ = kit::KeyOf(key_);
+  }
+
+  fake::KeyPair pair_;
+  NCRYPT_KEY_HANDLE key_ = 0;
+  kit::KeyRecord* record_ = nullptr;
+};

@@ -307,6 +307,21 @@ std::string Dump(const std::string& label, const std::vector<unsigned char>& byt
   return text;
 }
 
+std::vector<Line> Join(std::initializer_list<std::vector<Line>> parts) {
+  std::vector<Line> all;
+  for (const std::vector<Line>& part : parts)
+    all.insert(all.end(), part.begin(), part.end());
+  return all;
+}
+
+std::vector<Line> TakeBody(const std::vector<Line>& arguments) {
+  const auto before = static_cast<std::ptrdiff_t>(arguments.size()) + 2;  // banner and entry line
+  constexpr std::ptrdiff_t kAfter = 2;                                    // exit line and banner
+  const std::vector<Line> all = Log::Get().Take();
+  if (std::ssize(all) < before + kAfter) return all;
+  return std::vector<Line>(all.begin() + before, all.end() - kAfter);
+}
+
 std::vector<Line> Frame(const std::string& entry, std::vector<Line> lines, LONG status) {
   std::vector<Line> frame{kBanner, entry + " - Entry"};
   frame.insert(frame.end(), lines.begin(), lines.end());

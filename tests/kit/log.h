@@ -3,6 +3,7 @@
 
 #include <windows.h>
 
+#include <initializer_list>
 #include <iosfwd>
 #include <map>
 #include <mutex>
@@ -100,6 +101,12 @@ std::string Dump(const std::string& label, const std::vector<unsigned char>& byt
 
 inline constexpr const char kBanner[] = "==================================================================";
 inline constexpr const char kClosingBanner[] = "==================================================================\n\n";
+
+std::vector<Line> Join(std::initializer_list<std::vector<Line>> parts);
+
+// Takes the lines of one entry and leaves those between its argument lines and its exit line. Of the arguments only the
+// count matters.
+std::vector<Line> TakeBody(const std::vector<Line>& arguments);
 
 // Banner, "<entry> - Entry", the given lines, "<entry> - Exit: " with the status, closing banner.
 std::vector<Line> Frame(const std::string& entry, std::vector<Line> lines, LONG status);

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -54,10 +55,6 @@ enum Slot : std::size_t {
   kFreeSecret,
   kGetKeyStorageInterface,
 };
-
-// How often each entry is drawn, by slot.
-constexpr std::uint32_t kWeights[27] = {6, 10, 6, 4, 6, 4,  8, 6, 3, 3, 6, 4, 5, 5,
-                                        2, 2,  8, 8, 5, 12, 5, 1, 1, 1, 1, 1, 1};
 
 constexpr char kPin[] = "~Pn7~Pn7A";
 constexpr const char* kPrimedSerials[] = {"PRIMED0", "PRIMED1", "PRIMED2"};
@@ -501,232 +498,211 @@ struct Soak::Impl {
   // ---- the entries
   // ---------------------------------------------------------------------------------------------------
 
-  void OneCall() {
-    std::uint32_t total = 0;
-    for (const std::uint32_t weight : kWeights)
-      total += weight;
-    std::uint32_t drawn = random.Below(total);
-    std::size_t slot = 0;
-    while (drawn >= kWeights[slot])
-      drawn -= kWeights[slot++];
-    if (providers.empty() && !random.OneIn(6)) slot = kOpenProvider;
-    if (slot == kOpenProvider && providers.size() >= 4) slot = kEnumKeys;
-    if (keys.size() < 3 && random.OneIn(3)) slot = kOpenKey;
-    straight = random.OneIn(2);
-    BeginCall();
-    SetPosition({current, static_cast<std::uint32_t>(calls.size()),
-                 slot < 26 ? kit::kSlots[slot] : "GetKeyStorageInterface", replay.c_str()});
-    Dispatch(slot);
-    EndCall();
-  }
-
   std::uint64_t current = 0;
 
-  void Dispatch(std::size_t slot) {
-    const kit::FunctionTable& t = ksp();
-    Faults& faults = Faults::Get();
-    const NCRYPT_PROV_HANDLE provider = SomeProvider();
-    const NCRYPT_KEY_HANDLE key = SomeKey(slot);
-    DWORD* const result = Out(DWORD{0xAAAAAAAA});
-    switch (slot) {
-      case kOpenProvider: {
-        const bool silent = !dialogsWanted || random.OneIn(2);
-        const std::wstring name = !straight && random.OneIn(6) ? RandomText() : kit::kProviderName;
-        const wchar_t* const text = Missing() ? nullptr : Text(name);
-        NCRYPT_PROV_HANDLE* const out = Out(NCRYPT_PROV_HANDLE{0});
-        calls.back().cbName = (name.size() + 1) * sizeof(wchar_t);
-        faults.Plan(random);
-        const SECURITY_STATUS status =
-            Call(slot, [&] { return t.OpenProvider(out, text, silent ? NCRYPT_SILENT_FLAG : 0); });
-        if (status == 0) providers.push_back(*out);
-        break;
-      }
-      case kOpenKey: {
-        const wchar_t* const name = Missing() ? nullptr : Text(SomeKeyName());
-        NCRYPT_KEY_HANDLE* const out = Out(NCRYPT_KEY_HANDLE{0});
-        const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG});
-        const DWORD spec = random.OneIn(2) ? 0 : random.Below(straight ? 4 : 5);
-        faults.Plan(random);
-        TakeKey(Call(slot, [&] { return t.OpenKey(provider, out, name, spec, flags); }), out);
-        break;
-      }
-      case kCreatePersistedKey: {
-        const wchar_t* const algorithm =
-            Missing() ? nullptr : Text(!straight && random.OneIn(6) ? RandomText() : L"RSA");
-        const wchar_t* const name = random.OneIn(4) ? nullptr : Text(SomeKeyName());
-        NCRYPT_KEY_HANDLE* const out = Out(NCRYPT_KEY_HANDLE{0});
-        const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG, NCRYPT_OVERWRITE_KEY_FLAG, NCRYPT_MACHINE_KEY_FLAG});
-        const DWORD spec = random.Below(straight ? 3 : 4);
-        faults.Plan(random);
-        TakeKey(Call(slot, [&] { return t.CreatePersistedKey(provider, out, algorithm, name, spec, flags); }), out);
-        break;
-      }
-      case kGetProviderProperty:
-      case kGetKeyProperty: {
-        const wchar_t* const name = SomeProperty();
-        Buffer output = SomeOutput();
-        if (output.size == 2048 && Huge()) output.size = 0xFFFFFFFF;
-        const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG});
-        faults.Plan(random);
-        Call(slot, [&] {
-          return slot == kGetKeyProperty
-                     ? t.GetKeyProperty(provider, key, name, output.bytes, output.size, result, flags)
-                     : t.GetProviderProperty(provider, name, output.bytes, output.size, result, flags);
-        });
-        break;
-      }
-      case kSetProviderProperty: {
-        const wchar_t* const name = random.OneIn(2) ? Text(L"Use Context") : SomeProperty();
-        Buffer input = SomeInput();
-        if (Huge()) input.size = 0xFFFFFFFF;
-        const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG});
-        faults.Plan(random);
-        Call(slot, [&] { return t.SetProviderProperty(provider, name, input.bytes, input.size, flags); });
-        break;
-      }
-      case kSetKeyProperty:
-        SetKeyProperty(provider, key);
-        break;
-      case kFinalizeKey: {
-        const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG, NCRYPT_WRITE_KEY_TO_LEGACY_STORE_FLAG});
-        faults.Plan(random);
-        Call(slot, [&] { return t.FinalizeKey(provider, key, flags); });
-        break;
-      }
-      case kDeleteKey: {
-        const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG});
-        faults.Plan(random);
-        Call(slot, [&] { return t.DeleteKey(provider, key, flags); });
-        break;
-      }
-      case kFreeProvider: {
-        faults.Plan(random);
-        const SECURITY_STATUS status = Call(slot, [&] { return t.FreeProvider(provider); });
-        if (status == 0) std::erase(providers, provider);
-        break;
-      }
-      case kFreeKey:
-        faults.Plan(random);
-        Call(slot, [&] { return t.FreeKey(provider, key); });
-        break;
-      case kFreeBuffer: {
-        faults.Plan(random);
-        FreeSomething();
-        break;
-      }
-      case kEncrypt:
-      case kDecrypt: {
-        Buffer input = SomeInput();
-        if (straight && slot == kDecrypt && key) {
-          const CK_OBJECT_HANDLE object = kit::KeyOf(key)->hPrivateKeyObject;
-          if (token().HasObject(object)) {
-            const fake::Bytes bytes = token().Ciphertext(object, fake::Bytes(20, 7));
-            input = {Copy(bytes.data(), bytes.size()), static_cast<DWORD>(bytes.size())};
-          }
-        }
-        if (Huge()) input.size = 0xFFFFFFFF;
-        const Buffer output = SomeOutput();
-        const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG, NCRYPT_PAD_PKCS1_FLAG});
-        faults.Plan(random);
-        Call(slot, [&] {
-          return (slot == kEncrypt ? t.Encrypt : t.Decrypt)(provider, key, input.bytes, input.size, nullptr,
-                                                            output.bytes, output.size, result, flags);
-        });
-        break;
-      }
-      case kIsAlgSupported: {
-        const wchar_t* const name = random.OneIn(8) ? nullptr : Text(random.OneIn(2) ? L"RSA" : RandomText());
-        const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG});
-        faults.Plan(random);
-        Call(slot, [&] { return t.IsAlgSupported(provider, name, flags); });
-        break;
-      }
-      case kEnumAlgorithms: {
-        NCryptAlgorithmName** const list = Out<NCryptAlgorithmName*>(nullptr);
-        const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG});
-        const DWORD classes = random.OneIn(4) ? static_cast<DWORD>(random.Next()) : random.Below(64);
-        faults.Plan(random);
-        const SECURITY_STATUS status =
-            Call(slot, [&] { return t.EnumAlgorithms(provider, classes, result, list, flags); });
-        if (status == 0) buffers.push_back(*list);
-        break;
-      }
-      case kEnumKeys:
-        EnumKeys(provider);
-        break;
-      case kImportKey: {
-        static const wchar_t* const types[] = {L"RSAPUBLICBLOB", L"RSAPUBLICBLOB", L"RSAPRIVATEBLOB", L"RSAPRIVATEBLOB",
-                                               L"RSAFULLPRIVATEBLOB"};
-        const wchar_t* const type = Missing() ? nullptr : Text(random.Of(types));
-        NCryptBufferDesc* const parameters = SomeParameters();
-        NCRYPT_KEY_HANDLE* const out = Out(NCRYPT_KEY_HANDLE{0});
-        Buffer blob = random.OneIn(30) ? SomeInput() : SomeBlob();
-        if (Huge()) blob.size = 0xFFFFFFFF;
-        const NCRYPT_KEY_HANDLE importKey = random.OneIn(5) ? key : 0;
-        // Data whose length is a lie goes to the token as it is when it is to be unwrapped.
-        if (importKey && blob.size == 0xFFFFFFFF) blob.size = 0;
-        const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG, NCRYPT_OVERWRITE_KEY_FLAG, 0x400});
-        faults.Plan(random);
-        TakeKey(
-            Call(slot,
-                 [&] { return t.ImportKey(provider, importKey, type, parameters, out, blob.bytes, blob.size, flags); }),
+  // What a drawn call of an entry has in any case; some entries do not take all of it.
+  struct Drawn {
+    std::size_t slot;
+    NCRYPT_PROV_HANDLE provider;
+    NCRYPT_KEY_HANDLE key;
+    DWORD* result;
+  };
+
+  void OpenProvider(const Drawn& call) {
+    const bool silent = !dialogsWanted || random.OneIn(2);
+    const std::wstring name = !straight && random.OneIn(6) ? RandomText() : kit::kProviderName;
+    const wchar_t* const text = Missing() ? nullptr : Text(name);
+    NCRYPT_PROV_HANDLE* const out = Out(NCRYPT_PROV_HANDLE{0});
+    calls.back().cbName = (name.size() + 1) * sizeof(wchar_t);
+    Faults::Get().Plan(random);
+    const SECURITY_STATUS status =
+        Call(call.slot, [&] { return ksp().OpenProvider(out, text, silent ? NCRYPT_SILENT_FLAG : 0); });
+    if (status == 0) providers.push_back(*out);
+  }
+
+  void OpenKey(const Drawn& call) {
+    const wchar_t* const name = Missing() ? nullptr : Text(SomeKeyName());
+    NCRYPT_KEY_HANDLE* const out = Out(NCRYPT_KEY_HANDLE{0});
+    const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG});
+    const DWORD spec = random.OneIn(2) ? 0 : random.Below(straight ? 4 : 5);
+    Faults::Get().Plan(random);
+    TakeKey(Call(call.slot, [&] { return ksp().OpenKey(call.provider, out, name, spec, flags); }), out);
+  }
+
+  void CreatePersistedKey(const Drawn& call) {
+    const wchar_t* const algorithm = Missing() ? nullptr : Text(!straight && random.OneIn(6) ? RandomText() : L"RSA");
+    const wchar_t* const name = random.OneIn(4) ? nullptr : Text(SomeKeyName());
+    NCRYPT_KEY_HANDLE* const out = Out(NCRYPT_KEY_HANDLE{0});
+    const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG, NCRYPT_OVERWRITE_KEY_FLAG, NCRYPT_MACHINE_KEY_FLAG});
+    const DWORD spec = random.Below(straight ? 3 : 4);
+    Faults::Get().Plan(random);
+    TakeKey(Call(call.slot, [&] { return ksp().CreatePersistedKey(call.provider, out, algorithm, name, spec, flags); }),
             out);
-        break;
-      }
-      case kExportKey: {
-        static const wchar_t* const types[] = {L"RSAPUBLICBLOB", L"RSAPUBLICBLOB", L"RSAPUBLICBLOB", L"RSAPRIVATEBLOB",
-                                               L"RSAFULLPRIVATEBLOB"};
-        const wchar_t* const type = Missing() ? nullptr : Text(random.Of(types));
-        Buffer output = SomeOutput();
-        if (output.size == 2048 && Huge()) output.size = 0xFFFFFFFF;
-        const NCRYPT_KEY_HANDLE exportKey = random.OneIn(20) ? key : 0;
-        const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG});
-        faults.Plan(random);
-        Call(slot, [&] {
-          return t.ExportKey(provider, key, exportKey, type, nullptr, output.bytes, output.size, result, flags);
-        });
-        break;
-      }
-      case kSignHash: {
-        const Buffer hash = SomeInput();
-        const Buffer output = SomeOutput();
-        const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG, BCRYPT_PAD_PKCS1});
-        faults.Plan(random);
-        Call(slot, [&] {
-          return t.SignHash(provider, key, nullptr, hash.bytes, hash.size, output.bytes, output.size, result, flags);
-        });
-        break;
-      }
-      case kVerifySignature:
-        Verify(provider, key);
-        break;
-      case kPromptUser:
-        Call(slot, [&] { return t.PromptUser(provider, key, Text(RandomText()), SomeFlags({})); });
-        break;
-      case kNotifyChangeKey:
-        Call(slot, [&] { return t.NotifyChangeKey(provider, Out<HANDLE>(nullptr), SomeFlags({})); });
-        break;
-      case kSecretAgreement:
-        Call(slot,
-             [&] { return t.SecretAgreement(provider, key, SomeKey(), Out(NCRYPT_SECRET_HANDLE{0}), SomeFlags({})); });
-        break;
-      case kDeriveKey: {
-        const Buffer output = SomeOutput();
-        Call(slot, [&] {
-          return t.DeriveKey(provider, SomeKey(), Text(L"HASH"), SomeParameters(), output.bytes, output.size, result,
-                             0);
-        });
-        break;
-      }
-      case kFreeSecret:
-        Call(slot, [&] { return t.FreeSecret(provider, SomeKey()); });
-        break;
-      default: {
-        kit::FunctionTable** const table = Out<kit::FunctionTable*>(nullptr);
-        const wchar_t* const name = Text(random.OneIn(3) ? RandomText() : kit::kProviderName);
-        Call(slot, [&] { return kit::Provider::Get().GetKeyStorageInterface(name, table, SomeFlags({})); });
+  }
+
+  void GetProperty(const Drawn& call) {
+    const wchar_t* const name = SomeProperty();
+    Buffer output = SomeOutput();
+    if (output.size == 2048 && Huge()) output.size = 0xFFFFFFFF;
+    const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG});
+    Faults::Get().Plan(random);
+    Call(call.slot, [&] {
+      return call.slot == kGetKeyProperty
+                 ? ksp().GetKeyProperty(call.provider, call.key, name, output.bytes, output.size, call.result, flags)
+                 : ksp().GetProviderProperty(call.provider, name, output.bytes, output.size, call.result, flags);
+    });
+  }
+
+  void SetProviderProperty(const Drawn& call) {
+    const wchar_t* const name = random.OneIn(2) ? Text(L"Use Context") : SomeProperty();
+    Buffer input = SomeInput();
+    if (Huge()) input.size = 0xFFFFFFFF;
+    const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG});
+    Faults::Get().Plan(random);
+    Call(call.slot, [&] { return ksp().SetProviderProperty(call.provider, name, input.bytes, input.size, flags); });
+  }
+
+  void FinalizeKey(const Drawn& call) {
+    const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG, NCRYPT_WRITE_KEY_TO_LEGACY_STORE_FLAG});
+    Faults::Get().Plan(random);
+    Call(call.slot, [&] { return ksp().FinalizeKey(call.provider, call.key, flags); });
+  }
+
+  void DeleteKey(const Drawn& call) {
+    const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG});
+    Faults::Get().Plan(random);
+    Call(call.slot, [&] { return ksp().DeleteKey(call.provider, call.key, flags); });
+  }
+
+  void FreeProvider(const Drawn& call) {
+    Faults::Get().Plan(random);
+    const SECURITY_STATUS status = Call(call.slot, [&] { return ksp().FreeProvider(call.provider); });
+    if (status == 0) std::erase(providers, call.provider);
+  }
+
+  void FreeKey(const Drawn& call) {
+    Faults::Get().Plan(random);
+    Call(call.slot, [&] { return ksp().FreeKey(call.provider, call.key); });
+  }
+
+  void FreeBuffer(const Drawn&) {
+    Faults::Get().Plan(random);
+    FreeSomething();
+  }
+
+  void Crypt(const Drawn& call) {
+    Buffer input = SomeInput();
+    if (straight && call.slot == kDecrypt && call.key) {
+      const CK_OBJECT_HANDLE object = kit::KeyOf(call.key)->hPrivateKeyObject;
+      if (token().HasObject(object)) {
+        const fake::Bytes bytes = token().Ciphertext(object, fake::Bytes(20, 7));
+        input = {Copy(bytes.data(), bytes.size()), static_cast<DWORD>(bytes.size())};
       }
     }
+    if (Huge()) input.size = 0xFFFFFFFF;
+    const Buffer output = SomeOutput();
+    const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG, NCRYPT_PAD_PKCS1_FLAG});
+    Faults::Get().Plan(random);
+    Call(call.slot, [&] {
+      return (call.slot == kEncrypt ? ksp().Encrypt : ksp().Decrypt)(
+          call.provider, call.key, input.bytes, input.size, nullptr, output.bytes, output.size, call.result, flags);
+    });
+  }
+
+  void IsAlgSupported(const Drawn& call) {
+    const wchar_t* const name = random.OneIn(8) ? nullptr : Text(random.OneIn(2) ? L"RSA" : RandomText());
+    const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG});
+    Faults::Get().Plan(random);
+    Call(call.slot, [&] { return ksp().IsAlgSupported(call.provider, name, flags); });
+  }
+
+  void EnumAlgorithms(const Drawn& call) {
+    NCryptAlgorithmName** const list = Out<NCryptAlgorithmName*>(nullptr);
+    const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG});
+    const DWORD classes = random.OneIn(4) ? static_cast<DWORD>(random.Next()) : random.Below(64);
+    Faults::Get().Plan(random);
+    const SECURITY_STATUS status =
+        Call(call.slot, [&] { return ksp().EnumAlgorithms(call.provider, classes, call.result, list, flags); });
+    if (status == 0) buffers.push_back(*list);
+  }
+
+  void ImportKey(const Drawn& call) {
+    static const wchar_t* const types[] = {L"RSAPUBLICBLOB", L"RSAPUBLICBLOB", L"RSAPRIVATEBLOB", L"RSAPRIVATEBLOB",
+                                           L"RSAFULLPRIVATEBLOB"};
+    const wchar_t* const type = Missing() ? nullptr : Text(random.Of(types));
+    NCryptBufferDesc* const parameters = SomeParameters();
+    NCRYPT_KEY_HANDLE* const out = Out(NCRYPT_KEY_HANDLE{0});
+    Buffer blob = random.OneIn(30) ? SomeInput() : SomeBlob();
+    if (Huge()) blob.size = 0xFFFFFFFF;
+    const NCRYPT_KEY_HANDLE importKey = random.OneIn(5) ? call.key : 0;
+    // Data whose length is a lie goes to the token as it is when it is to be unwrapped.
+    if (importKey && blob.size == 0xFFFFFFFF) blob.size = 0;
+    const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG, NCRYPT_OVERWRITE_KEY_FLAG, 0x400});
+    Faults::Get().Plan(random);
+    TakeKey(Call(call.slot,
+                 [&] {
+                   return ksp().ImportKey(call.provider, importKey, type, parameters, out, blob.bytes, blob.size,
+                                          flags);
+                 }),
+            out);
+  }
+
+  void ExportKey(const Drawn& call) {
+    static const wchar_t* const types[] = {L"RSAPUBLICBLOB", L"RSAPUBLICBLOB", L"RSAPUBLICBLOB", L"RSAPRIVATEBLOB",
+                                           L"RSAFULLPRIVATEBLOB"};
+    const wchar_t* const type = Missing() ? nullptr : Text(random.Of(types));
+    Buffer output = SomeOutput();
+    if (output.size == 2048 && Huge()) output.size = 0xFFFFFFFF;
+    const NCRYPT_KEY_HANDLE exportKey = random.OneIn(20) ? call.key : 0;
+    const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG});
+    Faults::Get().Plan(random);
+    Call(call.slot, [&] {
+      return ksp().ExportKey(call.provider, call.key, exportKey, type, nullptr, output.bytes, output.size, call.result,
+                             flags);
+    });
+  }
+
+  void SignHash(const Drawn& call) {
+    const Buffer hash = SomeInput();
+    const Buffer output = SomeOutput();
+    const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG, BCRYPT_PAD_PKCS1});
+    Faults::Get().Plan(random);
+    Call(call.slot, [&] {
+      return ksp().SignHash(call.provider, call.key, nullptr, hash.bytes, hash.size, output.bytes, output.size,
+                            call.result, flags);
+    });
+  }
+
+  void PromptUser(const Drawn& call) {
+    Call(call.slot, [&] { return ksp().PromptUser(call.provider, call.key, Text(RandomText()), SomeFlags({})); });
+  }
+
+  void NotifyChangeKey(const Drawn& call) {
+    Call(call.slot, [&] { return ksp().NotifyChangeKey(call.provider, Out<HANDLE>(nullptr), SomeFlags({})); });
+  }
+
+  void SecretAgreement(const Drawn& call) {
+    Call(call.slot, [&] {
+      return ksp().SecretAgreement(call.provider, call.key, SomeKey(), Out(NCRYPT_SECRET_HANDLE{0}), SomeFlags({}));
+    });
+  }
+
+  void DeriveKey(const Drawn& call) {
+    const Buffer output = SomeOutput();
+    Call(call.slot, [&] {
+      return ksp().DeriveKey(call.provider, SomeKey(), Text(L"HASH"), SomeParameters(), output.bytes, output.size,
+                             call.result, 0);
+    });
+  }
+
+  void FreeSecret(const Drawn& call) {
+    Call(call.slot, [&] { return ksp().FreeSecret(call.provider, SomeKey()); });
+  }
+
+  void GetKeyStorageInterface(const Drawn& call) {
+    kit::FunctionTable** const table = Out<kit::FunctionTable*>(nullptr);
+    const wchar_t* const name = Text(random.OneIn(3) ? RandomText() : kit::kProviderName);
+    Call(call.slot, [&] { return kit::Provider::Get().GetKeyStorageInterface(name, table, SomeFlags({})); });
   }
 
   void TakeKey(SECURITY_STATUS status, const NCRYPT_KEY_HANDLE* out) {
@@ -738,10 +714,10 @@ struct Soak::Impl {
     }
   }
 
-  void SetKeyProperty(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key) {
+  void SetKeyProperty(const Drawn& call) {
     const wchar_t* name = SomeProperty();
     Buffer input = SomeInput();
-    if (straight) key = HonestKey(random.OneIn(2));
+    const NCRYPT_KEY_HANDLE key = straight ? HonestKey(random.OneIn(2)) : call.key;
     if (random.OneIn(4)) {
       name = Text(L"SmartCardKeyCertificate");
       const std::string subject(random.Below(70), 's');
@@ -760,10 +736,10 @@ struct Soak::Impl {
     if (name && std::wcscmp(name, L"HWND Handle") == 0 && input.bytes && input.size)
       std::memset(input.bytes, 0, input.size);
     Faults::Get().Plan(random);
-    Call(kSetKeyProperty, [&] { return ksp().SetKeyProperty(provider, key, name, input.bytes, input.size, flags); });
+    Call(call.slot, [&] { return ksp().SetKeyProperty(call.provider, key, name, input.bytes, input.size, flags); });
   }
 
-  void EnumKeys(NCRYPT_PROV_HANDLE provider) {
+  void EnumKeys(const Drawn& call) {
     PVOID state = nullptr;
     if (!states.empty() && !random.OneIn(3)) state = states[random.Below(static_cast<std::uint32_t>(states.size()))];
     if (state && random.OneIn(30)) static_cast<kit::EnumState*>(state)->index = static_cast<ULONG>(random.Next());
@@ -771,7 +747,8 @@ struct Soak::Impl {
     PVOID* const place = Out(state);
     const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG});
     Faults::Get().Plan(random);
-    const SECURITY_STATUS status = Call(kEnumKeys, [&] { return ksp().EnumKeys(provider, L"", name, place, flags); });
+    const SECURITY_STATUS status =
+        Call(call.slot, [&] { return ksp().EnumKeys(call.provider, L"", name, place, flags); });
     if (status != 0) return;
     names.push_back(*name);
     if (*place != state) {
@@ -780,14 +757,14 @@ struct Soak::Impl {
     }
   }
 
-  void Verify(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key) {
+  void VerifySignature(const Drawn& call) {
     Buffer hash = SomeInput();
     Buffer signature = SomeInput();
-    if ((straight || random.OneIn(3)) && provider && key) {
+    if ((straight || random.OneIn(3)) && call.provider && call.key) {
       // A signature that is right, when the key still has its object.
       for (const NCRYPT_KEY_HANDLE known : keys) {
-        if (known != key || !hash.bytes) continue;
-        const CK_OBJECT_HANDLE object = kit::KeyOf(key)->hPublicKeyObject;
+        if (known != call.key || !hash.bytes) continue;
+        const CK_OBJECT_HANDLE object = kit::KeyOf(call.key)->hPublicKeyObject;
         if (!token().HasObject(object)) continue;
         const fake::Bytes bytes = token().Signature(object, fake::Bytes(hash.bytes, hash.bytes + hash.size));
         signature = {Copy(bytes.data(), bytes.size()), static_cast<DWORD>(bytes.size())};
@@ -796,9 +773,9 @@ struct Soak::Impl {
     }
     const DWORD flags = SomeFlags({NCRYPT_SILENT_FLAG, BCRYPT_PAD_PKCS1});
     Faults::Get().Plan(random);
-    Call(kVerifySignature, [&] {
-      return ksp().VerifySignature(provider, key, nullptr, hash.bytes, hash.size, signature.bytes, signature.size,
-                                   flags);
+    Call(call.slot, [&] {
+      return ksp().VerifySignature(call.provider, call.key, nullptr, hash.bytes, hash.size, signature.bytes,
+                                   signature.size, flags);
     });
   }
 
@@ -822,6 +799,65 @@ struct Soak::Impl {
     } else {
       Call(kFreeBuffer, [&] { return ksp().FreeBuffer(nullptr); });
     }
+  }
+
+  // By slot: how often an entry is drawn, and who draws its arguments and calls it.
+  struct Entry {
+    std::uint32_t weight;
+    void (Impl::*call)(const Drawn&);
+  };
+  static constexpr Entry kEntries[] = {
+      {6, &Impl::OpenProvider},
+      {10, &Impl::OpenKey},
+      {6, &Impl::CreatePersistedKey},
+      {4, &Impl::GetProperty},  // GetProviderProperty
+      {6, &Impl::GetProperty},  // GetKeyProperty
+      {4, &Impl::SetProviderProperty},
+      {8, &Impl::SetKeyProperty},
+      {6, &Impl::FinalizeKey},
+      {3, &Impl::DeleteKey},
+      {3, &Impl::FreeProvider},
+      {6, &Impl::FreeKey},
+      {4, &Impl::FreeBuffer},
+      {5, &Impl::Crypt},  // Encrypt
+      {5, &Impl::Crypt},  // Decrypt
+      {2, &Impl::IsAlgSupported},
+      {2, &Impl::EnumAlgorithms},
+      {8, &Impl::EnumKeys},
+      {8, &Impl::ImportKey},
+      {5, &Impl::ExportKey},
+      {12, &Impl::SignHash},
+      {5, &Impl::VerifySignature},
+      {1, &Impl::PromptUser},
+      {1, &Impl::NotifyChangeKey},
+      {1, &Impl::SecretAgreement},
+      {1, &Impl::DeriveKey},
+      {1, &Impl::FreeSecret},
+      {1, &Impl::GetKeyStorageInterface},
+  };
+  static_assert(std::size(kEntries) == kGetKeyStorageInterface + 1);
+
+  void OneCall() {
+    std::uint32_t total = 0;
+    for (const Entry& entry : kEntries)
+      total += entry.weight;
+    std::uint32_t drawn = random.Below(total);
+    std::size_t slot = 0;
+    while (drawn >= kEntries[slot].weight)
+      drawn -= kEntries[slot++].weight;
+    if (providers.empty() && !random.OneIn(6)) slot = kOpenProvider;
+    if (slot == kOpenProvider && providers.size() >= 4) slot = kEnumKeys;
+    if (keys.size() < 3 && random.OneIn(3)) slot = kOpenKey;
+    straight = random.OneIn(2);
+    BeginCall();
+    SetPosition({current, static_cast<std::uint32_t>(calls.size()),
+                 slot < 26 ? kit::kSlots[slot] : "GetKeyStorageInterface", replay.c_str()});
+    // In this order, as the seeds of earlier runs have it.
+    Drawn call{slot, SomeProvider(), 0, nullptr};
+    call.key = SomeKey(slot);
+    call.result = Out(DWORD{0xAAAAAAAA});
+    (this->*kEntries[slot].call)(call);
+    EndCall();
   }
 
   // ---- the end

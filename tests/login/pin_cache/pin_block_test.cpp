@@ -6,9 +6,12 @@
 
 #include <gtest/gtest.h>
 
+#include "kit/bytes.h"
+
 namespace {
 
-using Bytes = std::vector<unsigned char>;
+using kit::Bytes;
+using kit::Counting;
 
 Bytes Packed(const Bytes& pin) {
   Bytes block(pinblock::BlockLength(pin.size()));
@@ -20,13 +23,6 @@ Bytes Unpacked(const Bytes& block) {
   Bytes pin(pinblock::PinLength(block.data()), 0xEE);
   pinblock::Unpack(pin.data(), block.data(), block.size());
   return pin;
-}
-
-Bytes Counting(std::size_t count) {
-  Bytes bytes(count);
-  for (std::size_t i = 0; i < count; ++i)
-    bytes[i] = static_cast<unsigned char>(i + 1);
-  return bytes;
 }
 
 TEST(PinBlock, LengthIsTheNextMultipleOfSixteenAboveThePinAndItsHeader) {

@@ -1,0 +1,60 @@
+// The token module by itself: what a load that fails says, and the login of the token maker.
+#include "token/cryptoki_module.h"
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "inside/token_fixture.h"
+#include "kit/process.h"
+
+namespace {
+
+using fake::Ascii;
+using fake::Bytes;
+
+// What the exception of a failed load says.
+std::string LoadFailure() {
+  try {
+    const CryptokiModule module;
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+  return "loaded";
+}
+
+class CryptokiModuleTest : public TokenObjectsTest {};
+
+TEST_F(CryptokiModuleTest, FailedLoadTellsItsStep) {
+  EXPECT_EQ(LoadFailure(), "loaded");
+  token().Fail("C_Initialize", CKR_GENERAL_ERROR);
+  EXPECT_EQ(LoadFailure(), "Failed to intialize PKCS middleware.");
+  token().SetFunctionListResult(CKR_DEVICE_ERROR);
+  kit::LoadTokenModule(kit::TokenModule::Working);
+  EXPECT_EQ(LoadFailure(), "Failed to retrieve middleware function list.");
+  token().SetFunctionListResult(CKR_OK);
+  kit::LoadTokenModule(kit::TokenModule::Working);
+}
+
+const kit::Scenario kMissingModule("missing_module", [] {
+  kit::Print(LoadFailure());
+  return 0;
+});
+
+TEST_F(CryptokiModuleTest, MissingModuleTellsSo) {
+  const kit::ChildResult child = kit::RunChild("missing_module");
+  EXPECT_EQ(child.exitCode, 0u);
+  EXPECT_EQ(child.lines, std::vector<std::string>{"Failed to load PKCS#11 Library."});
+}
+
+TEST_F(CryptokiModuleTest, LoginIsTheEntryAtPosition74AndAlwaysTheUsers) {
+  const Bytes pin = Ascii("1234");
+  EXPECT_EQ(module_->Login(kSession, pin.data(), 4), CKR_OK);
+  ExpectCalls({"VendorLogin(session=0x51, user=1, pin=31323334)"});
+  for (const CK_RV code : {CK_RV{1}, CK_RV{14}, CKR_PIN_LOCKED, CKR_VENDOR_DEFINED}) {
+    token().Fail("VendorLogin", code);
+    EXPECT_EQ(module_->Login(kSession, pin.data(), 4), code) << "as the token answers";
+  }
+}
+
+}  // namespace
