@@ -1,6 +1,7 @@
 #include "encoding.h"
 
 #include "output.h"
+#include "unicode.h"
 
 #include <algorithm>
 #include <cstring>
@@ -218,7 +219,7 @@ std::optional<PemBlock> ParsePem(const Bytes& text) {
 Certificate::Certificate(const Bytes& file) {
   const std::optional<PemBlock> pem = ParsePem(file);
   if (pem && pem->label != "CERTIFICATE" && pem->label != "X509 CERTIFICATE") {
-    throw Failure(L"The file holds no certificate but: " + std::wstring(pem->label.begin(), pem->label.end()));
+    throw Failure(L"The file holds no certificate but: " + Printable(Wide(pem->label)));
   }
   const Bytes& der = pem ? pem->der : file;
   context_ = CertCreateCertificateContext(X509_ASN_ENCODING, der.data(), static_cast<DWORD>(der.size()));
