@@ -1,3 +1,4 @@
+#include "certificate_store_commands.h"
 #include "cng.h"
 #include "commands.h"
 #include "encoding.h"
@@ -33,14 +34,29 @@ void FetchCertificate(const Key& key, const std::optional<std::wstring>& out) {
 struct CertificateOptions {
   KeyOptions key;
   std::optional<std::wstring> set;
+  std::optional<std::wstring> install;
+  bool uninstall = false;
   std::optional<std::wstring> out;
 };
+
+void ExcludeEachOther(const std::vector<CLI::Option*>& options) {
+  for (size_t i = 0; i < options.size(); ++i) {
+    for (size_t j = 0; j < i; ++j)
+      options[i]->excludes(options[j]);
+  }
+}
 
 void CertificateSyntax(Syntax& syntax, CertificateOptions& options) {
   AddKeyOptions(syntax, options.key);
   CLI::Option& set =
       syntax.Text("--set", options.set, "FILE", "store this certificate (DER or PEM); - is standard input");
-  syntax.Text("--out", options.out, "FILE", "fetch it into this file (default: it is shown as PEM)").excludes(&set);
+  CLI::Option& out = syntax.Text("--out", options.out, "FILE", "fetch it into this file (default: it is shown as PEM)");
+  CLI::Option& install =
+      syntax.Text("--install", options.install, "FILE",
+                  "put it (DER or PEM, default: the one beside the key) into your certificate store, tied to the key");
+  install.expected(0, 1);
+  CLI::Option& uninstall = syntax.Flag("--uninstall", options.uninstall, "take it out of your certificate store again");
+  ExcludeEachOther({&set, &out, &install, &uninstall});
 }
 
 ExitStatus CertificateOfKey(const CertificateOptions& options) {
@@ -48,6 +64,10 @@ ExitStatus CertificateOfKey(const CertificateOptions& options) {
   const Key key = provider.Open(options.key);
   if (options.set) {
     StoreCertificate(key, *options.set);
+  } else if (options.install) {
+    InstallCertificate(provider, key, *options.install);
+  } else if (options.uninstall) {
+    UninstallCertificates(provider, key);
   } else {
     FetchCertificate(key, options.out);
   }
@@ -95,8 +115,8 @@ ExitStatus RequestCertificate(const RequestOptions& options) {
 
 void AddCertificateCommands(Program& program) {
   program.Add<CertificateOptions>(Heading::kCertificates, "certificate",
-                                  "Store a key's certificate beside it, or fetch it", CertificateSyntax,
-                                  CertificateOfKey);
+                                  "Store a key's certificate beside it or in your store, or fetch it",
+                                  CertificateSyntax, CertificateOfKey);
   program.Add<RequestOptions>(Heading::kCertificates, "request",
                               "Make a certificate request (PKCS#10) that the key signs", RequestSyntax,
                               RequestCertificate);

@@ -36,12 +36,16 @@
 
 namespace keldactl {
 
-void AddKeyCommands(Program& program);          // keys, show, create, delete
-void AddSigningCommands(Program& program);      // sign, verify
-void AddCertificateCommands(Program& program);  // certificate, request
-void AddBlobCommands(Program& program);         // export, import
-void AddCipherCommands(Program& program);       // encrypt, decrypt
-void AddProviderCommands(Program& program);     // provider, readers
-void AddVersionCommand(Program& program);       // version
+void AddKeyCommands(Program& program);               // keys, show, create, delete
+void AddSigningCommands(Program& program);           // sign, verify
+void AddCertificateCommands(Program& program);       // certificate, request
+void AddBlobCommands(Program& program);              // export, import
+void AddCipherCommands(Program& program);            // encrypt, decrypt
+void AddProviderCommands(Program& program);          // provider, readers
+void AddCertificateStoreCommands(Program& program);  // certificates
+void AddRegistrationCommands(Program& program);      // register, unregister, status, providers
+void AddCheckCommand(Program& program);              // check
+void AddLogCommand(Program& program);                // log
+void AddVersionCommand(Program& program);            // version
 
 }  // namespace keldactl

@@ -13,8 +13,10 @@ namespace {
 
 // The overall help lists the commands of a heading in this order.
 constexpr void (*kCommands[])(Program&) = {
-    AddKeyCommands,         AddSigningCommands,  AddCipherCommands, AddBlobCommands,
-    AddCertificateCommands, AddProviderCommands, AddVersionCommand,
+    AddKeyCommands,      AddSigningCommands,      AddCipherCommands,
+    AddBlobCommands,     AddCertificateCommands,  AddCertificateStoreCommands,
+    AddProviderCommands, AddRegistrationCommands, AddCheckCommand,
+    AddLogCommand,       AddVersionCommand,
 };
 
 int Run(int argc, wchar_t** argv) {

@@ -2,9 +2,8 @@
 #include "commands.h"
 #include "output.h"
 #include "property_table.h"
+#include "readers.h"
 #include "status.h"
-
-#include <winscard.h>
 
 namespace keldactl {
 namespace {
@@ -97,28 +96,6 @@ ExitStatus ShowProvider(const ShowProviderOptions& options) {
     rows.push_back({Printable(algorithm.name), algorithm.operations});
   SayTable(rows);
   return ExitStatus::kDone;
-}
-
-// The readers by PC/SC. No reader at all is not a failure here.
-std::vector<std::wstring> ReadersByPcsc() {
-  SCARDCONTEXT context = 0;
-  LONG status = SCardEstablishContext(SCARD_SCOPE_USER, nullptr, nullptr, &context);
-  if (status != SCARD_S_SUCCESS) throw Failure(L"Asking the smart card service", status);
-  std::vector<std::wstring> readers;
-  DWORD size = 0;
-  status = SCardListReadersW(context, nullptr, nullptr, &size);
-  std::wstring names;
-  if (status == SCARD_S_SUCCESS) {
-    names.resize(size);
-    status = SCardListReadersW(context, nullptr, names.data(), &size);
-  }
-  SCardReleaseContext(context);
-  if (status == SCARD_E_NO_READERS_AVAILABLE) return {};
-  if (status != SCARD_S_SUCCESS) throw Failure(L"Listing the readers", status);
-  for (size_t at = 0; at < names.size() && names[at]; at += readers.back().size() + 1) {
-    readers.emplace_back(names.c_str() + at);
-  }
-  return readers;
 }
 
 struct ReadersOptions {
