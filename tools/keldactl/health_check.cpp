@@ -184,7 +184,7 @@ void HealthCheck::CheckRegistration() {
   Step("registration_listed", L"It is in the list of key storage providers", registered, [&] {
     const std::vector<std::wstring> listed = ListedKeyStorageProviders();
     return std::find(listed.begin(), listed.end(), kProviderName) != listed.end()
-               ? Ok(std::to_wstring(listed.size()) + L" providers")
+               ? Ok(L"one of " + std::to_wstring(listed.size()))
                : Failed(L"programs do not get to see it", kRegisterAgain);
   });
   Step("default_key_length", L"The default length of new keys", registered, [&] {
@@ -304,7 +304,7 @@ void HealthCheck::CheckModule() {
                                         L"End other programs that use the token, or restart the computer.");
   });
   Step("module_slots", L"It knows readers", initialized, [&] {
-    return module_.slots > 0 ? Ok(std::to_wstring(module_.slots) + L" slots")
+    return module_.slots > 0 ? Ok(L"slots: " + std::to_wstring(module_.slots))
                              : Failed(L"it shows no slot", L"Plug the reader in and install its driver.");
   });
 }
