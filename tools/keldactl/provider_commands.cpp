@@ -2,9 +2,9 @@
 #include "commands.h"
 #include "output.h"
 #include "property_table.h"
+#include "readers.h"
+#include "text_rules.h"
 #include "status.h"
-
-#include <winscard.h>
 
 namespace keldactl {
 namespace {
@@ -19,7 +19,7 @@ std::wstring ImplementationType(DWORD type) {
 }
 
 std::wstring Version(DWORD version) {
-  return std::to_wstring(HIWORD(version)) + L"." + std::to_wstring(LOWORD(version)) + L" (" + Hex32(version) + L")";
+  return Wide(VersionText(version));
 }
 
 std::wstring Characters(DWORD count) {
@@ -99,28 +99,6 @@ ExitStatus ShowProvider(const ShowProviderOptions& options) {
   return ExitStatus::kDone;
 }
 
-// The readers by PC/SC. No reader at all is not a failure here.
-std::vector<std::wstring> ReadersByPcsc() {
-  SCARDCONTEXT context = 0;
-  LONG status = SCardEstablishContext(SCARD_SCOPE_USER, nullptr, nullptr, &context);
-  if (status != SCARD_S_SUCCESS) throw Failure(L"Asking the smart card service", status);
-  std::vector<std::wstring> readers;
-  DWORD size = 0;
-  status = SCardListReadersW(context, nullptr, nullptr, &size);
-  std::wstring names;
-  if (status == SCARD_S_SUCCESS) {
-    names.resize(size);
-    status = SCardListReadersW(context, nullptr, names.data(), &size);
-  }
-  SCardReleaseContext(context);
-  if (status == SCARD_E_NO_READERS_AVAILABLE) return {};
-  if (status != SCARD_S_SUCCESS) throw Failure(L"Listing the readers", status);
-  for (size_t at = 0; at < names.size() && names[at]; at += readers.back().size() + 1) {
-    readers.emplace_back(names.c_str() + at);
-  }
-  return readers;
-}
-
 struct ReadersOptions {
   std::optional<std::wstring> provider;
   bool json = false;
@@ -133,28 +111,33 @@ void ReadersSyntax(Syntax& syntax, ReadersOptions& options) {
 }
 
 // Only a provider that was named is asked: opening one may show a dialog, and the service knows all readers.
-std::vector<std::wstring> Readers(const std::optional<std::wstring>& name) {
-  if (!name) return ReadersByPcsc();
+std::vector<Reader> Readers(const std::optional<std::wstring>& name) {
+  if (!name) return ListReaders();
   ProviderOptions options;
   options.name = name;
   const Provider provider(options);
-  if (const auto reader = TextProperty(provider.handle(), NCRYPT_READER_PROPERTY)) return {*reader};
+  if (const auto reader = TextProperty(provider.handle(), NCRYPT_READER_PROPERTY)) return {{*reader, true}};
   Warn(L"the provider does not tell its reader; these are the smart card service's");
-  return ReadersByPcsc();
+  return ListReaders();
 }
 
-ExitStatus ListReaders(const ReadersOptions& options) {
-  const std::vector<std::wstring> readers = Readers(options.provider);
+ExitStatus ShowReaders(const ReadersOptions& options) {
+  const std::vector<Reader> readers = Readers(options.provider);
   if (options.json) {
     Json list = Json::array();
-    for (const std::wstring& reader : readers)
-      list.push_back({{"name", Utf8(reader)}});
+    for (const Reader& reader : readers)
+      list.push_back({{"name", Utf8(reader.name)}, {"token", reader.has_token}});
     SayJson({{"readers", list}});
     return ExitStatus::kDone;
   }
-  for (const std::wstring& reader : readers)
-    Say(Printable(reader));
-  if (readers.empty()) Say(L"There are no readers.");
+  if (readers.empty()) {
+    Say(L"There are no readers.");
+    return ExitStatus::kDone;
+  }
+  std::vector<std::vector<std::wstring>> rows = {{L"READER", L"TOKEN"}};
+  for (const Reader& reader : readers)
+    rows.push_back({Printable(reader.name), reader.has_token ? L"yes" : L"no"});
+  SayTable(rows);
   return ExitStatus::kDone;
 }
 
@@ -163,7 +146,7 @@ ExitStatus ListReaders(const ReadersOptions& options) {
 void AddProviderCommands(Program& program) {
   program.Add<ShowProviderOptions>(Heading::kSystem, "provider", "Show everything that the provider tells about itself",
                                    ShowProviderSyntax, ShowProvider);
-  program.Add<ReadersOptions>(Heading::kSystem, "readers", "List the readers", ReadersSyntax, ListReaders);
+  program.Add<ReadersOptions>(Heading::kSystem, "readers", "List the readers", ReadersSyntax, ShowReaders);
 }
 
 }  // namespace keldactl
