@@ -2,6 +2,7 @@
 
 #include "key_list.h"
 #include "output.h"
+#include "readers.h"
 #include "text_rules.h"
 
 #include <algorithm>
@@ -30,6 +31,25 @@ void Check(SECURITY_STATUS status, const std::wstring& operation) {
   if (status != ERROR_SUCCESS) throw Failure(operation, status);
 }
 
+namespace {
+
+// Programs show a token key's name with its reader in front: \\.\READER\KEY.
+void SplitQualifiedName(KeyOptions& options) {
+  constexpr std::wstring_view kBegin = L"\\\\.\\";
+  if (!options.key || !options.key->starts_with(kBegin)) return;
+  const size_t end = options.key->find(L'\\', kBegin.size());
+  if (end == std::wstring::npos) return;
+  const std::wstring reader = options.key->substr(kBegin.size(), end - kBegin.size());
+  if (options.provider.reader && *options.provider.reader != reader) {
+    throw UsageError(L"--key names the reader " + Quoted(reader) + L" and --reader " +
+                     Quoted(*options.provider.reader));
+  }
+  options.provider.reader = reader;
+  options.key->erase(0, end + 1);
+}
+
+}  // namespace
+
 void AddProviderOptions(Syntax& syntax, ProviderOptions& options) {
   constexpr const char* kGroup = "Provider";
   syntax.Text("--provider", options.name, "NAME", "the key storage provider (default: Norvale Token Works KSP v1.0)")
@@ -51,22 +71,66 @@ void AddKeyOptions(Syntax& syntax, KeyOptions& options) {
   syntax.Flag("--nameless", options.nameless, "the key without a name that comes first in the list, instead of --key")
       .excludes(&key);
   syntax.Check([&options] {
+    SplitQualifiedName(options);
     if (!options.key && !options.nameless) throw UsageError(L"--key is missing");
     if (options.key && options.key->empty()) throw UsageError(L"--key is empty; --nameless is the key without a name");
   });
   AddProviderOptions(syntax, options.provider);
 }
 
+namespace {
+
+// A provider that finds no token says only that it failed.
+Failure CannotOpen(const std::wstring& name, SECURITY_STATUS status) {
+  Failure failure(L"Opening the provider " + Quoted(name), status);
+  if (status == NTE_NOT_FOUND || status == NTE_KEYSET_NOT_DEF) {
+    failure.EndWith(ExitStatus::kNotFound)
+        .Advise(L"No provider of this name is registered on this machine for programs of this width.");
+  }
+  if (status != NTE_FAIL) return failure;
+  try {
+    const std::vector<Reader> readers = ListReaders();
+    const bool holds =
+        std::any_of(readers.begin(), readers.end(), [](const Reader& reader) { return reader.has_token; });
+    if (readers.empty()) {
+      failure.EndWith(ExitStatus::kNotFound)
+          .Advise(L"There is no reader: connect one, put the token into it and try again.");
+    } else if (!holds) {
+      failure.EndWith(ExitStatus::kNotFound).Advise(L"No reader holds a token: put the token in and try again.");
+    }
+  } catch (const Failure& service) {
+    failure.Advise(service.message() + L". " + service.advice());
+  }
+  return failure;
+}
+
+}  // namespace
+
 Provider::Provider(const ProviderOptions& options)
     : name_(options.name.value_or(kNorvaleProvider)), flags_(options.silent ? NCRYPT_SILENT_FLAG : 0) {
+  // Before the provider asks the user to choose what cannot be right.
+  if (options.reader) RequireTokenIn(*options.reader);
   NCRYPT_PROV_HANDLE handle = 0;
-  Check(NCryptOpenStorageProvider(&handle, name_.c_str(), flags_), L"Opening the provider " + Quoted(name_));
+  const SECURITY_STATUS status = NCryptOpenStorageProvider(&handle, name_.c_str(), flags_);
+  if (status != ERROR_SUCCESS) throw CannotOpen(name_, status);
   handle_ = NcryptHandle(handle);
+  if (options.reader) RequireReader(*this, *options.reader);
 }
 
 bool Provider::KeepsKeysOnToken() const {
   return (NumberProperty(handle(), NCRYPT_IMPL_TYPE_PROPERTY).value_or(0) & NCRYPT_IMPL_REMOVABLE_FLAG) != 0;
 }
+
+namespace {
+
+Failure CannotList(SECURITY_STATUS status) {
+  return Failure(L"Listing the keys", status)
+      .Advise(
+          L"One key on the token that is not an RSA key is enough for that: the provider then lists none of them. It "
+          L"still opens those that stand in front of it. The token maker's tools or pkcs11-tool can remove it.");
+}
+
+}  // namespace
 
 std::vector<ListedKey> Provider::Keys() const {
   std::vector<ListedKey> keys;
@@ -78,6 +142,7 @@ std::vector<ListedKey> Provider::Keys() const {
     if (status != ERROR_SUCCESS) {
       const NcryptBuffer state_owner(state);
       if (status == NTE_NO_MORE_ITEMS) return keys;
+      if (KeepsKeysOnToken()) throw CannotList(status);
       Check(status, L"Listing the keys");
     }
     if (!entry) throw Failure(L"Listing the keys failed: the provider reported a key without its name");
@@ -160,18 +225,30 @@ void Provider::RefuseUnfitName(const std::wstring& name) const {
   }
 }
 
-Key Provider::Open(const KeyOptions& options) const {
-  const std::wstring operation = L"Opening the " + Asked(options);
-  const std::wstring text = options.nameless ? NameOfNone(Keys()) : *options.key;
+std::optional<Provider::Found> Provider::Find(const std::wstring& text, const std::wstring& operation) const {
   NCRYPT_KEY_HANDLE handle = 0;
   const SECURITY_STATUS status = NCryptOpenKey(handle_.get(), &handle, text.c_str(), 0, flags_);
-  if (SaysNoSuchKey(status)) throw NoSuchKey(*this, options, std::nullopt);
+  if (SaysNoSuchKey(status)) return std::nullopt;
   Check(status, operation);
   NcryptHandle owner(handle);
-  const std::optional<std::wstring> name = NameOf(*this, owner, operation);
-  const bool right = name && (options.nameless ? name->empty() : NamesKey<wchar_t>(*options.key, *name));
-  if (!right) throw NoSuchKey(*this, options, name);
-  return {std::move(owner), *name, flags_};
+  std::optional<std::wstring> name = NameOf(*this, owner, operation);
+  if (!name) return std::nullopt;
+  return Found{std::move(owner), std::move(*name)};
+}
+
+std::optional<std::wstring> Provider::NameFoundBy(const std::wstring& text) const {
+  std::optional<Found> found = Find(text, L"Looking for a key");
+  if (!found) return std::nullopt;
+  return std::move(found->name);
+}
+
+Key Provider::Open(const KeyOptions& options) const {
+  const std::wstring text = options.nameless ? NameOfNone(Keys()) : *options.key;
+  std::optional<Found> found = Find(text, L"Opening the " + Asked(options));
+  if (!found) throw NoSuchKey(*this, options, std::nullopt);
+  const bool right = options.nameless ? found->name.empty() : NamesKey<wchar_t>(*options.key, found->name);
+  if (!right) throw NoSuchKey(*this, options, found->name);
+  return {std::move(found->handle), std::move(found->name), flags_};
 }
 
 std::wstring TitleOf(const std::wstring& name) {

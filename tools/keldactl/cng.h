@@ -86,6 +86,8 @@ class Provider {
 
   // The provider's list of keys, in its order.
   std::vector<ListedKey> Keys() const;
+  // The name of the key that the provider finds by this text, whatever its rules are; nothing when it finds none.
+  std::optional<std::wstring> NameFoundBy(const std::wstring& text) const;
   // Throws Failure when a new key cannot get this name: a token keeps labels of at most 62 characters up to 0xFF.
   void RefuseUnfitName(const std::wstring& name) const;
   // Opens the key that --key or --nameless names and makes sure that it is that key: the provider's own name for it, or
@@ -93,6 +95,13 @@ class Provider {
   Key Open(const KeyOptions& options) const;
 
  private:
+  // The key that the provider finds by this text, if any, and its name.
+  struct Found {
+    NcryptHandle handle;
+    std::wstring name;
+  };
+  std::optional<Found> Find(const std::wstring& text, const std::wstring& operation) const;
+
   std::wstring name_;
   DWORD flags_;
   NcryptHandle handle_;

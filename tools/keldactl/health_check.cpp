@@ -321,11 +321,11 @@ void HealthCheck::CheckReaders() {
     return Ok(L"SCardSvr");
   });
   Step("readers", L"Readers", service_works_, [] {
-    const std::vector<std::wstring> readers = ReadersByPcsc();
+    const std::vector<Reader> readers = ListReaders();
     if (readers.empty()) return Failed(L"there are none", L"Plug the reader in and install its driver.");
     std::wstring names;
-    for (const std::wstring& reader : readers)
-      names += (names.empty() ? L"" : L", ") + Quoted(reader);
+    for (const Reader& reader : readers)
+      names += (names.empty() ? L"" : L", ") + Quoted(reader.name) + (reader.has_token ? L" (token)" : L" (empty)");
     return Ok(names);
   });
 }

@@ -7,9 +7,11 @@
 #include "property_table.h"
 #include "signing.h"
 #include "status.h"
+#include "text_rules.h"
 
 #include <winscard.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace keldactl {
@@ -50,6 +52,11 @@ std::wstring ExportPolicy(DWORD policy) {
                        {NCRYPT_ALLOW_ARCHIVING_FLAG, L"once for archiving"},
                        {NCRYPT_ALLOW_PLAINTEXT_ARCHIVING_FLAG, L"once for archiving in plain text"}},
                       L"never");
+}
+
+// A policy is a promise about what the provider would let out; a token lets no private key out whatever it says.
+std::wstring TokenExportPolicy(DWORD policy) {
+  return ExportPolicy(policy) + L" (says the property; only the public key ever leaves the token)";
 }
 
 std::wstring KeyUsage(DWORD usage) {
@@ -120,7 +127,8 @@ ExitStatus ShowKey(const ShowOptions& options) {
   table.Add(L"Lengths offered", "lengths", NCRYPT_LENGTHS_PROPERTY, Lengths);
   table.Number(L"Block length", "block_length", NCRYPT_BLOCK_LENGTH_PROPERTY, ByteCount);
   table.Flags(L"Used for", "usage", NCRYPT_KEY_USAGE_PROPERTY, KeyUsage);
-  table.Flags(L"Export policy", "export_policy", NCRYPT_EXPORT_POLICY_PROPERTY, ExportPolicy);
+  table.Flags(L"Export policy", "export_policy", NCRYPT_EXPORT_POLICY_PROPERTY,
+              provider.KeepsKeysOnToken() ? TokenExportPolicy : ExportPolicy);
   table.Flags(L"Key of", "key_type", NCRYPT_KEY_TYPE_PROPERTY, KeyType);
   table.Add(L"Certificate", "certificate", NCRYPT_CERTIFICATE_PROPERTY, CertificateInWords);
   table.Add(L"Access rights", "security_descriptor_size", NCRYPT_SECURITY_DESCR_PROPERTY, Size);
@@ -150,6 +158,8 @@ void CreateSyntax(Syntax& syntax, CreateOptions& options) {
                 "exchange or signature, for programs that use CryptoAPI's key specs");
   AddProviderOptions(syntax, options.provider);
   syntax.Notes(
+      "--overwrite: a token keeps the name that a key was created with as a label, which the provider compares\n"
+      "and does not show; what is lost is told as exactly as that allows.\n"
       "A token may give the key an identifier of its own, under which it is found from then on; keldactl\n"
       "tells the name and hex text.");
 }
@@ -159,28 +169,69 @@ DWORD LegacyKeySpec(const std::wstring& spec) {
   return spec == L"exchange" ? AT_KEYEXCHANGE : AT_SIGNATURE;
 }
 
-ExitStatus CreateKey(const CreateOptions& options) {
-  const std::wstring& name = options.key;
-  const Provider provider(options.provider);
-  provider.RefuseUnfitName(name);
-  const std::vector<ListedKey> before = provider.Keys();
-
+NcryptHandle BeginKey(const Provider& provider, const CreateOptions& options, DWORD flags, SECURITY_STATUS* status) {
   NCRYPT_KEY_HANDLE handle = 0;
-  Check(NCryptCreatePersistedKey(provider.handle(), &handle, NCRYPT_RSA_ALGORITHM, name.c_str(),
-                                 LegacyKeySpec(options.key_spec),
-                                 provider.flags() | (options.overwrite ? NCRYPT_OVERWRITE_KEY_FLAG : 0)),
-        L"Creating the key " + Quoted(name));
-  const NcryptHandle key(handle);
+  *status = NCryptCreatePersistedKey(provider.handle(), &handle, NCRYPT_RSA_ALGORITHM, options.key.c_str(),
+                                     LegacyKeySpec(options.key_spec), provider.flags() | flags);
+  return NcryptHandle(*status == ERROR_SUCCESS ? handle : 0);
+}
+
+// What will be lost, as far as it can be told: a token's keys are listed under other names than the one that they were
+// created with and that is taken here.
+void ConfirmOverwriting(const Provider& provider, const CreateOptions& options, const std::vector<ListedKey>& keys) {
+  if (options.yes) return;
+  if (!provider.KeepsKeysOnToken()) {
+    Complain(L"The key " + TitleOf(options.key) + L" will be lost.");
+  } else if (keys.size() == 1) {
+    Complain(L"The key pair that was created as " + Quoted(options.key) + L" will be lost. It is listed as " +
+             TitleOf(keys[0].name) + L".");
+  } else {
+    Complain(L"The key pair that was created as " + Quoted(options.key) +
+             L" will be lost, and its certificate is of no use then. It is one of these; the provider does not tell "
+             L"which:");
+    for (const ListedKey& key : keys)
+      Complain(L"  " + TitleOf(key.name));
+  }
+  if (!Confirm(L"Replace it by a new key in " + Quoted(provider.name()) + L"?")) {
+    throw Failure(L"nothing was created and nothing was lost", ExitStatus::kCancelled);
+  }
+}
+
+// A key record that will replace nothing unless the user wants that.
+NcryptHandle BeginKey(const Provider& provider, const CreateOptions& options, const std::vector<ListedKey>& keys) {
+  const std::wstring operation = L"Creating the key " + Quoted(options.key);
+  SECURITY_STATUS status = ERROR_SUCCESS;
+  NcryptHandle key = BeginKey(provider, options, 0, &status);
+  if (status == NTE_EXISTS && !options.overwrite) {
+    throw Failure(operation, status)
+        .Advise(L"Choose another name, or replace the key with --overwrite; it is lost then.");
+  }
+  if (status == NTE_EXISTS) {
+    ConfirmOverwriting(provider, options, keys);
+    key = BeginKey(provider, options, NCRYPT_OVERWRITE_KEY_FLAG, &status);
+  }
+  Check(status, operation);
+  return key;
+}
+
+ExitStatus CreateKey(const CreateOptions& options) {
+  const Provider provider(options.provider);
+  provider.RefuseUnfitName(options.key);
+  const std::vector<ListedKey> before = provider.Keys();
+  const NcryptHandle key = BeginKey(provider, options, before);
   if (options.length) {
     DWORD length = *options.length;
-    Check(NCryptSetProperty(handle, NCRYPT_LENGTH_PROPERTY, reinterpret_cast<PBYTE>(&length), sizeof length, 0),
+    Check(NCryptSetProperty(key.get(), NCRYPT_LENGTH_PROPERTY, reinterpret_cast<PBYTE>(&length), sizeof length, 0),
           L"Choosing a length of " + Bits(length));
   }
   {
     const Progress progress(L"Generating the key pair");
-    Check(NCryptFinalizeKey(handle, provider.flags()), L"Generating the key pair");
+    Check(NCryptFinalizeKey(key.get(), provider.flags()), L"Generating the key pair");
   }
-  SayNewcomers(before, provider.Keys(), name, L"Created the key " + Quoted(name));
+  const std::vector<ListedKey> after = provider.Keys();
+  SayNewcomers(before, after, options.key, L"Created the key " + Quoted(options.key));
+  for (const ListedKey& lost : Newcomers(after, before))
+    Say(L"The key " + TitleOf(lost.name) + L" is lost.");
   return ExitStatus::kDone;
 }
 
@@ -208,9 +259,30 @@ void DeleteSyntax(Syntax& syntax, DeleteOptions& options) {
   syntax.Flag("--yes", options.yes, "do not ask");
 }
 
+// Keys of equal names cannot be told apart through CNG; the provider offers the first of them.
+size_t CountOfEqualNames(const Provider& provider, const KeyOptions& options, const Key& key) {
+  const std::vector<ListedKey> keys = provider.Keys();
+  return static_cast<size_t>(std::count_if(keys.begin(), keys.end(), [&](const ListedKey& listed) {
+    return listed.name == key.name || (options.key && NamesKey<wchar_t>(*options.key, listed.name));
+  }));
+}
+
+void RefuseAmbiguous(const Provider& provider, const DeleteOptions& options, const Key& key) {
+  // One nameless key is like the other.
+  if (options.key.nameless) return;
+  const size_t count = CountOfEqualNames(provider, options.key, key);
+  if (count < 2) return;
+  const std::wstring said = std::to_wstring(count) + L" keys in " + Quoted(provider.name()) + L" answer to " +
+                            Quoted(*options.key.key) + L", and the provider offers only the first of them, " +
+                            TitleOf(key);
+  if (options.yes) throw Failure(said + L"; nothing was deleted").Advise(L"Without --yes keldactl asks about it.");
+  Warn(said + L".");
+}
+
 ExitStatus DeleteKey(const DeleteOptions& options) {
   const Provider provider(options.key.provider);
   Key key = provider.Open(options.key);
+  RefuseAmbiguous(provider, options, key);
   if (!options.yes &&
       !Confirm(L"Delete the key " + TitleOf(key) + L" from " + Quoted(provider.name()) + L" for ever?")) {
     throw Failure(L"nothing was deleted", ExitStatus::kCancelled);

@@ -3,6 +3,7 @@
 #include "output.h"
 #include "property_table.h"
 #include "readers.h"
+#include "text_rules.h"
 #include "status.h"
 
 namespace keldactl {
@@ -18,7 +19,7 @@ std::wstring ImplementationType(DWORD type) {
 }
 
 std::wstring Version(DWORD version) {
-  return std::to_wstring(HIWORD(version)) + L"." + std::to_wstring(LOWORD(version)) + L" (" + Hex32(version) + L")";
+  return Wide(VersionText(version));
 }
 
 std::wstring Characters(DWORD count) {
@@ -110,28 +111,33 @@ void ReadersSyntax(Syntax& syntax, ReadersOptions& options) {
 }
 
 // Only a provider that was named is asked: opening one may show a dialog, and the service knows all readers.
-std::vector<std::wstring> Readers(const std::optional<std::wstring>& name) {
-  if (!name) return ReadersByPcsc();
+std::vector<Reader> Readers(const std::optional<std::wstring>& name) {
+  if (!name) return ListReaders();
   ProviderOptions options;
   options.name = name;
   const Provider provider(options);
-  if (const auto reader = TextProperty(provider.handle(), NCRYPT_READER_PROPERTY)) return {*reader};
+  if (const auto reader = TextProperty(provider.handle(), NCRYPT_READER_PROPERTY)) return {{*reader, true}};
   Warn(L"the provider does not tell its reader; these are the smart card service's");
-  return ReadersByPcsc();
+  return ListReaders();
 }
 
-ExitStatus ListReaders(const ReadersOptions& options) {
-  const std::vector<std::wstring> readers = Readers(options.provider);
+ExitStatus ShowReaders(const ReadersOptions& options) {
+  const std::vector<Reader> readers = Readers(options.provider);
   if (options.json) {
     Json list = Json::array();
-    for (const std::wstring& reader : readers)
-      list.push_back({{"name", Utf8(reader)}});
+    for (const Reader& reader : readers)
+      list.push_back({{"name", Utf8(reader.name)}, {"token", reader.has_token}});
     SayJson({{"readers", list}});
     return ExitStatus::kDone;
   }
-  for (const std::wstring& reader : readers)
-    Say(Printable(reader));
-  if (readers.empty()) Say(L"There are no readers.");
+  if (readers.empty()) {
+    Say(L"There are no readers.");
+    return ExitStatus::kDone;
+  }
+  std::vector<std::vector<std::wstring>> rows = {{L"READER", L"TOKEN"}};
+  for (const Reader& reader : readers)
+    rows.push_back({Printable(reader.name), reader.has_token ? L"yes" : L"no"});
+  SayTable(rows);
   return ExitStatus::kDone;
 }
 
@@ -140,7 +146,7 @@ ExitStatus ListReaders(const ReadersOptions& options) {
 void AddProviderCommands(Program& program) {
   program.Add<ShowProviderOptions>(Heading::kSystem, "provider", "Show everything that the provider tells about itself",
                                    ShowProviderSyntax, ShowProvider);
-  program.Add<ReadersOptions>(Heading::kSystem, "readers", "List the readers", ReadersSyntax, ListReaders);
+  program.Add<ReadersOptions>(Heading::kSystem, "readers", "List the readers", ReadersSyntax, ShowReaders);
 }
 
 }  // namespace keldactl

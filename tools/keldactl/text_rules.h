@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -82,6 +83,18 @@ bool NamesKey(ViewOf<Char> asked, ViewOf<Char> name) {
   if (SameText(asked, name)) return true;
   const TextOf<Char> hex = HexTextOf(name);
   return !hex.empty() && SameText<Char>(asked, hex);
+}
+
+// A provider's version number as people write it. Two halves, or, when the upper one is too large for that, four bytes,
+// of which zeros at the end are left out behind the second.
+inline std::string VersionText(uint32_t version) {
+  if ((version >> 24) == 0) return std::to_string(version >> 16) + "." + std::to_string(version & 0xFFFF);
+  std::string text = std::to_string(version >> 24) + "." + std::to_string((version >> 16) & 0xFF);
+  const uint32_t third = (version >> 8) & 0xFF;
+  const uint32_t fourth = version & 0xFF;
+  if (third != 0 || fourth != 0) text += "." + std::to_string(third);
+  if (fourth != 0) text += "." + std::to_string(fourth);
+  return text;
 }
 
 }  // namespace keldactl
