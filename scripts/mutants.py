@@ -164,7 +164,7 @@ def choose(root, seed):
 class Worker:
     """One copy of the tree with its builds; builds and tests one mutant after the other."""
 
-    X64 = ["provider_tests", "token_objects_tests", "login_tests", "dialogs_tests", "soak_tests"]
+    X64 = ["entries_tests", "inside_tests", "dialogs_tests", "soak_tests"]
 
     def __init__(self, folder, prefix):
         self.tree = folder / "tree"
