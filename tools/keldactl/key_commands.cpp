@@ -1,3 +1,4 @@
+#include "certificate_store_commands.h"
 #include "cng.h"
 #include "commands.h"
 #include "encoding.h"
@@ -252,11 +253,13 @@ void LogIn(const Key& key) {
 struct DeleteOptions {
   KeyOptions key;
   bool yes = false;
+  bool certificates = false;
 };
 
 void DeleteSyntax(Syntax& syntax, DeleteOptions& options) {
   AddKeyOptions(syntax, options.key);
   syntax.Flag("--yes", options.yes, "do not ask");
+  syntax.Flag("--certificates", options.certificates, "also take its certificates out of your certificate store");
 }
 
 // Keys of equal names cannot be told apart through CNG; the provider offers the first of them.
@@ -287,6 +290,7 @@ ExitStatus DeleteKey(const DeleteOptions& options) {
       !Confirm(L"Delete the key " + TitleOf(key) + L" from " + Quoted(provider.name()) + L" for ever?")) {
     throw Failure(L"nothing was deleted", ExitStatus::kCancelled);
   }
+  const CertificatesOfKey certificates = FindCertificatesOfKey(provider.name(), key.name);
   SECURITY_STATUS status = NCryptDeleteKey(key.handle.get(), key.flags);
   if (status != ERROR_SUCCESS) {
     LogIn(key);
@@ -296,6 +300,7 @@ ExitStatus DeleteKey(const DeleteOptions& options) {
   if (status == ERROR_SUCCESS) key.handle.release();
   Check(status, L"Deleting the key " + TitleOf(key));
   Say(L"Deleted the key " + TitleOf(key) + L".");
+  SayWhatStays(certificates, provider.name(), options.certificates);
   return ExitStatus::kDone;
 }
 
