@@ -45,7 +45,8 @@ struct KeyAttributes {
 // The handles of all token keys of one class.
 class ObjectHandles {
  public:
-  // Two passes: the first counts, the second fetches. False when a call fails; the search then stays as it is.
+  // Two passes: the first counts, the second fetches. False when a call fails; the search then stays as it is. The
+  // second pass asks for one object even when there is none: many modules refuse a maximum of 0.
   bool Find(const CK_FUNCTION_LIST& token, CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass) {
     CK_BBOOL onToken = CK_TRUE;
     CK_ATTRIBUTE search[] = {
@@ -53,9 +54,8 @@ class ObjectHandles {
         {CKA_CLASS, &objectClass, sizeof(objectClass)},
     };
     if (!Pass(token, session, search, nullptr, kMaxObjects)) return false;
-    const CK_ULONG room = std::min(count_, kMaxObjects);
-    handles_.reset(
-        static_cast<CK_OBJECT_HANDLE*>(AllocateBlock(std::max<CK_ULONG>(room, 1) * sizeof(CK_OBJECT_HANDLE))));
+    const CK_ULONG room = std::clamp(count_, CK_ULONG{1}, kMaxObjects);
+    handles_.reset(static_cast<CK_OBJECT_HANDLE*>(AllocateBlock(room * sizeof(CK_OBJECT_HANDLE))));
     if (handles_ == nullptr) {
       g_KeyNameLog->WriteLine("NTE_INTERNAL_ERROR: Object memory allocation error");
       return false;
@@ -225,16 +225,15 @@ SECURITY_STATUS NewKeyName(const KELDAKSP_KEY& entry, NCryptKeyName** ppKeyName)
   std::unique_ptr<void, MallocDeleter> record(AllocateBlock(sizeof(NCryptKeyName)));
   if (record == nullptr) return NTE_NO_MEMORY;
   const std::size_t cchName = WideLength(entry.pszKeyName) + 1;
-  std::unique_ptr<void, MallocDeleter> name(AllocateBlock(cchName * sizeof(wchar_t)));
-  if (name == nullptr) return NTE_NO_MEMORY;
-  auto* pszName = static_cast<wchar_t*>(name.get());
-  BoundedCopy(pszName, cchName, entry.pszKeyName);
-  g_KeyNameLog->WriteWide("KeyName = ", pszName);
+  WideName name = WideName::Try(cchName);  // an identifier, as a rule: wiped unless it is handed out
+  if (name.empty()) return NTE_NO_MEMORY;
+  BoundedCopy(name.data(), cchName, entry.pszKeyName);
+  g_KeyNameLog->WriteWide("KeyName = ", name.data());
   auto* pszAlgid = static_cast<wchar_t*>(HeapAlloc(GetProcessHeap(), 0, sizeof(L"RSA")));
   if (pszAlgid == nullptr) return NTE_NO_MEMORY;
   std::memcpy(pszAlgid, L"RSA", sizeof(L"RSA"));
   auto* keyName = static_cast<NCryptKeyName*>(record.release());
-  keyName->pszName = static_cast<wchar_t*>(name.release());
+  keyName->pszName = name.Release();
   keyName->pszAlgid = pszAlgid;
   keyName->dwLegacyKeySpec = 0;
   keyName->dwFlags = 0;
