@@ -90,8 +90,13 @@ SECURITY_STATUS WINAPI KELDAKSPCreatePersistedKey(NCRYPT_PROV_HANDLE hProvider, 
     frame.Argument("dwLegacyKeySpec : ", dwLegacyKeySpec);
     frame.Argument("dwFlags         : ", dwFlags);
     ClearProviderCache();
-    const SECURITY_STATUS status = CreatePersistedKey(hProvider, phKey, pszAlgId, pszKeyName, dwLegacyKeySpec, dwFlags);
-    // After a failure this is whatever the caller left there.
+    SECURITY_STATUS status = NTE_INTERNAL_ERROR;
+    try {
+      status = CreatePersistedKey(hProvider, phKey, pszAlgId, pszKeyName, dwLegacyKeySpec, dwFlags);
+    } catch (...) {
+      status = RefuseException();
+    }
+    // After a failure, whatever its kind, this is what the caller left there.
     g_Log->WriteHex32("Key handle: ", phKey != nullptr ? static_cast<std::uint32_t>(*phKey) : 0);
     return status;
   });

@@ -43,6 +43,17 @@ inline SECURITY_STATUS Refuse(SECURITY_STATUS status, const char* text) noexcept
   return status;
 }
 
+// Called in a handler: logs what was thrown as the reason for the status that it gives back.
+inline SECURITY_STATUS RefuseException() noexcept {
+  try {
+    throw;
+  } catch (const std::bad_alloc&) {
+    return Refuse(NTE_NO_MEMORY, "NTE_NO_MEMORY: Not enough memory to complete the operation");
+  } catch (...) {
+    return Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: The operation ended with an unexpected exception");
+  }
+}
+
 // Runs body(frame), which returns the entry's status, inside the entry's lines. Nothing that body throws escapes.
 template <class Body>
 SECURITY_STATUS RunEntry(const EntryLines& lines, Body&& body) noexcept {
@@ -52,10 +63,8 @@ SECURITY_STATUS RunEntry(const EntryLines& lines, Body&& body) noexcept {
   SECURITY_STATUS status = NTE_INTERNAL_ERROR;
   try {
     status = body(frame);
-  } catch (const std::bad_alloc&) {
-    status = Refuse(NTE_NO_MEMORY, "NTE_NO_MEMORY: Not enough memory to complete the operation");
   } catch (...) {
-    status = Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: The operation ended with an unexpected exception");
+    status = RefuseException();
   }
   if (!frame.HasExitLines()) return status;
   if (lines.exitHasStatus) {

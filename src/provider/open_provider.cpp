@@ -1,5 +1,6 @@
 // KELDAKSPOpenProvider: a provider handle on one token.
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -117,7 +118,9 @@ SECURITY_STATUS ChooseReader(wchar_t (&chosen)[kSelectedReaderSize]) {
   try {
     selection = SelectReader(chosen);
   } catch (const std::runtime_error& error) {
-    return Refuse(NTE_FAIL, error.what());
+    char line[128];  // more than any of the dialog's texts takes
+    std::snprintf(line, sizeof(line), "NTE_FAIL: %s", error.what());
+    return Refuse(NTE_FAIL, line);
   }
   if (selection == SCARD_E_CANCELLED || selection == SCARD_W_CANCELLED_BY_USER) {
     return Refuse(ERROR_CANCELLED, "ERROR_CANCELLED: The operation was cancelled.");
