@@ -9,6 +9,10 @@
 #include "support/text.h"
 #include "support/wipe.h"
 
+LogPointer g_KeyNameLog;
+LogPointer g_Log;
+LogPointer g_PinLog;
+
 namespace {
 
 // Characters of a line with a value: labels are texts of this DLL, and the longest value is a dump.
@@ -128,6 +132,11 @@ void LogPointer::Destroy() noexcept {
 
 void LogPointer::WriteLine(const char* text) const noexcept {
   if (instance_ != nullptr) instance_->WriteLine(text);
+}
+
+SECURITY_STATUS LogPointer::Refuse(SECURITY_STATUS status, const char* text) const noexcept {
+  WriteLine(text);
+  return status;
 }
 
 void LogPointer::WriteHex32(const char* label, std::uint32_t value) const noexcept {

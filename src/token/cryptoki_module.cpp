@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+CryptokiModule* g_Cryptoki = nullptr;
+
 CryptokiModule::CryptokiModule() noexcept : log_(LogPointer::Create(-1, 0)) {
   ready_ = Load();
 }
