@@ -12,6 +12,8 @@ namespace {
 using fake::Ascii;
 using fake::Bytes;
 
+class CryptokiModuleTest : public TokenObjectsTest {};
+
 std::string LoadResult() {
   return CryptokiModule().Ready() ? "loaded" : "failed";
 }
