@@ -7,14 +7,7 @@
 
 #include "kit/imports.h"
 #include "kit/provider.h"
-#include "provider/process_objects.h"
-
-HINSTANCE g_hModule = nullptr;
-LogPointer g_KeyNameLog;
-LogPointer g_Log;
-CryptokiModule* g_Cryptoki = nullptr;
-PinManager* g_PinManager = nullptr;
-LogPointer g_PinLog;
+#include "support/module_handle.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "diag/debug_log.h"
-#include "login/pin_manager.h"
+#include "login/pin_cache/pin_manager.h"
 #include "token/cryptoki_module.h"
 
 #include "fake_token/fake_token.h"

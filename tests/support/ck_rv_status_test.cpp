@@ -1,4 +1,4 @@
-#include "token/ck_rv_status.h"
+#include "support/ck_rv_status.h"
 
 #include <map>
 

@@ -2,6 +2,7 @@
 #include <cstdlib>
 
 #include "support/allocator.h"
+#include "token/key_lookup.h"
 #include "token/key_object_list.h"
 #include "inside/token_fixture.h"
 

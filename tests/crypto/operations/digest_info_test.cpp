@@ -1,4 +1,4 @@
-#include "crypto/digest_info.h"
+#include "crypto/operations/digest_info.h"
 
 #include <limits>
 #include <set>

@@ -2,7 +2,7 @@
 #include <functional>
 #include <vector>
 
-#include "token/rsa_pair.h"
+#include "crypto/operations/rsa_operations.h"
 #include "inside/token_fixture.h"
 
 namespace {
@@ -28,20 +28,20 @@ class RsaOperationsTest : public TokenTest {
   std::vector<Call> Calls() {
     return {{"Sign", keys_.privateKey, &RSAPair::SetPrivateKeyHandle,
              [this](RSAPair& pair, const unsigned char* input, DWORD* length) {
-               return pair.Sign(input, 20, output_, length);
+               return Sign(pair, input, 20, output_, length);
              }},
             {"Verify", keys_.publicKey, &RSAPair::SetPublicKeyHandle,
              [this](RSAPair& pair, const unsigned char* input, DWORD* length) {
-               const SECURITY_STATUS status = pair.Verify(input, 20, length ? output_ : nullptr, 128);
+               const SECURITY_STATUS status = Verify(pair, input, 20, length ? output_ : nullptr, 128);
                return status == NTE_FAIL ? ERROR_SUCCESS : status;  // the token has looked and refused
              }},
             {"Encrypt", keys_.publicKey, &RSAPair::SetPublicKeyHandle,
              [this](RSAPair& pair, const unsigned char* input, DWORD* length) {
-               return pair.Encrypt(input, 20, output_, length);
+               return Encrypt(pair, input, 20, output_, length);
              }},
             {"Decrypt", keys_.privateKey, &RSAPair::SetPrivateKeyHandle,
              [this](RSAPair& pair, const unsigned char* input, DWORD* length) {
-               return pair.Decrypt(input, 128, output_, length);
+               return Decrypt(pair, input, 128, output_, length);
              }}};
   }
 
@@ -83,7 +83,7 @@ TEST_F(RsaOperationsTest, LengthsOfNoHashAreNotSigned) {
   pair.SetPrivateKeyHandle(keys_.privateKey);
   for (const DWORD cbHash : {DWORD{0}, DWORD{15}, DWORD{28}, DWORD{48}, DWORD{84}, DWORD{0xFFFFFFFF}}) {
     DWORD length = sizeof output_;
-    EXPECT_EQ(pair.Sign(input_.data(), cbHash, output_, &length), NTE_INVALID_PARAMETER) << cbHash;
+    EXPECT_EQ(Sign(pair, input_.data(), cbHash, output_, &length), NTE_INVALID_PARAMETER) << cbHash;
     EXPECT_EQ(length, sizeof output_);
   }
   EXPECT_TRUE(token().Calls().empty());

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "kit/imports.h"
-#include "login/pin_cache_entry.h"
+#include "login/pin_cache/pin_cache_entry.h"
 
 using ProtectHook = kit::Hook<"CryptProtectMemory", decltype(&CryptProtectMemory)>;
 using UnprotectHook = kit::Hook<"CryptUnprotectMemory", decltype(&CryptUnprotectMemory)>;

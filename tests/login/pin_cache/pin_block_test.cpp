@@ -1,4 +1,4 @@
-#include "login/pin_block.h"
+#include "login/pin_cache/pin_block.h"
 
 #include <cstring>
 #include <limits>

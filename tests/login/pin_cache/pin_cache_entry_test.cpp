@@ -1,5 +1,5 @@
 // An entry of the PIN cache by itself: its protected block, and how each step fails.
-#include "login/pin_cache_entry.h"
+#include "login/pin_cache/pin_cache_entry.h"
 
 #include <algorithm>
 #include <array>

@@ -1,5 +1,5 @@
 // The PIN cache by itself: its entries, its section, and the setting that forbids it.
-#include "login/pin_manager.h"
+#include "login/pin_cache/pin_manager.h"
 
 #include <algorithm>
 #include <array>
