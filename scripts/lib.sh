@@ -140,9 +140,14 @@ assemble_app() {
     cmake --install "$BUILD/$arch" --component "$component" --prefix "$dir" >/dev/null ||
       die "what scripts/build.sh $arch makes is missing"
   done
+  use_standins "$arch"
+}
+
+# use_standins ARCH: the environment in which programs use the stand-ins that lie beside them.
+use_standins() {
   # The part of the soft token that is Linux code.
-  export WINEDLLPATH=$dir
-  export WINEDLLOVERRIDES="ncrypt,winscard,keldapkcs11=n,b;mscoree=;mshtml="
+  export WINEDLLPATH=$BUILD/$1/standins
+  export WINEDLLOVERRIDES="bcrypt,ncrypt,winscard,keldapkcs11=n,b;mscoree=;mshtml="
 }
 
 # windows_path FILE: FILE, absolute, as Wine's programs name it.

@@ -40,7 +40,7 @@ for purpose in "$@"; do
   case $purpose in
     build)
       need_packages cmake ninja-build ccache g++ g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix \
-        wine64-tools libwine-dev googletest libp11-kit-dev
+        wine64-tools libwine-dev googletest libp11-kit-dev libcli11-dev nlohmann-json3-dev
       ;;
     run) need_packages wine64 fonts-wine xvfb xauth xdotool imagemagick softhsm2 opensc openssl python3 ;;
     x86) prepare_x86 ;;

@@ -22,12 +22,20 @@ SECURITY_STATUS FromNtStatus(NTSTATUS status) {
   }
 }
 
+// A registration names the file alone, and it is in the system folder: nowhere else is it looked for.
+std::wstring PathOf(const std::wstring& image) {
+  if (image.find_first_of(L"\\/") != std::wstring::npos) return image;
+  wchar_t folder[MAX_PATH];
+  const UINT length = GetSystemDirectoryW(folder, MAX_PATH);
+  return length < MAX_PATH ? std::wstring(folder, length) + L"\\" + image : image;
+}
+
 }  // namespace
 
 SECURITY_STATUS LoadProviderTable(const Registration& registration, const KeyStorageFunctionTable** table) {
   // Never released: a provider's state (PINs it caches, its token module) is meant to last as long as the process.
   // Loading it again only counts, which does not matter then.
-  const HMODULE module = LoadLibraryW(registration.image.c_str());
+  const HMODULE module = LoadLibraryW(PathOf(registration.image).c_str());
   if (module == nullptr) return NTE_PROVIDER_DLL_FAIL;
   // Through a plain function pointer: FARPROC and the real type differ in everything.
   const auto get_interface = reinterpret_cast<GetKeyStorageInterfaceFn>(

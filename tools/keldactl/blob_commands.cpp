@@ -2,14 +2,15 @@
 #include "commands.h"
 #include "encoding.h"
 #include "files.h"
-#include "newcomers.h"
+#include "key_list.h"
 #include "output.h"
 #include "public_key.h"
+#include "unicode.h"
 
 namespace keldactl {
 
 Bytes ExportPublicBlob(const Key& key) {
-  const std::wstring operation = L"Exporting the public key of " + Quoted(key.name);
+  const std::wstring operation = L"Exporting the public key of " + TitleOf(key);
   DWORD size = 0;
   Check(NCryptExportKey(key.handle.get(), 0, BCRYPT_RSAPUBLIC_BLOB, nullptr, nullptr, 0, &size, key.flags), operation);
   Bytes blob(size);
@@ -26,27 +27,31 @@ RsaPublicKey PublicKeyOf(const Key& key) {
 
 namespace {
 
-int ExportKey(const Arguments& arguments) {
-  const std::wstring format = arguments.Get(L"--format", L"pem");
-  if (format != L"blob" && format != L"pem" && format != L"der") {
-    throw UsageError(L"--format is blob, pem or der, not " + Quoted(format));
-  }
-  const std::optional<std::wstring> out = arguments.Find(L"--out");
-  if (!out && format != L"pem") throw UsageError(L"--out is missing: only PEM can be shown");
-  const Provider provider(arguments);
-  const Key key = provider.Open(arguments);
+struct ExportOptions {
+  KeyOptions key;
+  std::wstring format = L"pem";
+  std::optional<std::wstring> out;
+};
+
+void ExportSyntax(Syntax& syntax, ExportOptions& options) {
+  AddKeyOptions(syntax, options.key);
+  syntax.Choice("--format", options.format, {"pem", "der", "blob"}, "FORMAT",
+                "pem or der (SubjectPublicKeyInfo), or blob (CNG's RSAPUBLICBLOB); default: pem");
+  syntax.Text("--out", options.out, "FILE", "where to write it (default: PEM is shown); - is standard output");
+  syntax.Check([&options] {
+    if (!options.out && options.format != L"pem") throw UsageError(L"--out is missing: only PEM can be shown");
+  });
+}
+
+ExitStatus ExportKey(const ExportOptions& options) {
+  const Provider provider(options.key.provider);
+  const Key key = provider.Open(options.key);
   Bytes content = ExportPublicBlob(key);
-  if (format != L"blob") content = PublicKeyInfo(ParsePublicBlob(content));
-  if (format == L"pem") content = Pem("PUBLIC KEY", content);
-  if (!out) {
-    std::wstring text(content.begin(), content.end());
-    text.pop_back();
-    Say(text);
-    return kExitOk;
-  }
-  WriteWholeFile(*out, content);
-  Say(L"Exported the public key of " + Quoted(key.name) + L" to " + Quoted(*out) + L".");
-  return kExitOk;
+  if (options.format != L"blob") content = PublicKeyInfo(ParsePublicBlob(content));
+  if (options.format == L"pem") content = Pem("PUBLIC KEY", content);
+  WriteText(options.out, content,
+            L"Exported the public key of " + TitleOf(key) + L" to " + OutName(options.out.value_or(L"")) + L".");
+  return ExitStatus::kDone;
 }
 
 // What a file brings: the blob and its type in CNG's words.
@@ -62,8 +67,7 @@ Import ReadImport(const std::wstring& path) {
     if (pem->label == "PUBLIC KEY") return {PublicBlob(ParsePublicKeyInfo(pem->der)), BCRYPT_RSAPUBLIC_BLOB, false};
     if (pem->label == "RSA PUBLIC KEY")
       return {PublicBlob(ParsePkcs1PublicKey(pem->der)), BCRYPT_RSAPUBLIC_BLOB, false};
-    throw Failure(L"The file " + Quoted(path) + L" holds no public key but: " +
-                  std::wstring(pem->label.begin(), pem->label.end()));
+    throw Failure(L"The file " + InName(path) + L" holds no public key but: " + Printable(Wide(pem->label)));
   }
   switch (BlobMagic(file)) {
     case BCRYPT_RSAPUBLIC_MAGIC:
@@ -77,11 +81,33 @@ Import ReadImport(const std::wstring& path) {
   }
 }
 
-int ImportKey(const Arguments& arguments) {
-  std::wstring name = arguments.Require(L"--key");
-  Import import = ReadImport(arguments.Operands()[0]);
+struct ImportOptions {
+  ProviderOptions provider;
+  std::wstring key;
+  std::wstring file;
+};
+
+void ImportSyntax(Syntax& syntax, ImportOptions& options) {
+  syntax.Operand("FILE", options.file, "the public key; - is standard input");
+  syntax.Text("--key", options.key, "NAME", "the new key's name; on a token this becomes its label").required();
+  AddProviderOptions(syntax, options.provider);
+  syntax.Notes(
+      "FILE is a public key in PEM or DER, or a CNG key blob (RSAPUBLICBLOB, RSAPRIVATEBLOB,\n"
+      "RSAFULLPRIVATEBLOB). Providers that keep keys on tokens take no private keys.");
+}
+
+// A provider may say yes and then refuse the handle that it gave out.
+bool IsRefused(NCRYPT_KEY_HANDLE key) {
+  DWORD size = 0;
+  return NCryptGetProperty(key, NCRYPT_ALGORITHM_GROUP_PROPERTY, nullptr, 0, &size, 0) == NTE_INVALID_HANDLE;
+}
+
+ExitStatus ImportKey(const ImportOptions& options) {
+  std::wstring name = options.key;
+  Import import = ReadImport(options.file);
   const std::wstring operation = L"Importing the key " + Quoted(name);
-  const Provider provider(arguments);
+  const Provider provider(options.provider);
+  provider.RefuseUnfitName(name);
   const std::vector<ListedKey> before = provider.Keys();
   NCryptBuffer name_buffer = {static_cast<ULONG>((name.size() + 1) * sizeof(wchar_t)), NCRYPTBUFFER_PKCS_KEY_NAME,
                               name.data()};
@@ -91,46 +117,20 @@ int ImportKey(const Arguments& arguments) {
                                            static_cast<DWORD>(import.blob.size()), provider.flags());
   SecureZeroMemory(import.blob.data(), import.blob.size());
   const NcryptHandle key(status == ERROR_SUCCESS ? handle : 0);
-  if (status == ERROR_SUCCESS) {
-    // A provider may say yes and then refuse the handle that it gave out.
-    DWORD size = 0;
-    if (NCryptGetProperty(handle, NCRYPT_ALGORITHM_GROUP_PROPERTY, nullptr, 0, &size, 0) == NTE_INVALID_HANDLE) {
-      status = NTE_INVALID_HANDLE;
-    }
-  }
+  if (status == ERROR_SUCCESS && IsRefused(handle)) status = NTE_INVALID_HANDLE;
   if (status != ERROR_SUCCESS && import.has_private_key) {
     throw Failure(L"The file holds a private key, and this provider does not take private keys. " + operation, status);
   }
   Check(status, operation);
   SayNewcomers(before, provider.Keys(), name, L"Imported the key " + Quoted(name));
-  return kExitOk;
+  return ExitStatus::kDone;
 }
 
 }  // namespace
 
-std::vector<Command> BlobCommands() {
-  return {
-      {L"export",
-       L"",
-       0,
-       0,
-       L"Export a key's public part",
-       {KeyOption(),
-        {L"--format", L"FORMAT", L"pem or der (SubjectPublicKeyInfo), or blob (CNG's RSAPUBLICBLOB); default: pem"},
-        {L"--out", L"FILE", L"where to write it (default: PEM is shown)"},
-        ReaderOption()},
-       L"",
-       ExportKey},
-      {L"import",
-       L"FILE",
-       1,
-       1,
-       L"Import a public key",
-       {{L"--key", L"NAME", L"the new key's name; on a token this becomes its label"}},
-       L"FILE is a public key in PEM or DER, or a CNG key blob (RSAPUBLICBLOB, RSAPRIVATEBLOB,\n"
-       L"RSAFULLPRIVATEBLOB). Providers that keep keys on tokens take no private keys.",
-       ImportKey},
-  };
+void AddBlobCommands(Program& program) {
+  program.Add<ExportOptions>(Heading::kKeys, "export", "Export a key's public part", ExportSyntax, ExportKey);
+  program.Add<ImportOptions>(Heading::kKeys, "import", "Import a public key", ImportSyntax, ImportKey);
 }
 
 }  // namespace keldactl

@@ -1,3 +1,4 @@
+#include "certificate_store_commands.h"
 #include "cng.h"
 #include "commands.h"
 #include "encoding.h"
@@ -14,41 +15,63 @@ void StoreCertificate(const Key& key, const std::wstring& path) {
   // The provider stores what it is given; a certificate beside the wrong key would be found out much later.
   if (certificate.Key() != PublicKeyOf(key)) {
     throw Failure(L"The certificate of " + Quoted(certificate.Subject()) + L" does not belong to the key " +
-                  Quoted(key.name));
+                  TitleOf(key));
   }
   Bytes der = certificate.Der();
   Check(NCryptSetProperty(key.handle.get(), NCRYPT_CERTIFICATE_PROPERTY, der.data(), static_cast<DWORD>(der.size()), 0),
         L"Storing the certificate");
   Say(L"Stored the certificate of " + Quoted(certificate.Subject()) + L" (issued by " + Quoted(certificate.Issuer()) +
-      L") beside the key " + Quoted(key.name) + L".");
+      L") beside the key " + TitleOf(key) + L".");
 }
 
 void FetchCertificate(const Key& key, const std::optional<std::wstring>& out) {
   Bytes value;
   Check(ReadProperty(key.handle.get(), NCRYPT_CERTIFICATE_PROPERTY, &value), L"Reading the certificate");
-  const Bytes pem = Pem("CERTIFICATE", Certificate(value).Der());
-  if (out) {
-    WriteWholeFile(*out, pem);
-    Say(L"Wrote the certificate to " + Quoted(*out) + L".");
-  } else {
-    std::wstring text(pem.begin(), pem.end());
-    text.pop_back();
-    Say(text);
+  WriteText(out, Pem("CERTIFICATE", Certificate(value).Der()),
+            L"Wrote the certificate of the key " + TitleOf(key) + L" to " + OutName(out.value_or(L"")) + L".");
+}
+
+struct CertificateOptions {
+  KeyOptions key;
+  std::optional<std::wstring> set;
+  std::optional<std::wstring> install;
+  bool uninstall = false;
+  std::optional<std::wstring> out;
+};
+
+void ExcludeEachOther(const std::vector<CLI::Option*>& options) {
+  for (size_t i = 0; i < options.size(); ++i) {
+    for (size_t j = 0; j < i; ++j)
+      options[i]->excludes(options[j]);
   }
 }
 
-int CertificateOfKey(const Arguments& arguments) {
-  const std::optional<std::wstring> file = arguments.Find(L"--set");
-  if (file && arguments.Has(L"--out"))
-    throw UsageError(L"--set stores a certificate and --out fetches one: give only one");
-  const Provider provider(arguments);
-  const Key key = provider.Open(arguments);
-  if (file) {
-    StoreCertificate(key, *file);
+void CertificateSyntax(Syntax& syntax, CertificateOptions& options) {
+  AddKeyOptions(syntax, options.key);
+  CLI::Option& set =
+      syntax.Text("--set", options.set, "FILE", "store this certificate (DER or PEM); - is standard input");
+  CLI::Option& out = syntax.Text("--out", options.out, "FILE", "fetch it into this file (default: it is shown as PEM)");
+  CLI::Option& install =
+      syntax.Text("--install", options.install, "FILE",
+                  "put it (DER or PEM, default: the one beside the key) into your certificate store, tied to the key");
+  install.expected(0, 1);
+  CLI::Option& uninstall = syntax.Flag("--uninstall", options.uninstall, "take it out of your certificate store again");
+  ExcludeEachOther({&set, &out, &install, &uninstall});
+}
+
+ExitStatus CertificateOfKey(const CertificateOptions& options) {
+  const Provider provider(options.key.provider);
+  const Key key = provider.Open(options.key);
+  if (options.set) {
+    StoreCertificate(key, *options.set);
+  } else if (options.install) {
+    InstallCertificate(provider, key, *options.install);
+  } else if (options.uninstall) {
+    UninstallCertificates(provider, key);
   } else {
-    FetchCertificate(key, arguments.Find(L"--out"));
+    FetchCertificate(key, options.out);
   }
-  return kExitOk;
+  return ExitStatus::kDone;
 }
 
 const char* SignatureOid(const HashAlgorithm& algorithm) {
@@ -59,56 +82,44 @@ const char* SignatureOid(const HashAlgorithm& algorithm) {
   return szOID_RSA_SHA256RSA;
 }
 
-int RequestCertificate(const Arguments& arguments) {
-  const HashAlgorithm& algorithm = ChosenHash(arguments);
-  const std::wstring subject = arguments.Require(L"--subject");
-  const std::optional<std::wstring> out = arguments.Find(L"--out");
-  const Provider provider(arguments);
-  const Key key = provider.Open(arguments);
+struct RequestOptions {
+  KeyOptions key;
+  std::wstring hash = kDefaultHash;
+  std::wstring subject;
+  std::optional<std::wstring> out;
+};
+
+void RequestSyntax(Syntax& syntax, RequestOptions& options) {
+  AddKeyOptions(syntax, options.key);
+  syntax
+      .Text("--subject", options.subject, "SUBJECT", "whom the certificate is for, such as \"CN=Jane Doe, O=Example\"")
+      .required();
+  syntax.Text("--out", options.out, "FILE", "the request's file (default: it is shown); - is standard output");
+  AddHashOption(syntax, options.hash);
+}
+
+ExitStatus RequestCertificate(const RequestOptions& options) {
+  const HashAlgorithm& algorithm = FindHash(options.hash);
+  const Provider provider(options.key.provider);
+  const Key key = provider.Open(options.key);
   if (!IsRsa(key)) throw Failure(L"Requests are made for RSA keys only");
-  const Bytes body = CertificationRequestInfo(subject, PublicKeyOf(key));
+  const Bytes body = CertificationRequestInfo(options.subject, PublicKeyOf(key));
   const Bytes signature = SignHash(key, algorithm, HashOf(algorithm, body));
-  const Bytes pem = Pem("CERTIFICATE REQUEST", SignedStructure(body, SignatureOid(algorithm), signature));
-  if (out) {
-    WriteWholeFile(*out, pem);
-    Say(L"Wrote a request for " + Quoted(subject) + L", signed by the key " + Quoted(key.name) + L", to " +
-        Quoted(*out) + L".");
-  } else {
-    std::wstring text(pem.begin(), pem.end());
-    text.pop_back();
-    Say(text);
-  }
-  return kExitOk;
+  WriteText(options.out, Pem("CERTIFICATE REQUEST", SignedStructure(body, SignatureOid(algorithm), signature)),
+            L"Wrote a request for " + Quoted(options.subject) + L", signed by the key " + TitleOf(key) + L", to " +
+                OutName(options.out.value_or(L"")) + L".");
+  return ExitStatus::kDone;
 }
 
 }  // namespace
 
-std::vector<Command> CertificateCommands() {
-  return {
-      {L"certificate",
-       L"",
-       0,
-       0,
-       L"Store a key's certificate beside it, or fetch it",
-       {KeyOption(),
-        {L"--set", L"FILE", L"store this certificate (DER or PEM)"},
-        {L"--out", L"FILE", L"fetch it into this file (default: it is shown as PEM)"},
-        ReaderOption()},
-       L"",
-       CertificateOfKey},
-      {L"request",
-       L"",
-       0,
-       0,
-       L"Make a certificate request (PKCS#10) that the key signs",
-       {KeyOption(),
-        {L"--subject", L"SUBJECT", L"whom the certificate is for, such as \"CN=Jane Doe, O=Example\""},
-        {L"--out", L"FILE", L"the request's file (default: it is shown)"},
-        HashOption(),
-        ReaderOption()},
-       L"",
-       RequestCertificate},
-  };
+void AddCertificateCommands(Program& program) {
+  program.Add<CertificateOptions>(Heading::kCertificates, "certificate",
+                                  "Store a key's certificate beside it or in your store, or fetch it",
+                                  CertificateSyntax, CertificateOfKey);
+  program.Add<RequestOptions>(Heading::kCertificates, "request",
+                              "Make a certificate request (PKCS#10) that the key signs", RequestSyntax,
+                              RequestCertificate);
 }
 
 }  // namespace keldactl

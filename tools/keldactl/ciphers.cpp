@@ -30,63 +30,69 @@ void Run(CipherFunction function, const Key& key, Bytes& input, Bytes* output, c
   output->resize(size);
 }
 
-int Encrypt(const Arguments& arguments) {
-  const std::wstring& in = arguments.Operands()[0];
-  const std::wstring& out = arguments.Operands()[1];
-  WipedBytes plain;
-  plain.bytes = ReadWholeFile(in);
-  const Provider provider(arguments);
-  const Key key = provider.Open(arguments);
-  // PKCS#1 v1.5 padding takes 11 bytes of the block (RFC 8017, 7.2.1).
-  const std::optional<DWORD> bits = NumberProperty(key.handle.get(), NCRYPT_LENGTH_PROPERTY);
-  if (bits && plain.bytes.size() + 11 > (*bits + 7) / 8) {
-    throw Failure(Quoted(in) + L" is too long: a key of " + std::to_wstring(*bits) + L" bits encrypts at most " +
-                  std::to_wstring((*bits + 7) / 8 < 11 ? 0 : (*bits + 7) / 8 - 11) + L" bytes");
-  }
-  Bytes cipher;
-  Run(NCryptEncrypt, key, plain.bytes, &cipher, L"Encrypting " + Quoted(in));
-  WriteWholeFile(out, cipher);
-  Say(L"Encrypted " + Quoted(in) + L" for the key " + Quoted(key.name) + L": " + std::to_wstring(cipher.size()) +
-      L" bytes in " + Quoted(out) + L".");
-  return kExitOk;
+struct CipherOptions {
+  KeyOptions key;
+  std::wstring in;
+  std::wstring out;
+};
+
+void EncryptSyntax(Syntax& syntax, CipherOptions& options) {
+  syntax.Operand("IN", options.in, "the file to encrypt; - is standard input");
+  syntax.Operand("OUT", options.out, "the encrypted file; - is standard output");
+  AddKeyOptions(syntax, options.key);
+  syntax.Notes(
+      "One block with PKCS#1 v1.5 padding, as \"openssl pkeyutl -decrypt\" takes it: IN may have the key's\n"
+      "length less 11 bytes.");
 }
 
-int Decrypt(const Arguments& arguments) {
-  const std::wstring& in = arguments.Operands()[0];
-  const std::wstring& out = arguments.Operands()[1];
-  Bytes cipher = ReadWholeFile(in);
-  const Provider provider(arguments);
-  const Key key = provider.Open(arguments);
+void DecryptSyntax(Syntax& syntax, CipherOptions& options) {
+  syntax.Operand("IN", options.in, "the file to decrypt; - is standard input");
+  syntax.Operand("OUT", options.out, "the decrypted file; - is standard output");
+  AddKeyOptions(syntax, options.key);
+  syntax.Notes("IN is one block with PKCS#1 v1.5 padding, as \"openssl pkeyutl -encrypt\" makes it.");
+}
+
+// PKCS#1 v1.5 padding takes 11 bytes of the block (RFC 8017, 7.2.1).
+void RefuseTooLong(const Key& key, const std::wstring& in, size_t size) {
+  const std::optional<DWORD> bits = NumberProperty(key.handle.get(), NCRYPT_LENGTH_PROPERTY);
+  if (!bits || size + 11 <= (*bits + 7) / 8) return;
+  throw Failure(InName(in) + L" is too long: a key of " + std::to_wstring(*bits) + L" bits encrypts at most " +
+                std::to_wstring((*bits + 7) / 8 < 11 ? 0 : (*bits + 7) / 8 - 11) + L" bytes");
+}
+
+ExitStatus Encrypt(const CipherOptions& options) {
   WipedBytes plain;
-  Run(NCryptDecrypt, key, cipher, &plain.bytes, L"Decrypting " + Quoted(in));
-  WriteWholeFile(out, plain.bytes);
-  Say(L"Decrypted " + Quoted(in) + L" with the key " + Quoted(key.name) + L": " + std::to_wstring(plain.bytes.size()) +
-      L" bytes in " + Quoted(out) + L".");
-  return kExitOk;
+  plain.bytes = ReadWholeFile(options.in);
+  const Provider provider(options.key.provider);
+  const Key key = provider.Open(options.key);
+  RefuseTooLong(key, options.in, plain.bytes.size());
+  Bytes cipher;
+  Run(NCryptEncrypt, key, plain.bytes, &cipher, L"Encrypting " + InName(options.in));
+  WriteWholeFile(options.out, cipher);
+  SayUnlessPiped(options.out, L"Encrypted " + InName(options.in) + L" for the key " + TitleOf(key) + L": " +
+                                  std::to_wstring(cipher.size()) + L" bytes in " + OutName(options.out) + L".");
+  return ExitStatus::kDone;
+}
+
+ExitStatus Decrypt(const CipherOptions& options) {
+  Bytes cipher = ReadWholeFile(options.in);
+  const Provider provider(options.key.provider);
+  const Key key = provider.Open(options.key);
+  WipedBytes plain;
+  Run(NCryptDecrypt, key, cipher, &plain.bytes, L"Decrypting " + InName(options.in));
+  WriteWholeFile(options.out, plain.bytes);
+  SayUnlessPiped(options.out, L"Decrypted " + InName(options.in) + L" with the key " + TitleOf(key) + L": " +
+                                  std::to_wstring(plain.bytes.size()) + L" bytes in " + OutName(options.out) + L".");
+  return ExitStatus::kDone;
 }
 
 }  // namespace
 
-std::vector<Command> CipherCommands() {
-  return {
-      {L"encrypt",
-       L"IN OUT",
-       2,
-       2,
-       L"Encrypt a short file with a key's public part",
-       {KeyOption(), ReaderOption()},
-       L"One block with PKCS#1 v1.5 padding, as \"openssl pkeyutl -decrypt\" takes it: IN may have the key's\n"
-       L"length less 11 bytes.",
-       Encrypt},
-      {L"decrypt",
-       L"IN OUT",
-       2,
-       2,
-       L"Decrypt a file with a key's private part",
-       {KeyOption(), ReaderOption()},
-       L"IN is one block with PKCS#1 v1.5 padding, as \"openssl pkeyutl -encrypt\" makes it.",
-       Decrypt},
-  };
+void AddCipherCommands(Program& program) {
+  program.Add<CipherOptions>(Heading::kUse, "encrypt", "Encrypt a short file with a key's public part", EncryptSyntax,
+                             Encrypt);
+  program.Add<CipherOptions>(Heading::kUse, "decrypt", "Decrypt a file with a key's private part", DecryptSyntax,
+                             Decrypt);
 }
 
 }  // namespace keldactl

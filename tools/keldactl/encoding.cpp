@@ -1,6 +1,7 @@
 #include "encoding.h"
 
 #include "output.h"
+#include "unicode.h"
 
 #include <algorithm>
 #include <cstring>
@@ -170,22 +171,19 @@ Bytes SignedStructure(const Bytes& body, const char* algorithm, const Bytes& sig
 }
 
 Bytes Pem(const std::string& label, const Bytes& der) {
+  // Lines of 64 characters that end in a line feed, as OpenSSL writes them.
+  constexpr DWORD kForm = CRYPT_STRING_BASE64 | CRYPT_STRING_NOCR;
+  const auto length = static_cast<DWORD>(der.size());
   DWORD size = 0;
-  constexpr DWORD kForm = CRYPT_STRING_BASE64 | CRYPT_STRING_NOCRLF;
   std::string text;
-  if (!CryptBinaryToStringA(der.data(), static_cast<DWORD>(der.size()), kForm, nullptr, &size)) {
-    throw Failure(L"Encoding PEM", static_cast<long>(GetLastError()));
+  for (int pass = 0; pass < 2; ++pass) {
+    if (!CryptBinaryToStringA(der.data(), length, kForm, pass ? text.data() : nullptr, &size)) {
+      throw Failure(L"Encoding PEM", static_cast<long>(GetLastError()));
+    }
+    text.resize(size);
   }
-  text.resize(size);
-  if (!CryptBinaryToStringA(der.data(), static_cast<DWORD>(der.size()), kForm, text.data(), &size)) {
-    throw Failure(L"Encoding PEM", static_cast<long>(GetLastError()));
-  }
-  text.resize(size);
-  std::string pem = "-----BEGIN " + label + "-----\n";
-  for (size_t i = 0; i < text.size(); i += 64)
-    pem += text.substr(i, 64) + "\n";
-  pem += "-----END " + label + "-----\n";
-  return {pem.begin(), pem.end()};
+  text = "-----BEGIN " + label + "-----\n" + text.c_str() + "-----END " + label + "-----\n";
+  return {text.begin(), text.end()};
 }
 
 std::optional<PemBlock> ParsePem(const Bytes& text) {
@@ -218,7 +216,7 @@ std::optional<PemBlock> ParsePem(const Bytes& text) {
 Certificate::Certificate(const Bytes& file) {
   const std::optional<PemBlock> pem = ParsePem(file);
   if (pem && pem->label != "CERTIFICATE" && pem->label != "X509 CERTIFICATE") {
-    throw Failure(L"The file holds no certificate but: " + std::wstring(pem->label.begin(), pem->label.end()));
+    throw Failure(L"The file holds no certificate but: " + Printable(Wide(pem->label)));
   }
   const Bytes& der = pem ? pem->der : file;
   context_ = CertCreateCertificateContext(X509_ASN_ENCODING, der.data(), static_cast<DWORD>(der.size()));

@@ -70,12 +70,15 @@ const HashAlgorithm kAlgorithms[] = {
 }  // namespace
 
 const HashAlgorithm& FindHash(const std::wstring& option) {
-  std::wstring known;
   for (const HashAlgorithm& algorithm : kAlgorithms) {
     if (option == algorithm.option) return algorithm;
-    known += std::wstring(L" ") + algorithm.option;
   }
-  throw UsageError(L"unknown hash " + Quoted(option) + L"; known are:" + known);
+  throw UsageError(L"unknown hash " + Quoted(option));
+}
+
+void AddHashOption(Syntax& syntax, std::wstring& option) {
+  syntax.Choice("--hash", option, {"md5", "sha1", "sha256", "sha512"}, "HASH",
+                "md5, sha1, sha256 or sha512 (default: sha256)");
 }
 
 Bytes HashOfFile(const HashAlgorithm& algorithm, const std::wstring& path) {
@@ -88,15 +91,6 @@ Bytes HashOf(const HashAlgorithm& algorithm, const Bytes& data) {
   Hasher hasher(algorithm);
   hasher.Add(data.data(), data.size());
   return hasher.Finish();
-}
-
-const Option& HashOption() {
-  static const Option option = {L"--hash", L"HASH", L"sha1, sha256, sha512 or md5 (default: sha256)"};
-  return option;
-}
-
-const HashAlgorithm& ChosenHash(const Arguments& arguments) {
-  return FindHash(arguments.Get(L"--hash", L"sha256"));
 }
 
 }  // namespace keldactl

@@ -14,14 +14,14 @@ struct HashAlgorithm {
   Bytes digest_info;  // what stands before the hash in a DigestInfo (RFC 8017, 9.2)
 };
 
-// Throws UsageError for a name that is not known.
+// By what --hash takes; nothing else may be asked for.
 const HashAlgorithm& FindHash(const std::wstring& option);
 
 Bytes HashOfFile(const HashAlgorithm& algorithm, const std::wstring& path);
 Bytes HashOf(const HashAlgorithm& algorithm, const Bytes& data);
 
-// --hash with its meaning, and the algorithm that it names (SHA-256 when it is not given).
-const Option& HashOption();
-const HashAlgorithm& ChosenHash(const Arguments& arguments);
+// --hash, for FindHash.
+void AddHashOption(Syntax& syntax, std::wstring& option);
+inline constexpr const wchar_t* kDefaultHash = L"sha256";
 
 }  // namespace keldactl

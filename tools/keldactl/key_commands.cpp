@@ -1,29 +1,49 @@
+#include "certificate_store_commands.h"
 #include "cng.h"
 #include "commands.h"
 #include "encoding.h"
-#include "newcomers.h"
+#include "key_list.h"
 #include "output.h"
 #include "progress.h"
 #include "property_table.h"
 #include "signing.h"
 #include "status.h"
+#include "text_rules.h"
 
 #include <winscard.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace keldactl {
 namespace {
 
-int ListKeys(const Arguments& arguments) {
-  const Provider provider(arguments);
+struct KeysOptions {
+  ProviderOptions provider;
+  bool json = false;
+};
+
+void KeysSyntax(Syntax& syntax, KeysOptions& options) {
+  AddProviderOptions(syntax, options.provider);
+  syntax.Json(options.json);
+  syntax.Notes(
+      "A token key has two names: the characters that its identifier (CKA_ID) spells, and the same in\n"
+      "hexadecimal digits. Either can be given as --key; characters that do not print appear as \\xNN, and\n"
+      "then the hex text is the one to use.");
+}
+
+ExitStatus ListKeys(const KeysOptions& options) {
+  const Provider provider(options.provider);
   const std::vector<ListedKey> keys = provider.Keys();
-  if (keys.empty()) {
+  if (options.json) {
+    SayJson({{"provider", Utf8(provider.name())}, {"keys", KeysInJson(keys)}});
+  } else if (keys.empty()) {
     Say(L"There are no keys in " + Quoted(provider.name()) + L".");
-    return kExitOk;
+  } else {
+    SayKeys(keys);
   }
-  SayKeys(keys);
-  return kExitOk;
+  WarnOfNameless(keys);
+  return ExitStatus::kDone;
 }
 
 std::wstring ExportPolicy(DWORD policy) {
@@ -33,6 +53,11 @@ std::wstring ExportPolicy(DWORD policy) {
                        {NCRYPT_ALLOW_ARCHIVING_FLAG, L"once for archiving"},
                        {NCRYPT_ALLOW_PLAINTEXT_ARCHIVING_FLAG, L"once for archiving in plain text"}},
                       L"never");
+}
+
+// A policy is a promise about what the provider would let out; a token lets no private key out whatever it says.
+std::wstring TokenExportPolicy(DWORD policy) {
+  return ExportPolicy(policy) + L" (says the property; only the public key ever leaves the token)";
 }
 
 std::wstring KeyUsage(DWORD usage) {
@@ -54,84 +79,161 @@ std::wstring ByteCount(DWORD bytes) {
   return std::to_wstring(bytes) + L" bytes";
 }
 
-std::wstring Lengths(const Bytes& value) {
+Shown Lengths(const Bytes& value) {
   NCRYPT_SUPPORTED_LENGTHS lengths = {};
-  if (value.size() < sizeof lengths) return L"(too short)";
+  if (value.size() < sizeof lengths) return {L"- (too short)", nullptr};
   std::memcpy(&lengths, value.data(), sizeof lengths);
-  return std::to_wstring(lengths.dwMinLength) + L" to " + std::to_wstring(lengths.dwMaxLength) + L" bits in steps of " +
-         std::to_wstring(lengths.dwIncrement) + L", by default " + std::to_wstring(lengths.dwDefaultLength);
+  return {std::to_wstring(lengths.dwMinLength) + L" to " + std::to_wstring(lengths.dwMaxLength) +
+              L" bits in steps of " + std::to_wstring(lengths.dwIncrement) + L", by default " +
+              std::to_wstring(lengths.dwDefaultLength),
+          {{"least", lengths.dwMinLength},
+           {"most", lengths.dwMaxLength},
+           {"step", lengths.dwIncrement},
+           {"default", lengths.dwDefaultLength}}};
 }
 
-int ShowKey(const Arguments& arguments) {
-  const Provider provider(arguments);
-  const Key key = provider.Open(arguments);
-  PropertyTable table(key.handle.get());
-  table.Text(L"Name", NCRYPT_NAME_PROPERTY);
-  table.Line(L"Hex text", HexText(TextProperty(key.handle.get(), NCRYPT_NAME_PROPERTY).value_or(key.name)));
-  table.Text(L"Unique name", NCRYPT_UNIQUE_NAME_PROPERTY);
-  table.Text(L"Algorithm", NCRYPT_ALGORITHM_PROPERTY);
-  table.Text(L"Algorithm group", NCRYPT_ALGORITHM_GROUP_PROPERTY);
-  table.Number(L"Length", NCRYPT_LENGTH_PROPERTY, Bits);
-  table.Add(L"Lengths offered", NCRYPT_LENGTHS_PROPERTY, Lengths);
-  table.Number(L"Block length", NCRYPT_BLOCK_LENGTH_PROPERTY, ByteCount);
-  table.Number(L"Used for", NCRYPT_KEY_USAGE_PROPERTY, KeyUsage);
-  table.Number(L"Export policy", NCRYPT_EXPORT_POLICY_PROPERTY, ExportPolicy);
-  table.Number(L"Key of", NCRYPT_KEY_TYPE_PROPERTY, KeyType);
-  table.Add(L"Certificate", NCRYPT_CERTIFICATE_PROPERTY, [](const Bytes& value) -> std::wstring {
-    try {
-      return Printable(Certificate(value).Subject());
-    } catch (const Failure& failure) {
-      return L"- " + failure.message();
-    }
-  });
-  table.Add(L"Access rights", NCRYPT_SECURITY_DESCR_PROPERTY,
-            [](const Bytes& value) { return ByteCount(static_cast<DWORD>(value.size())); });
-  SayTable(table.rows());
-  return kExitOk;
+struct ShowOptions {
+  KeyOptions key;
+  bool json = false;
+};
+
+void ShowSyntax(Syntax& syntax, ShowOptions& options) {
+  AddKeyOptions(syntax, options.key);
+  syntax.Json(options.json);
 }
 
-DWORD LegacyKeySpec(const Arguments& arguments) {
-  const std::wstring spec = arguments.Get(L"--key-spec", L"");
-  if (spec.empty()) return 0;
-  if (spec == L"exchange") return AT_KEYEXCHANGE;
-  if (spec == L"signature") return AT_SIGNATURE;
-  throw UsageError(L"--key-spec is exchange or signature, not " + Quoted(spec));
-}
-
-DWORD Length(const Arguments& arguments) {
-  const std::wstring text = arguments.Get(L"--length", L"");
-  if (text.empty()) {
-    if (arguments.Has(L"--length")) throw UsageError(L"--length needs a number of bits");
-    return 0;
+Shown CertificateInWords(const Bytes& value) {
+  try {
+    const std::wstring subject = Certificate(value).Subject();
+    return {Printable(subject), Utf8(subject)};
+  } catch (const Failure& failure) {
+    return {L"- " + failure.message(), nullptr};
   }
-  wchar_t* end = nullptr;
-  const unsigned long bits = std::wcstoul(text.c_str(), &end, 10);
-  if (*end || bits == 0 || bits > 65536 || text[0] == L'-') throw UsageError(L"not a number of bits: " + Quoted(text));
-  return bits;
 }
 
-int CreateKey(const Arguments& arguments) {
-  const std::wstring name = arguments.Require(L"--key");
-  DWORD length = Length(arguments);
-  const DWORD spec = LegacyKeySpec(arguments);
-  const Provider provider(arguments);
-  const std::vector<ListedKey> before = provider.Keys();
+Shown Size(const Bytes& value) {
+  return {ByteCount(static_cast<DWORD>(value.size())), value.size()};
+}
 
+ExitStatus ShowKey(const ShowOptions& options) {
+  const Provider provider(options.key.provider);
+  const Key key = provider.Open(options.key);
+  PropertyTable table(key.handle.get());
+  table.Text(L"Name", "name", NCRYPT_NAME_PROPERTY);
+  table.Line(L"Hex text", "hex", HexText(key.name), Utf8(HexText(key.name)));
+  table.Text(L"Unique name", "unique_name", NCRYPT_UNIQUE_NAME_PROPERTY);
+  table.Text(L"Algorithm", "algorithm", NCRYPT_ALGORITHM_PROPERTY);
+  table.Text(L"Algorithm group", "algorithm_group", NCRYPT_ALGORITHM_GROUP_PROPERTY);
+  table.Number(L"Length", "length", NCRYPT_LENGTH_PROPERTY, Bits);
+  table.Add(L"Lengths offered", "lengths", NCRYPT_LENGTHS_PROPERTY, Lengths);
+  table.Number(L"Block length", "block_length", NCRYPT_BLOCK_LENGTH_PROPERTY, ByteCount);
+  table.Flags(L"Used for", "usage", NCRYPT_KEY_USAGE_PROPERTY, KeyUsage);
+  table.Flags(L"Export policy", "export_policy", NCRYPT_EXPORT_POLICY_PROPERTY,
+              provider.KeepsKeysOnToken() ? TokenExportPolicy : ExportPolicy);
+  table.Flags(L"Key of", "key_type", NCRYPT_KEY_TYPE_PROPERTY, KeyType);
+  table.Add(L"Certificate", "certificate", NCRYPT_CERTIFICATE_PROPERTY, CertificateInWords);
+  table.Add(L"Access rights", "security_descriptor_size", NCRYPT_SECURITY_DESCR_PROPERTY, Size);
+  if (options.json) {
+    SayJson(table.InJson());
+  } else {
+    SayTable(table.rows());
+  }
+  return ExitStatus::kDone;
+}
+
+struct CreateOptions {
+  ProviderOptions provider;
+  std::wstring key;
+  std::optional<uint32_t> length;
+  std::wstring key_spec;
+  bool overwrite = false;
+  bool yes = false;
+};
+
+void CreateSyntax(Syntax& syntax, CreateOptions& options) {
+  syntax.Text("--key", options.key, "NAME", "the new key's name; on a token this becomes its label").required();
+  syntax.Number("--length", options.length, "BITS", "the length (default: the provider's)", 1, 65536);
+  syntax.Flag("--overwrite", options.overwrite, "replace a key of this name, which is lost then; asks before");
+  syntax.Flag("--yes", options.yes, "do not ask");
+  syntax.Choice("--key-spec", options.key_spec, {"exchange", "signature"}, "SPEC",
+                "exchange or signature, for programs that use CryptoAPI's key specs");
+  AddProviderOptions(syntax, options.provider);
+  syntax.Notes(
+      "--overwrite: a token keeps the name that a key was created with as a label, which the provider compares\n"
+      "and does not show; what is lost is told as exactly as that allows.\n"
+      "A token may give the key an identifier of its own, under which it is found from then on; keldactl\n"
+      "tells the name and hex text.");
+}
+
+DWORD LegacyKeySpec(const std::wstring& spec) {
+  if (spec.empty()) return 0;
+  return spec == L"exchange" ? AT_KEYEXCHANGE : AT_SIGNATURE;
+}
+
+NcryptHandle BeginKey(const Provider& provider, const CreateOptions& options, DWORD flags, SECURITY_STATUS* status) {
   NCRYPT_KEY_HANDLE handle = 0;
-  Check(NCryptCreatePersistedKey(provider.handle(), &handle, NCRYPT_RSA_ALGORITHM, name.c_str(), spec,
-                                 provider.flags() | (arguments.Has(L"--overwrite") ? NCRYPT_OVERWRITE_KEY_FLAG : 0)),
-        L"Creating the key " + Quoted(name));
-  const NcryptHandle key(handle);
-  if (length) {
-    Check(NCryptSetProperty(handle, NCRYPT_LENGTH_PROPERTY, reinterpret_cast<PBYTE>(&length), sizeof length, 0),
+  *status = NCryptCreatePersistedKey(provider.handle(), &handle, NCRYPT_RSA_ALGORITHM, options.key.c_str(),
+                                     LegacyKeySpec(options.key_spec), provider.flags() | flags);
+  return NcryptHandle(*status == ERROR_SUCCESS ? handle : 0);
+}
+
+// What will be lost, as far as it can be told: a token's keys are listed under other names than the one that they were
+// created with and that is taken here.
+void ConfirmOverwriting(const Provider& provider, const CreateOptions& options, const std::vector<ListedKey>& keys) {
+  if (options.yes) return;
+  if (!provider.KeepsKeysOnToken()) {
+    Complain(L"The key " + TitleOf(options.key) + L" will be lost.");
+  } else if (keys.size() == 1) {
+    Complain(L"The key pair that was created as " + Quoted(options.key) + L" will be lost. It is listed as " +
+             TitleOf(keys[0].name) + L".");
+  } else {
+    Complain(L"The key pair that was created as " + Quoted(options.key) +
+             L" will be lost, and its certificate is of no use then. It is one of these; the provider does not tell "
+             L"which:");
+    for (const ListedKey& key : keys)
+      Complain(L"  " + TitleOf(key.name));
+  }
+  if (!Confirm(L"Replace it by a new key in " + Quoted(provider.name()) + L"?")) {
+    throw Failure(L"nothing was created and nothing was lost", ExitStatus::kCancelled);
+  }
+}
+
+// A key record that will replace nothing unless the user wants that.
+NcryptHandle BeginKey(const Provider& provider, const CreateOptions& options, const std::vector<ListedKey>& keys) {
+  const std::wstring operation = L"Creating the key " + Quoted(options.key);
+  SECURITY_STATUS status = ERROR_SUCCESS;
+  NcryptHandle key = BeginKey(provider, options, 0, &status);
+  if (status == NTE_EXISTS && !options.overwrite) {
+    throw Failure(operation, status)
+        .Advise(L"Choose another name, or replace the key with --overwrite; it is lost then.");
+  }
+  if (status == NTE_EXISTS) {
+    ConfirmOverwriting(provider, options, keys);
+    key = BeginKey(provider, options, NCRYPT_OVERWRITE_KEY_FLAG, &status);
+  }
+  Check(status, operation);
+  return key;
+}
+
+ExitStatus CreateKey(const CreateOptions& options) {
+  const Provider provider(options.provider);
+  provider.RefuseUnfitName(options.key);
+  const std::vector<ListedKey> before = provider.Keys();
+  const NcryptHandle key = BeginKey(provider, options, before);
+  if (options.length) {
+    DWORD length = *options.length;
+    Check(NCryptSetProperty(key.get(), NCRYPT_LENGTH_PROPERTY, reinterpret_cast<PBYTE>(&length), sizeof length, 0),
           L"Choosing a length of " + Bits(length));
   }
   {
     const Progress progress(L"Generating the key pair");
-    Check(NCryptFinalizeKey(handle, provider.flags()), L"Generating the key pair");
+    Check(NCryptFinalizeKey(key.get(), provider.flags()), L"Generating the key pair");
   }
-  SayNewcomers(before, provider.Keys(), name, L"Created the key " + Quoted(name));
-  return kExitOk;
+  const std::vector<ListedKey> after = provider.Keys();
+  SayNewcomers(before, after, options.key, L"Created the key " + Quoted(options.key));
+  for (const ListedKey& lost : Newcomers(after, before))
+    Say(L"The key " + TitleOf(lost.name) + L" is lost.");
+  return ExitStatus::kDone;
 }
 
 // A token lets only a logged-in user delete, and CNG has no call for logging in. Every use of the private key makes the
@@ -148,15 +250,47 @@ void LogIn(const Key& key) {
   }
 }
 
-int DeleteKey(const Arguments& arguments) {
-  const Provider provider(arguments);
-  Key key = provider.Open(arguments);
-  const std::wstring found = TextProperty(key.handle.get(), NCRYPT_NAME_PROPERTY).value_or(key.name);
-  if (!arguments.Has(L"--yes") && !Confirm(L"Delete the key " + Quoted(found) + L" (" + HexText(found) + L") from " +
-                                           Quoted(provider.name()) + L" for ever?")) {
-    Complain(L"Nothing was deleted.");
-    return kExitFailed;
+struct DeleteOptions {
+  KeyOptions key;
+  bool yes = false;
+  bool certificates = false;
+};
+
+void DeleteSyntax(Syntax& syntax, DeleteOptions& options) {
+  AddKeyOptions(syntax, options.key);
+  syntax.Flag("--yes", options.yes, "do not ask");
+  syntax.Flag("--certificates", options.certificates, "also take its certificates out of your certificate store");
+}
+
+// Keys of equal names cannot be told apart through CNG; the provider offers the first of them.
+size_t CountOfEqualNames(const Provider& provider, const KeyOptions& options, const Key& key) {
+  const std::vector<ListedKey> keys = provider.Keys();
+  return static_cast<size_t>(std::count_if(keys.begin(), keys.end(), [&](const ListedKey& listed) {
+    return listed.name == key.name || (options.key && NamesKey<wchar_t>(*options.key, listed.name));
+  }));
+}
+
+void RefuseAmbiguous(const Provider& provider, const DeleteOptions& options, const Key& key) {
+  // One nameless key is like the other.
+  if (options.key.nameless) return;
+  const size_t count = CountOfEqualNames(provider, options.key, key);
+  if (count < 2) return;
+  const std::wstring said = std::to_wstring(count) + L" keys in " + Quoted(provider.name()) + L" answer to " +
+                            Quoted(*options.key.key) + L", and the provider offers only the first of them, " +
+                            TitleOf(key);
+  if (options.yes) throw Failure(said + L"; nothing was deleted").Advise(L"Without --yes keldactl asks about it.");
+  Warn(said + L".");
+}
+
+ExitStatus DeleteKey(const DeleteOptions& options) {
+  const Provider provider(options.key.provider);
+  Key key = provider.Open(options.key);
+  RefuseAmbiguous(provider, options, key);
+  if (!options.yes &&
+      !Confirm(L"Delete the key " + TitleOf(key) + L" from " + Quoted(provider.name()) + L" for ever?")) {
+    throw Failure(L"nothing was deleted", ExitStatus::kCancelled);
   }
+  const CertificatesOfKey certificates = FindCertificatesOfKey(provider.name(), key.name);
   SECURITY_STATUS status = NCryptDeleteKey(key.handle.get(), key.flags);
   if (status != ERROR_SUCCESS) {
     LogIn(key);
@@ -164,54 +298,20 @@ int DeleteKey(const Arguments& arguments) {
   }
   // The deleted key's handle is gone with it.
   if (status == ERROR_SUCCESS) key.handle.release();
-  Check(status, L"Deleting the key " + Quoted(found));
-  Say(L"Deleted the key " + Quoted(found) + L".");
-  return kExitOk;
+  Check(status, L"Deleting the key " + TitleOf(key));
+  Say(L"Deleted the key " + TitleOf(key) + L".");
+  SayWhatStays(certificates, provider.name(), options.certificates);
+  return ExitStatus::kDone;
 }
 
 }  // namespace
 
-std::vector<Command> KeyCommands() {
-  return {
-      {L"keys",
-       L"",
-       0,
-       0,
-       L"List the keys",
-       {},
-       L"A token key has two names: the characters that its identifier (CKA_ID) spells, and the same in\n"
-       L"hexadecimal digits. Either can be given as --key; characters that do not print appear as \\xNN, and\n"
-       L"then the hex text is the one to use.",
-       ListKeys},
-      {L"show",
-       L"",
-       0,
-       0,
-       L"Show everything that the provider tells about a key",
-       {KeyOption(), ReaderOption()},
-       L"",
-       ShowKey},
-      {L"create",
-       L"",
-       0,
-       0,
-       L"Create an RSA key pair",
-       {{L"--key", L"NAME", L"the new key's name; on a token this becomes its label"},
-        {L"--length", L"BITS", L"the length (default: the provider's)"},
-        {L"--overwrite", nullptr, L"replace a key of this name"},
-        {L"--key-spec", L"SPEC", L"exchange or signature, for programs that use CryptoAPI's key specs"}},
-       L"A token may give the key an identifier of its own, under which it is found from then on; keldactl\n"
-       L"tells the name and hex text.",
-       CreateKey},
-      {L"delete",
-       L"",
-       0,
-       0,
-       L"Delete a key for ever",
-       {KeyOption(), ReaderOption(), {L"--yes", nullptr, L"do not ask"}},
-       L"",
-       DeleteKey},
-  };
+void AddKeyCommands(Program& program) {
+  program.Add<KeysOptions>(Heading::kKeys, "keys", "List the keys", KeysSyntax, ListKeys);
+  program.Add<ShowOptions>(Heading::kKeys, "show", "Show everything that the provider tells about a key", ShowSyntax,
+                           ShowKey);
+  program.Add<CreateOptions>(Heading::kKeys, "create", "Create an RSA key pair", CreateSyntax, CreateKey);
+  program.Add<DeleteOptions>(Heading::kKeys, "delete", "Delete a key for ever", DeleteSyntax, DeleteKey);
 }
 
 }  // namespace keldactl

@@ -1,42 +1,59 @@
 #include "output.h"
 
 #include "platform.h"
-#include "status.h"
+#include "text_rules.h"
+#include "unicode.h"
 
 #include <algorithm>
 
 namespace keldactl {
 namespace {
 
+// A console that is to be written to, or nothing for files, pipes and what is closed.
+HANDLE Console(DWORD stream) {
+  HANDLE handle = GetStdHandle(stream);
+  DWORD mode = 0;
+  return handle && handle != INVALID_HANDLE_VALUE && GetConsoleMode(handle, &mode) ? handle : nullptr;
+}
+
+// Colours are for terminals whose user has not declined them (https://no-color.org).
+bool HasColours(DWORD stream) {
+  HANDLE console = Console(stream);
+  DWORD mode = 0;
+  if (!console || GetEnvironmentVariableW(L"NO_COLOR", nullptr, 0) > 1) return false;
+  return GetConsoleMode(console, &mode) && SetConsoleMode(console, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+}
+
 void Write(DWORD stream, std::wstring_view text) {
   HANDLE handle = GetStdHandle(stream);
   if (handle == nullptr || handle == INVALID_HANDLE_VALUE || text.empty()) return;
-  const int characters = static_cast<int>(text.size());
-  DWORD mode = 0;
   DWORD written = 0;
-  if (GetConsoleMode(handle, &mode)) {
-    WriteConsoleW(handle, text.data(), static_cast<DWORD>(characters), &written, nullptr);
+  if (Console(stream)) {
+    WriteConsoleW(handle, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
     return;
   }
-  const int bytes = WideCharToMultiByte(CP_UTF8, 0, text.data(), characters, nullptr, 0, nullptr, nullptr);
-  std::string utf8(static_cast<size_t>(std::max(bytes, 0)), '\0');
-  WideCharToMultiByte(CP_UTF8, 0, text.data(), characters, utf8.data(), bytes, nullptr, nullptr);
+  const std::string utf8 = Utf8(text);
   WriteFile(handle, utf8.data(), static_cast<DWORD>(utf8.size()), &written, nullptr);
 }
 
-bool Prints(wchar_t c) {
-  return c >= 0x20 && !(c >= 0x7F && c <= 0xA0) && c != 0xAD && !(c >= 0xD800 && c <= 0xDFFF) && c < 0xFFFE;
+constexpr const wchar_t* kRed = L"\x1B[31m";
+constexpr const wchar_t* kYellow = L"\x1B[33m";
+constexpr const wchar_t* kBold = L"\x1B[1m";
+
+std::wstring Coloured(DWORD stream, const wchar_t* colour, const std::wstring& text) {
+  return HasColours(stream) ? colour + text + L"\x1B[0m" : text;
 }
 
-void AppendHex(std::wstring& text, unsigned value, int digits) {
-  for (int shift = 4 * (digits - 1); shift >= 0; shift -= 4)
-    text += L"0123456789ABCDEF"[(value >> shift) & 0xF];
+std::wstring Row(const std::vector<std::wstring>& cells, const std::vector<size_t>& widths) {
+  std::wstring line;
+  for (size_t i = 0; i < cells.size(); ++i) {
+    line += cells[i];
+    if (i + 1 < cells.size()) line.append(widths[i] - cells[i].size() + 2, L' ');
+  }
+  return line;
 }
 
 }  // namespace
-
-Failure::Failure(const std::wstring& operation, long status)
-    : message_(operation + L" failed: " + DescribeStatus(status)), status_(status) {}
 
 void Say(std::wstring_view line) {
   Write(STD_OUTPUT_HANDLE, std::wstring(line) + L"\n");
@@ -46,8 +63,18 @@ void Complain(std::wstring_view line) {
   Write(STD_ERROR_HANDLE, std::wstring(line) + L"\n");
 }
 
+void Warn(std::wstring_view line) {
+  Complain(Coloured(STD_ERROR_HANDLE, kYellow, L"keldactl: warning:") + L" " + std::wstring(line));
+}
+
+void ComplainAbout(const std::wstring& command, const std::wstring& message, const std::wstring& advice) {
+  Complain(Coloured(STD_ERROR_HANDLE, kRed, L"keldactl" + (command.empty() ? L"" : L" " + command) + L":") + L" " +
+           message);
+  if (!advice.empty()) Complain(advice);
+}
+
 void Murmur(std::wstring_view text) {
-  Write(STD_ERROR_HANDLE, text);
+  if (Console(STD_ERROR_HANDLE)) Write(STD_ERROR_HANDLE, text);
 }
 
 void SayTable(const std::vector<std::vector<std::wstring>>& rows) {
@@ -57,18 +84,14 @@ void SayTable(const std::vector<std::vector<std::wstring>>& rows) {
     for (size_t i = 0; i < row.size(); ++i)
       widths[i] = std::max(widths[i], row[i].size());
   }
-  for (const auto& row : rows) {
-    std::wstring line;
-    for (size_t i = 0; i < row.size(); ++i) {
-      line += row[i];
-      if (i + 1 < row.size()) line.append(widths[i] - row[i].size() + 2, L' ');
-    }
-    Say(line);
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const std::wstring line = Row(rows[i], widths);
+    Say(i == 0 ? Coloured(STD_OUTPUT_HANDLE, kBold, line) : line);
   }
 }
 
 bool Confirm(std::wstring_view question) {
-  Murmur(std::wstring(question) + L" [y/N] ");
+  Write(STD_ERROR_HANDLE, std::wstring(question) + L" [y/N] ");
   // One character at a time: standard input may be a pipe that holds more than the answer.
   HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
   char first = '\0';
@@ -84,19 +107,7 @@ bool Confirm(std::wstring_view question) {
 }
 
 std::wstring Printable(std::wstring_view name) {
-  std::wstring text;
-  for (const wchar_t c : name) {
-    if (Prints(c)) {
-      text += c;
-    } else if (c <= 0xFF) {
-      text += L"\\x";
-      AppendHex(text, c, 2);
-    } else {
-      text += L"\\u";
-      AppendHex(text, c, 4);
-    }
-  }
-  return text;
+  return PrintableText<wchar_t>(name);
 }
 
 std::wstring Quoted(std::wstring_view name) {

@@ -1,8 +1,10 @@
-// Properties of a provider or key, put into words.
+// Properties of a provider or key, put into words and into JSON.
 #pragma once
 
 #include "cng.h"
+#include "json.h"
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,33 +19,39 @@ struct FlagName {
 // The meanings of the flags that are set, joined; flags without a name as a number.
 std::wstring FlagsInWords(DWORD flags, const std::vector<FlagName>& names, const wchar_t* none);
 
-// The bytes of a wide string property up to its terminator, as it can be shown.
-std::wstring TextInWords(const Bytes& value);
+// The bytes of a wide string property up to its terminator.
+std::wstring TextOfProperty(const Bytes& value);
 
-// A property in words, or why there is none.
+// A value as it is shown and as it stands in JSON.
+struct Shown {
+  std::wstring text;
+  Json value;
+};
+
+// Properties one below the other, each with its value or with the reason why the provider does not tell it. In JSON, a
+// property that is not told is null, and its reason stands in "refused".
 class PropertyTable {
  public:
   explicit PropertyTable(ULONG_PTR object) : object_(object) {}
 
-  void Text(const wchar_t* title, const wchar_t* property) { Add(title, property, TextInWords); }
+  void Add(const wchar_t* title, const char* member, const wchar_t* property,
+           const std::function<Shown(const Bytes&)>& show);
+  void Text(const wchar_t* title, const char* member, const wchar_t* property);
+  // A number, shown in words.
+  void Number(const wchar_t* title, const char* member, const wchar_t* property, std::wstring (*in_words)(DWORD));
+  // The same, with the words in JSON too, as "<member>_text".
+  void Flags(const wchar_t* title, const char* member, const wchar_t* property, std::wstring (*in_words)(DWORD));
+  // What is not a property.
+  void Line(const wchar_t* title, const char* member, std::wstring text, Json value);
 
-  void Number(const wchar_t* title, const wchar_t* property, std::wstring (*in_words)(DWORD));
-
-  template <typename InWords>
-  void Add(const wchar_t* title, const wchar_t* property, InWords in_words) {
-    Bytes value;
-    const SECURITY_STATUS status = ReadProperty(object_, property, &value);
-    rows_.push_back({title, status == ERROR_SUCCESS ? in_words(value) : Refusal(status)});
-  }
-
-  void Line(const wchar_t* title, std::wstring value) { rows_.push_back({title, std::move(value)}); }
   const std::vector<std::vector<std::wstring>>& rows() const { return rows_; }
+  Json InJson() const;
 
  private:
-  static std::wstring Refusal(SECURITY_STATUS status);
-
   ULONG_PTR object_;
   std::vector<std::vector<std::wstring>> rows_;
+  Json json_ = Json::object();
+  Json refused_ = Json::object();
 };
 
 }  // namespace keldactl

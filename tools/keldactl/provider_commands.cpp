@@ -2,9 +2,9 @@
 #include "commands.h"
 #include "output.h"
 #include "property_table.h"
+#include "readers.h"
+#include "text_rules.h"
 #include "status.h"
-
-#include <winscard.h>
 
 namespace keldactl {
 namespace {
@@ -19,7 +19,7 @@ std::wstring ImplementationType(DWORD type) {
 }
 
 std::wstring Version(DWORD version) {
-  return std::to_wstring(HIWORD(version)) + L"." + std::to_wstring(LOWORD(version)) + L" (" + Hex32(version) + L")";
+  return Wide(VersionText(version));
 }
 
 std::wstring Characters(DWORD count) {
@@ -40,87 +40,113 @@ std::wstring Operations(DWORD operations) {
                       L"nothing");
 }
 
-int ShowProvider(const Arguments& arguments) {
-  const Provider provider(arguments);
-  PropertyTable table(provider.handle());
-  table.Text(L"Name", NCRYPT_NAME_PROPERTY);
-  table.Number(L"Version", NCRYPT_VERSION_PROPERTY, Version);
-  table.Number(L"Keys are kept", NCRYPT_IMPL_TYPE_PROPERTY, ImplementationType);
-  table.Number(L"Longest key name", NCRYPT_MAX_NAME_LENGTH_PROPERTY, Characters);
-  table.Number(L"Access rights", NCRYPT_SECURITY_DESCR_SUPPORT_PROPERTY, DescriptorSupport);
-  table.Text(L"Context", NCRYPT_USE_CONTEXT_PROPERTY);
-  SayTable(table.rows());
+struct ShowProviderOptions {
+  ProviderOptions provider;
+  bool json = false;
+};
 
+void ShowProviderSyntax(Syntax& syntax, ShowProviderOptions& options) {
+  AddProviderOptions(syntax, options.provider);
+  syntax.Json(options.json);
+}
+
+struct Algorithm {
+  std::wstring name;
+  std::wstring operations;
+};
+
+std::vector<Algorithm> Algorithms(const Provider& provider) {
   DWORD count = 0;
   NCryptAlgorithmName* list = nullptr;
-  const SECURITY_STATUS status = NCryptEnumAlgorithms(provider.handle(), 0, &count, &list, provider.flags());
-  if (status != ERROR_SUCCESS) {
-    Say(L"Algorithms: - " + DescribeStatus(status));
-    return kExitOk;
-  }
-  Say(L"");
-  std::vector<std::vector<std::wstring>> rows = {{L"ALGORITHM", L"FOR"}};
+  Check(NCryptEnumAlgorithms(provider.handle(), 0, &count, &list, provider.flags()), L"Listing the algorithms");
+  std::vector<Algorithm> algorithms;
   for (DWORD i = 0; i < count; ++i) {
-    rows.push_back({list[i].pszName ? list[i].pszName : L"", Operations(list[i].dwAlgOperations)});
+    algorithms.push_back({list[i].pszName ? list[i].pszName : L"", Operations(list[i].dwAlgOperations)});
   }
   NCryptFreeBuffer(list);
+  return algorithms;
+}
+
+Json InJson(const std::vector<Algorithm>& algorithms) {
+  Json list = Json::array();
+  for (const Algorithm& algorithm : algorithms)
+    list.push_back({{"name", Utf8(algorithm.name)}, {"operations_text", Utf8(algorithm.operations)}});
+  return list;
+}
+
+ExitStatus ShowProvider(const ShowProviderOptions& options) {
+  const Provider provider(options.provider);
+  PropertyTable table(provider.handle());
+  table.Text(L"Name", "name", NCRYPT_NAME_PROPERTY);
+  table.Flags(L"Version", "version", NCRYPT_VERSION_PROPERTY, Version);
+  table.Flags(L"Keys are kept", "implementation", NCRYPT_IMPL_TYPE_PROPERTY, ImplementationType);
+  table.Number(L"Longest key name", "longest_key_name", NCRYPT_MAX_NAME_LENGTH_PROPERTY, Characters);
+  table.Flags(L"Access rights", "security_descriptors", NCRYPT_SECURITY_DESCR_SUPPORT_PROPERTY, DescriptorSupport);
+  table.Text(L"Context", "context", NCRYPT_USE_CONTEXT_PROPERTY);
+  const std::vector<Algorithm> algorithms = Algorithms(provider);
+  if (options.json) {
+    Json json = table.InJson();
+    json["algorithms"] = InJson(algorithms);
+    SayJson(json);
+    return ExitStatus::kDone;
+  }
+  SayTable(table.rows());
+  Say(L"");
+  std::vector<std::vector<std::wstring>> rows = {{L"ALGORITHM", L"FOR"}};
+  for (const Algorithm& algorithm : algorithms)
+    rows.push_back({Printable(algorithm.name), algorithm.operations});
   SayTable(rows);
-  return kExitOk;
+  return ExitStatus::kDone;
 }
 
-// The readers by PC/SC. No reader at all is not a failure here.
-std::vector<std::wstring> ReadersByPcsc() {
-  SCARDCONTEXT context = 0;
-  LONG status = SCardEstablishContext(SCARD_SCOPE_USER, nullptr, nullptr, &context);
-  if (status != SCARD_S_SUCCESS) throw Failure(L"Asking the smart card service", status);
-  std::vector<std::wstring> readers;
-  DWORD size = 0;
-  status = SCardListReadersW(context, nullptr, nullptr, &size);
-  std::wstring names;
-  if (status == SCARD_S_SUCCESS) {
-    names.resize(size);
-    status = SCardListReadersW(context, nullptr, names.data(), &size);
-  }
-  SCardReleaseContext(context);
-  if (status == SCARD_E_NO_READERS_AVAILABLE) return {};
-  if (status != SCARD_S_SUCCESS) throw Failure(L"Listing the readers", status);
-  for (size_t at = 0; at < names.size() && names[at]; at += readers.back().size() + 1) {
-    readers.emplace_back(names.c_str() + at);
-  }
-  return readers;
+struct ReadersOptions {
+  std::optional<std::wstring> provider;
+  bool json = false;
+};
+
+void ReadersSyntax(Syntax& syntax, ReadersOptions& options) {
+  syntax.Text("--provider", options.provider, "NAME", "ask this key storage provider first");
+  syntax.Json(options.json);
+  syntax.Notes("By the smart card service (PC/SC); a provider that is named with --provider is asked first.");
 }
 
-int ListReaders(const Arguments& arguments) {
-  // Only a provider that was named is asked: opening one may show a dialog, and the service knows all readers.
-  if (arguments.Has(L"--provider")) {
-    const Provider provider(arguments);
-    if (const std::optional<std::wstring> reader = TextProperty(provider.handle(), NCRYPT_READER_PROPERTY)) {
-      Say(*reader);
-      return kExitOk;
-    }
-    Complain(L"The provider does not tell its reader; these are the smart card service's:");
+// Only a provider that was named is asked: opening one may show a dialog, and the service knows all readers.
+std::vector<Reader> Readers(const std::optional<std::wstring>& name) {
+  if (!name) return ListReaders();
+  ProviderOptions options;
+  options.name = name;
+  const Provider provider(options);
+  if (const auto reader = TextProperty(provider.handle(), NCRYPT_READER_PROPERTY)) return {{*reader, true}};
+  Warn(L"the provider does not tell its reader; these are the smart card service's");
+  return ListReaders();
+}
+
+ExitStatus ShowReaders(const ReadersOptions& options) {
+  const std::vector<Reader> readers = Readers(options.provider);
+  if (options.json) {
+    Json list = Json::array();
+    for (const Reader& reader : readers)
+      list.push_back({{"name", Utf8(reader.name)}, {"token", reader.has_token}});
+    SayJson({{"readers", list}});
+    return ExitStatus::kDone;
   }
-  const std::vector<std::wstring> readers = ReadersByPcsc();
-  for (const std::wstring& reader : readers)
-    Say(Printable(reader));
-  if (readers.empty()) Say(L"There are no readers.");
-  return kExitOk;
+  if (readers.empty()) {
+    Say(L"There are no readers.");
+    return ExitStatus::kDone;
+  }
+  std::vector<std::vector<std::wstring>> rows = {{L"READER", L"TOKEN"}};
+  for (const Reader& reader : readers)
+    rows.push_back({Printable(reader.name), reader.has_token ? L"yes" : L"no"});
+  SayTable(rows);
+  return ExitStatus::kDone;
 }
 
 }  // namespace
 
-std::vector<Command> ProviderCommands() {
-  return {
-      {L"provider", L"", 0, 0, L"Show everything that the provider tells about itself", {}, L"", ShowProvider},
-      {L"readers",
-       L"",
-       0,
-       0,
-       L"List the readers",
-       {},
-       L"By the smart card service (PC/SC); a provider that is named with --provider is asked first.",
-       ListReaders},
-  };
+void AddProviderCommands(Program& program) {
+  program.Add<ShowProviderOptions>(Heading::kSystem, "provider", "Show everything that the provider tells about itself",
+                                   ShowProviderSyntax, ShowProvider);
+  program.Add<ReadersOptions>(Heading::kSystem, "readers", "List the readers", ReadersSyntax, ShowReaders);
 }
 
 }  // namespace keldactl

@@ -8,18 +8,35 @@
 namespace keldactl {
 namespace {
 
-int Sign(const Arguments& arguments) {
-  const HashAlgorithm& algorithm = ChosenHash(arguments);
-  const std::wstring& file = arguments.Operands()[0];
-  const std::wstring out = arguments.Get(L"--out", (file + L".sig").c_str());
-  const Bytes hash = HashOfFile(algorithm, file);
-  const Provider provider(arguments);
-  const Key key = provider.Open(arguments);
+struct SignOptions {
+  KeyOptions key;
+  std::wstring hash = kDefaultHash;
+  std::wstring file;
+  std::optional<std::wstring> out;
+};
+
+void SignSyntax(Syntax& syntax, SignOptions& options) {
+  syntax.Operand("FILE", options.file, "the file to sign; - is standard input");
+  AddKeyOptions(syntax, options.key);
+  AddHashOption(syntax, options.hash);
+  syntax.Text("--out", options.out, "SIG",
+              "the signature's file (default: FILE.sig, or standard output for standard input); - is standard output");
+  syntax.Notes(
+      "The hash is computed here, through CNG; only the hash goes to the provider. The signature is\n"
+      "PKCS#1 v1.5, most significant byte first, as \"openssl dgst -verify\" takes it.");
+}
+
+ExitStatus Sign(const SignOptions& options) {
+  const HashAlgorithm& algorithm = FindHash(options.hash);
+  const std::wstring out = options.out.value_or(IsStandardStream(options.file) ? options.file : options.file + L".sig");
+  const Bytes hash = HashOfFile(algorithm, options.file);
+  const Provider provider(options.key.provider);
+  const Key key = provider.Open(options.key);
   const Bytes signature = SignHash(key, algorithm, hash);
   WriteWholeFile(out, signature);
-  Say(L"Signed " + Quoted(file) + L" (" + algorithm.title + L") with the key " + Quoted(key.name) + L": " +
-      std::to_wstring(signature.size()) + L" bytes in " + Quoted(out));
-  return kExitOk;
+  SayUnlessPiped(out, L"Signed " + InName(options.file) + L" (" + algorithm.title + L") with the key " + TitleOf(key) +
+                          L": " + std::to_wstring(signature.size()) + L" bytes in " + OutName(out));
+  return ExitStatus::kDone;
 }
 
 SECURITY_STATUS VerifyHash(const Key& key, BCRYPT_PKCS1_PADDING_INFO* padding, Bytes hash, Bytes& signature) {
@@ -51,23 +68,40 @@ SECURITY_STATUS VerifyRsa(const Key& key, const HashAlgorithm& algorithm, const 
   return VerifyHash(key, &named, hash, signature);
 }
 
-int Verify(const Arguments& arguments) {
-  const HashAlgorithm& algorithm = ChosenHash(arguments);
-  const std::wstring& file = arguments.Operands()[0];
-  Bytes signature = ReadWholeFile(arguments.Require(L"--signature"));
-  const Bytes hash = HashOfFile(algorithm, file);
-  const Provider provider(arguments);
-  const Key key = provider.Open(arguments);
+struct VerifyOptions {
+  KeyOptions key;
+  std::wstring hash = kDefaultHash;
+  std::wstring file;
+  std::wstring signature;
+};
+
+void VerifySyntax(Syntax& syntax, VerifyOptions& options) {
+  syntax.Operand("FILE", options.file, "the file that was signed; - is standard input");
+  syntax.Text("--signature", options.signature, "SIG", "the signature's file").required();
+  AddKeyOptions(syntax, options.key);
+  AddHashOption(syntax, options.hash);
+  syntax.Check([&options] { RefuseTwoStandardInputs(options.file, options.signature); });
+  syntax.Notes("The provider does the verification; it may ask for the PIN first.");
+}
+
+ExitStatus Verify(const VerifyOptions& options) {
+  const HashAlgorithm& algorithm = FindHash(options.hash);
+  Bytes signature = ReadWholeFile(options.signature);
+  const Bytes hash = HashOfFile(algorithm, options.file);
+  const Provider provider(options.key.provider);
+  const Key key = provider.Open(options.key);
   const SECURITY_STATUS status =
       IsRsa(key) ? VerifyRsa(key, algorithm, hash, signature) : VerifyHash(key, nullptr, hash, signature);
   if (status == NTE_BAD_SIGNATURE || status == NTE_FAIL) {
     // Some providers have no status of their own for a signature that does not match.
-    throw Failure(L"The signature of " + Quoted(file) + L" does not match: " + DescribeStatus(status));
+    throw Failure(L"The signature of " + InName(options.file) + L" by the key " + TitleOf(key) + L" does not match: " +
+                      DescribeStatus(status),
+                  ExitStatus::kWrongSignature);
   }
-  Check(status, L"Verifying the signature of " + Quoted(file));
-  Say(L"The signature of " + Quoted(file) + L" (" + algorithm.title + L") by the key " + Quoted(key.name) +
+  Check(status, L"Verifying the signature of " + InName(options.file));
+  Say(L"The signature of " + InName(options.file) + L" (" + algorithm.title + L") by the key " + TitleOf(key) +
       L" is good");
-  return kExitOk;
+  return ExitStatus::kDone;
 }
 
 }  // namespace
@@ -88,32 +122,15 @@ Bytes SignHash(const Key& key, const HashAlgorithm& algorithm, const Bytes& hash
     if (status != NTE_BUFFER_TOO_SMALL || size <= signature.size()) break;
     signature.resize(size);
   }
-  Check(status, L"Signing with the key " + Quoted(key.name));
+  Check(status, L"Signing with the key " + TitleOf(key));
   if (size > signature.size()) throw Failure(L"Signing failed: the provider reported more bytes than it had room for");
   signature.resize(size);
   return signature;
 }
 
-std::vector<Command> SigningCommands() {
-  return {
-      {L"sign",
-       L"FILE",
-       1,
-       1,
-       L"Sign a file's hash with a key",
-       {KeyOption(), HashOption(), {L"--out", L"SIG", L"the signature's file (default: FILE.sig)"}, ReaderOption()},
-       L"The hash is computed here, through CNG; only the hash goes to the provider. The signature is\n"
-       L"PKCS#1 v1.5, most significant byte first, as \"openssl dgst -verify\" takes it.",
-       Sign},
-      {L"verify",
-       L"FILE",
-       1,
-       1,
-       L"Verify a file's signature with a key",
-       {KeyOption(), {L"--signature", L"SIG", L"the signature's file"}, HashOption(), ReaderOption()},
-       L"The provider does the verification; it may ask for the PIN first.",
-       Verify},
-  };
+void AddSigningCommands(Program& program) {
+  program.Add<SignOptions>(Heading::kUse, "sign", "Sign a file's hash with a key", SignSyntax, Sign);
+  program.Add<VerifyOptions>(Heading::kUse, "verify", "Verify a file's signature with a key", VerifySyntax, Verify);
 }
 
 }  // namespace keldactl

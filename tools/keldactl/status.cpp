@@ -103,6 +103,65 @@ const Known kStatuses[] = {
 
 #undef KELDACTL_STATUS
 
+struct Ending {
+  long status;
+  ExitStatus exit_status;
+};
+
+const Ending kEndings[] = {
+    {NTE_BAD_KEYSET, ExitStatus::kNotFound},
+    {NTE_NO_KEY, ExitStatus::kNotFound},
+    {NTE_NOT_FOUND, ExitStatus::kNotFound},
+    {NTE_KEYSET_NOT_DEF, ExitStatus::kNotFound},
+    {NTE_PROV_TYPE_NOT_DEF, ExitStatus::kNotFound},
+    {NTE_PROV_DLL_NOT_FOUND, ExitStatus::kNotFound},
+    {NTE_DEVICE_NOT_FOUND, ExitStatus::kNotFound},
+    {SCARD_E_UNKNOWN_READER, ExitStatus::kNotFound},
+    {SCARD_E_NO_SMARTCARD, ExitStatus::kNotFound},
+    {SCARD_E_NO_READERS_AVAILABLE, ExitStatus::kNotFound},
+    {CRYPT_E_NOT_FOUND, ExitStatus::kNotFound},
+    {ERROR_FILE_NOT_FOUND, ExitStatus::kNotFound},
+    {ERROR_PATH_NOT_FOUND, ExitStatus::kNotFound},
+    {kStatusNotFound, ExitStatus::kNotFound},
+    {NTE_USER_CANCELLED, ExitStatus::kCancelled},
+    {SCARD_E_CANCELLED, ExitStatus::kCancelled},
+    {SCARD_W_CANCELLED_BY_USER, ExitStatus::kCancelled},
+    {ERROR_CANCELLED, ExitStatus::kCancelled},
+    {NTE_PERM, ExitStatus::kAccessDenied},
+    {SCARD_W_WRONG_CHV, ExitStatus::kAccessDenied},
+    {SCARD_W_CHV_BLOCKED, ExitStatus::kAccessDenied},
+    {ERROR_ACCESS_DENIED, ExitStatus::kAccessDenied},
+    {ERROR_PRIVILEGE_NOT_HELD, ExitStatus::kAccessDenied},
+    {NTE_BAD_SIGNATURE, ExitStatus::kWrongSignature},
+    {kStatusInvalidSignature, ExitStatus::kWrongSignature},
+};
+
+struct Advice {
+  long status;
+  const wchar_t* text;
+};
+
+const Advice kAdvice[] = {
+    {NTE_KEYSET_NOT_DEF, L"\"keldactl providers\" lists the providers of this machine."},
+    {SCARD_E_NO_SMARTCARD, L"Put the token into the reader and try again."},
+    {SCARD_E_NO_READERS_AVAILABLE, L"Connect the reader and try again."},
+    {SCARD_E_NO_SERVICE, L"The service is called \"Smart Card\" (SCardSvr); it starts when a reader is connected."},
+    {SCARD_W_WRONG_CHV, L"Mind the tries: a few wrong PINs in a row lock the token."},
+    {SCARD_W_CHV_BLOCKED, L"The token's administrator can unlock it; further tries do not help."},
+    {SCARD_W_REMOVED_CARD, L"Put the token back into the reader and try again."},
+    {SCARD_W_CANCELLED_BY_USER,
+     L"If the dialog said that the PIN is locked, the token's administrator can unlock it; further tries do not help. "
+     L"A "
+     L"dialog that comes up while another one is open is cancelled by itself."},
+    {NTE_PERM, L"\"keldactl show\" tells what the key may be used for."},
+};
+
+// Windows' errors also come as an HRESULT of its own facility.
+long WithoutFacility(long status) {
+  const auto bits = static_cast<unsigned long>(status);
+  return (bits & 0xFFFF0000UL) == 0x80070000UL ? static_cast<long>(bits & 0xFFFFUL) : status;
+}
+
 std::wstring SystemMessage(long status) {
   wchar_t text[512];
   DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
@@ -113,6 +172,26 @@ std::wstring SystemMessage(long status) {
 }
 
 }  // namespace
+
+ExitStatus ExitStatusOf(long status) {
+  for (const Ending& ending : kEndings) {
+    if (ending.status == WithoutFacility(status)) return ending.exit_status;
+  }
+  return ExitStatus::kFailed;
+}
+
+std::wstring AdviceOf(long status) {
+  for (const Advice& advice : kAdvice) {
+    if (advice.status == WithoutFacility(status)) return advice.text;
+  }
+  return {};
+}
+
+Failure::Failure(const std::wstring& operation, long status)
+    : message_(operation + L" failed: " + DescribeStatus(status)),
+      advice_(AdviceOf(status)),
+      exit_status_(ExitStatusOf(status)),
+      status_(status) {}
 
 std::wstring Hex32(unsigned long value) {
   constexpr wchar_t kDigits[] = L"0123456789ABCDEF";
