@@ -56,9 +56,12 @@ std::wstring InOurWords(const CLI::ParseError& error) {
   if (kind == "ExcludesError") ours = Subject(error) + " and " + LastWord(error) + " do not go together";
   if (kind == "RequiresError") ours = Subject(error) + " needs " + LastWord(error);
   if (kind == "ArgumentMismatch") {
-    ours = Subject(error) + (text.find("received") != std::string::npos   ? " was given more than once"
-                             : text.find("override") != std::string::npos ? " takes no value"
-                                                                          : " needs a value");
+    // Switches are named without their dashes there.
+    const std::string subject = Subject(error);
+    ours = (subject.starts_with("-") ? "" : "--") + subject +
+           (text.find("received") != std::string::npos   ? " was given more than once"
+            : text.find("override") != std::string::npos ? " takes no value"
+                                                         : " needs a value");
   }
   return Printable(Wide(ours));
 }
