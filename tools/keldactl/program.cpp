@@ -97,6 +97,7 @@ Program::Program() : app_("keldactl works with the keys of a CNG key storage pro
 CLI::App& Program::NewCommand(Heading heading, const char* name, const char* meaning) {
   CLI::App& command = *app_.add_subcommand(name, meaning);
   command.group(kHeadings[static_cast<size_t>(heading)]);
+  command.footer("");  // not the program's
   return command;
 }
 
