@@ -30,14 +30,14 @@ SECURITY_STATUS LoadProviderTable(const Registration& registration, const KeySto
   const HMODULE module = LoadLibraryW(registration.image.c_str());
   if (module == nullptr) return NTE_PROVIDER_DLL_FAIL;
   // Through a plain function pointer: FARPROC and the real type differ in everything.
-  const auto get_interface = reinterpret_cast<GetKeyStorageInterfaceFn>(
+  const auto getInterface = reinterpret_cast<GetKeyStorageInterfaceFn>(
       reinterpret_cast<void*>(GetProcAddress(module, "GetKeyStorageInterface")));
-  if (get_interface == nullptr) return NTE_PROVIDER_DLL_FAIL;
-  KeyStorageFunctionTable* provider_table = nullptr;
-  const NTSTATUS status = get_interface(registration.name.c_str(), &provider_table, 0);
+  if (getInterface == nullptr) return NTE_PROVIDER_DLL_FAIL;
+  KeyStorageFunctionTable* providerTable = nullptr;
+  const NTSTATUS status = getInterface(registration.name.c_str(), &providerTable, 0);
   if (status != 0) return FromNtStatus(status);
-  if (provider_table == nullptr || provider_table->Version.Major != kInterfaceMajor) return NTE_BAD_PROVIDER;
-  *table = provider_table;
+  if (providerTable == nullptr || providerTable->Version.Major != kInterfaceMajor) return NTE_BAD_PROVIDER;
+  *table = providerTable;
   return ERROR_SUCCESS;
 }
 

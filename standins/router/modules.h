@@ -1,6 +1,5 @@
 // Loading of provider DLLs.
-#ifndef KELDA_STANDINS_ROUTER_MODULES_H_
-#define KELDA_STANDINS_ROUTER_MODULES_H_
+#pragma once
 
 #include "router/key_storage_interface.h"
 #include "router/registration.h"
@@ -13,5 +12,3 @@ namespace router {
 SECURITY_STATUS LoadProviderTable(const Registration& registration, const KeyStorageFunctionTable** table);
 
 }  // namespace router
-
-#endif  // KELDA_STANDINS_ROUTER_MODULES_H_

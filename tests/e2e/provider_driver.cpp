@@ -68,7 +68,7 @@ DWORD Size(const Bytes& bytes) {
   return static_cast<DWORD>(bytes.size());
 }
 
-// `size` bytes that no other size begins with.
+// size bytes that no other size begins with.
 Bytes Pattern(std::size_t size) {
   Bytes bytes(size);
   std::iota(bytes.begin(), bytes.end(), static_cast<BYTE>(size));
@@ -174,8 +174,7 @@ void SetReaders(const std::string& text) {
 constexpr char kOneToken[] = "Norvale Reader 0 = demo\n";
 constexpr char kTwoTokens[] = "Norvale Reader 0 = demo\nNorvale Reader 1 = second\n";
 
-// ---- One token, its PIN asked for once
-// -------------------------------------------------------------------------------
+// ---- One token, its PIN asked for once ------------------------------------------------------------------------------
 
 class Signing : public testing::Test {
  protected:
@@ -217,11 +216,11 @@ TEST_F(Signing, TakesEveryAcceptedLength) {
   const auto key = OpenKey(provider, L"Key1");
   for (const std::size_t size : {16u, 20u, 32u, 64u, 34u, 35u, 51u, 83u, 36u}) {
     const Bytes input = Pattern(size);
-    const bool is_hash = size == 16 || size == 20 || size == 32 || size == 64;
+    const bool isHash = size == 16 || size == 20 || size == 32 || size == 64;
     Bytes signature;
     ASSERT_EQ(Sign(key, input, &signature), ERROR_SUCCESS) << size;
     WriteOut("sign-" + std::to_string(size) + ".sig", signature);
-    WriteOut("sign-" + std::to_string(size) + ".block", is_hash ? DigestInfo(input) : input);
+    WriteOut("sign-" + std::to_string(size) + ".block", isHash ? DigestInfo(input) : input);
   }
   for (const std::size_t size : {0u, 15u, 17u, 28u, 48u, 82u, 84u, 256u}) {
     Bytes signature;
@@ -241,10 +240,10 @@ TEST_F(Signing, SignsTheHashOfAFile) {
                                                             {"sha256", BCRYPT_SHA256_ALGORITHM},
                                                             {"sha512", BCRYPT_SHA512_ALGORITHM}};
   for (const auto& [name, algorithm] : algorithms) {
-    BCRYPT_ALG_HANDLE provider_of_hash = nullptr;
+    BCRYPT_ALG_HANDLE providerOfHash = nullptr;
     BCRYPT_HASH_HANDLE hash = nullptr;
-    ASSERT_EQ(BCryptOpenAlgorithmProvider(&provider_of_hash, algorithm, nullptr, 0), 0);
-    ASSERT_EQ(BCryptCreateHash(provider_of_hash, &hash, nullptr, 0, nullptr, 0, 0), 0);
+    ASSERT_EQ(BCryptOpenAlgorithmProvider(&providerOfHash, algorithm, nullptr, 0), 0);
+    ASSERT_EQ(BCryptCreateHash(providerOfHash, &hash, nullptr, 0, nullptr, 0, 0), 0);
     DWORD size = 0;
     DWORD result = 0;
     BCryptGetProperty(hash, BCRYPT_HASH_LENGTH, reinterpret_cast<PUCHAR>(&size), sizeof(size), &result, 0);
@@ -252,7 +251,7 @@ TEST_F(Signing, SignsTheHashOfAFile) {
     BCryptHashData(hash, file.data(), Size(file), 0);
     BCryptFinishHash(hash, digest.data(), size, 0);
     BCryptDestroyHash(hash);
-    BCryptCloseAlgorithmProvider(provider_of_hash, 0);
+    BCryptCloseAlgorithmProvider(providerOfHash, 0);
     Bytes signature;
     ASSERT_EQ(Sign(key, digest, &signature), ERROR_SUCCESS) << name;
     WriteOut("document." + name, signature);
@@ -349,9 +348,9 @@ TEST_F(Signing, EncryptsAndDecrypts) {
             ERROR_SUCCESS);
   EXPECT_EQ(size, 256u);
   WriteOut("to-openssl.cipher", cipher);
-  Bytes from_openssl = ReadOut("from-openssl.cipher");
+  Bytes fromOpenssl = ReadOut("from-openssl.cipher");
   Bytes plain(256);
-  ASSERT_EQ(NCryptDecrypt(key, from_openssl.data(), Size(from_openssl), nullptr, plain.data(), 256, &size,
+  ASSERT_EQ(NCryptDecrypt(key, fromOpenssl.data(), Size(fromOpenssl), nullptr, plain.data(), 256, &size,
                           NCRYPT_PAD_PKCS1_FLAG),
             ERROR_SUCCESS);
   plain.resize(size);
@@ -371,8 +370,7 @@ TEST_F(Signing, ExportsThePublicKey) {
   EXPECT_EQ(NCryptExportKey(key, 0, BCRYPT_RSAPRIVATE_BLOB, nullptr, nullptr, 0, &size, 0), NTE_NOT_SUPPORTED);
 }
 
-// ---- The dialog without a PIN
-// ----------------------------------------------------------------------------------------
+// ---- The dialog without a PIN ---------------------------------------------------------------------------------------
 
 TEST(Cancelling, EndsTheCallAndCostsNoTry) {
   SetReaders(kOneToken);
@@ -421,8 +419,7 @@ TEST(Locking, TellsTheTriesLeftUntilThePinIsLocked) {
   EXPECT_EQ(robot.Finish(), 2u);
 }
 
-// ---- Several readers
-// -------------------------------------------------------------------------------------------------
+// ---- Several readers ------------------------------------------------------------------------------------------------
 
 class Readers : public testing::Test {
  protected:
@@ -496,8 +493,7 @@ TEST_F(Readers, NoReaderAtAll) {
   EXPECT_EQ(NCryptOpenStorageProvider(&none, kProvider, 0), NTE_FAIL);
 }
 
-// ---- Keys that are made, certified and removed
-// -----------------------------------------------------------------------
+// ---- Keys that are made, certified and removed ----------------------------------------------------------------------
 
 class Keys : public testing::Test {
  protected:

@@ -55,11 +55,11 @@ class SoftToken : public testing::Test {
   static void SetUpTestSuite() {
     const HMODULE module = LoadLibraryW(L"keldapkcs11.dll");
     ASSERT_NE(module, nullptr) << GetLastError();
-    const auto get_list =
+    const auto getList =
         reinterpret_cast<CK_C_GetFunctionList>(reinterpret_cast<void*>(GetProcAddress(module, "C_GetFunctionList")));
-    ASSERT_NE(get_list, nullptr);
-    ASSERT_EQ(get_list(nullptr), CKR_ARGUMENTS_BAD);
-    ASSERT_EQ(get_list(&list_), CKR_OK);
+    ASSERT_NE(getList, nullptr);
+    ASSERT_EQ(getList(nullptr), CKR_ARGUMENTS_BAD);
+    ASSERT_EQ(getList(&list_), CKR_OK);
     // Behind the 68 standard entries and six reserved ones.
     void* login = nullptr;
     std::memcpy(&login, reinterpret_cast<const char*>(list_) + sizeof(CK_VERSION) + 74 * sizeof(void*), sizeof(login));
@@ -98,10 +98,10 @@ class SoftToken : public testing::Test {
 
   void LogIn() const { ASSERT_EQ(Login(session_, Environment("KELDA_PIN")), CKR_OK); }
 
-  std::vector<CK_OBJECT_HANDLE> Find(CK_OBJECT_CLASS object_class, const std::string& id = {}) const {
+  std::vector<CK_OBJECT_HANDLE> Find(CK_OBJECT_CLASS objectClass, const std::string& id = {}) const {
     CK_BBOOL yes = CK_TRUE;
     std::string value = id;
-    std::vector<CK_ATTRIBUTE> search{{CKA_TOKEN, &yes, 1}, {CKA_CLASS, &object_class, sizeof(object_class)}};
+    std::vector<CK_ATTRIBUTE> search{{CKA_TOKEN, &yes, 1}, {CKA_CLASS, &objectClass, sizeof(objectClass)}};
     if (!id.empty()) search.push_back({CKA_ID, value.data(), static_cast<CK_ULONG>(value.size())});
     EXPECT_EQ(list_->C_FindObjectsInit(session_, search.data(), static_cast<CK_ULONG>(search.size())), CKR_OK);
     CK_ULONG count = 0;
@@ -117,8 +117,8 @@ class SoftToken : public testing::Test {
     return objects;
   }
 
-  CK_OBJECT_HANDLE FindOne(CK_OBJECT_CLASS object_class, const std::string& id) const {
-    const auto objects = Find(object_class, id);
+  CK_OBJECT_HANDLE FindOne(CK_OBJECT_CLASS objectClass, const std::string& id) const {
+    const auto objects = Find(objectClass, id);
     EXPECT_EQ(objects.size(), 1u) << id;
     return objects.empty() ? 0 : objects[0];
   }
@@ -292,8 +292,8 @@ TEST_F(SoftToken, TellsTwinsApart) {
 }
 
 TEST_F(SoftToken, SearchesInSteps) {
-  CK_OBJECT_CLASS public_key = CKO_PUBLIC_KEY;
-  CK_ATTRIBUTE search{CKA_CLASS, &public_key, sizeof(public_key)};
+  CK_OBJECT_CLASS publicKey = CKO_PUBLIC_KEY;
+  CK_ATTRIBUTE search{CKA_CLASS, &publicKey, sizeof(publicKey)};
   const auto all = Find(CKO_PUBLIC_KEY);
   ASSERT_GE(all.size(), 3u);
   // In one order in every process: that of identifiers.
@@ -353,29 +353,29 @@ TEST_F(SoftToken, KeepsTheRulesForAttributeLengths) {
   EXPECT_EQ(read[0].ulValueLen, 0xFFFFFFFFu);
 
   // The length of private keys is told as well.
-  const auto private_key = FindOne(CKO_PRIVATE_KEY, "Key1");
+  const auto privateKey = FindOne(CKO_PRIVATE_KEY, "Key1");
   for (const CK_ULONG room : {CK_ULONG{4}, CK_ULONG{8}}) {
     std::array<CK_ULONG, 2> value{};
     read[0] = {CKA_MODULUS_BITS, value.data(), room};
-    ASSERT_EQ(list_->C_GetAttributeValue(session_, private_key, read.data(), 1), CKR_OK);
+    ASSERT_EQ(list_->C_GetAttributeValue(session_, privateKey, read.data(), 1), CKR_OK);
     EXPECT_EQ(read[0].ulValueLen, 4u);
     EXPECT_EQ(value, (std::array<CK_ULONG, 2>{2048, 0}));
   }
   read = {{{CKA_ID, id.data(), 200}, {CKA_MODULUS_BITS, nullptr, 0}, {CKA_CERTIFICATE_TYPE, nullptr, 0}}};
-  EXPECT_EQ(list_->C_GetAttributeValue(session_, private_key, read.data(), 2), CKR_OK);
+  EXPECT_EQ(list_->C_GetAttributeValue(session_, privateKey, read.data(), 2), CKR_OK);
   EXPECT_EQ(read[1].ulValueLen, 4u);
-  EXPECT_EQ(list_->C_GetAttributeValue(session_, private_key, read.data(), 3), CKR_ATTRIBUTE_TYPE_INVALID);
+  EXPECT_EQ(list_->C_GetAttributeValue(session_, privateKey, read.data(), 3), CKR_ATTRIBUTE_TYPE_INVALID);
   EXPECT_EQ(read[1].ulValueLen, 4u);
   EXPECT_EQ(read[2].ulValueLen, 0xFFFFFFFFu);
   std::array<CK_BYTE, 4> narrow = {9, 9, 9, 9};
   read[0] = {CKA_MODULUS_BITS, narrow.data(), 3};
-  EXPECT_EQ(list_->C_GetAttributeValue(session_, private_key, read.data(), 1), CKR_BUFFER_TOO_SMALL);
+  EXPECT_EQ(list_->C_GetAttributeValue(session_, privateKey, read.data(), 1), CKR_BUFFER_TOO_SMALL);
   EXPECT_EQ(read[0].ulValueLen, 0xFFFFFFFFu);
   EXPECT_EQ(narrow, (std::array<CK_BYTE, 4>{9, 9, 9, 9}));
 
   LogIn();
   read[0] = {CKA_PRIVATE_EXPONENT, nullptr, 0};
-  EXPECT_EQ(list_->C_GetAttributeValue(session_, private_key, read.data(), 1), CKR_ATTRIBUTE_SENSITIVE);
+  EXPECT_EQ(list_->C_GetAttributeValue(session_, privateKey, read.data(), 1), CKR_ATTRIBUTE_SENSITIVE);
   EXPECT_EQ(read[0].ulValueLen, 0xFFFFFFFFu);
   EXPECT_EQ(list_->C_GetAttributeValue(session_, 0, read.data(), 1), CKR_OBJECT_HANDLE_INVALID);
 }
@@ -384,29 +384,29 @@ TEST_F(SoftToken, SignsWhatLinuxVerifies) {
   LogIn();
   const auto key = FindOne(CKO_PRIVATE_KEY, "Key1");
   // The digest of nothing, wrapped; the script verifies the signature over an empty file.
-  Bytes digest_info(kSha256Prefix.begin(), kSha256Prefix.end());
+  Bytes digestInfo(kSha256Prefix.begin(), kSha256Prefix.end());
   const Bytes digest = {0xe3, 0xb0, 0xc4, 0x42, 0x98, 0xfc, 0x1c, 0x14, 0x9a, 0xfb, 0xf4, 0xc8, 0x99, 0x6f, 0xb9, 0x24,
                         0x27, 0xae, 0x41, 0xe4, 0x64, 0x9b, 0x93, 0x4c, 0xa4, 0x95, 0x99, 0x1b, 0x78, 0x52, 0xb8, 0x55};
-  digest_info.insert(digest_info.end(), digest.begin(), digest.end());
-  auto signature = Sign(key, digest_info);
+  digestInfo.insert(digestInfo.end(), digest.begin(), digest.end());
+  auto signature = Sign(key, digestInfo);
   WriteFile(Environment("KELDA_OUT") + "\\empty.sig", signature);
 
-  const auto public_key = FindOne(CKO_PUBLIC_KEY, "Key1");
+  const auto publicKey = FindOne(CKO_PUBLIC_KEY, "Key1");
   const auto size = static_cast<CK_ULONG>(signature.size());
-  const auto data_size = static_cast<CK_ULONG>(digest_info.size());
-  ASSERT_EQ(Begin(list_->C_VerifyInit, public_key), CKR_OK);
-  EXPECT_EQ(list_->C_Verify(session_, digest_info.data(), data_size, signature.data(), size), CKR_OK);
-  ASSERT_EQ(Begin(list_->C_VerifyInit, public_key), CKR_OK);
+  const auto dataSize = static_cast<CK_ULONG>(digestInfo.size());
+  ASSERT_EQ(Begin(list_->C_VerifyInit, publicKey), CKR_OK);
+  EXPECT_EQ(list_->C_Verify(session_, digestInfo.data(), dataSize, signature.data(), size), CKR_OK);
+  ASSERT_EQ(Begin(list_->C_VerifyInit, publicKey), CKR_OK);
   signature[0] ^= 1;
-  EXPECT_EQ(list_->C_Verify(session_, digest_info.data(), data_size, signature.data(), size), CKR_SIGNATURE_INVALID);
-  EXPECT_EQ(list_->C_Verify(session_, digest_info.data(), data_size, signature.data(), size),
+  EXPECT_EQ(list_->C_Verify(session_, digestInfo.data(), dataSize, signature.data(), size), CKR_SIGNATURE_INVALID);
+  EXPECT_EQ(list_->C_Verify(session_, digestInfo.data(), dataSize, signature.data(), size),
             CKR_OPERATION_NOT_INITIALIZED);
 }
 
 TEST_F(SoftToken, ANewOperationReplacesAnUnfinishedOne) {
   LogIn();
   const auto key = FindOne(CKO_PRIVATE_KEY, "Key1");
-  const auto public_key = FindOne(CKO_PUBLIC_KEY, "Key1");
+  const auto publicKey = FindOne(CKO_PUBLIC_KEY, "Key1");
   Bytes data(20, 7);
   Bytes output(256);
   CK_ULONG size = 0;
@@ -423,12 +423,12 @@ TEST_F(SoftToken, ANewOperationReplacesAnUnfinishedOne) {
   for (const auto begin : init)
     ASSERT_EQ(Begin(begin, key), CKR_OK);
   // Meanwhile the token can be searched and read.
-  ASSERT_EQ(Begin(list_->C_EncryptInit, public_key), CKR_OK);
+  ASSERT_EQ(Begin(list_->C_EncryptInit, publicKey), CKR_OK);
   EXPECT_EQ(FindOne(CKO_PRIVATE_KEY, "Key1"), key);
   EXPECT_EQ(Read(key, CKA_LABEL).size(), 4u);
   EXPECT_EQ(list_->C_Encrypt(session_, data.data(), 20, nullptr, &size), CKR_OK);
-  ASSERT_EQ(Begin(list_->C_VerifyInit, public_key), CKR_OK);
-  ASSERT_EQ(Begin(list_->C_EncryptInit, public_key), CKR_OK);
+  ASSERT_EQ(Begin(list_->C_VerifyInit, publicKey), CKR_OK);
+  ASSERT_EQ(Begin(list_->C_EncryptInit, publicKey), CKR_OK);
   ASSERT_EQ(Begin(list_->C_DecryptInit, key), CKR_OK);
   EXPECT_EQ(list_->C_Decrypt(session_, output.data(), 256, nullptr, &size), CKR_OK);
   EXPECT_EQ(Sign(key, data).size(), 256u);
@@ -448,16 +448,16 @@ TEST_F(SoftToken, EncryptsAndDecrypts) {
   ASSERT_EQ(list_->C_Decrypt(session_, cipher.data(), 256, again.data(), &size), CKR_OK);
   again.resize(size);
   EXPECT_EQ(again, plain);
-  CK_MECHANISM with_parameter{CKM_RSA_PKCS, plain.data(), 1};
-  EXPECT_EQ(list_->C_DecryptInit(session_, &with_parameter, key), CKR_MECHANISM_PARAM_INVALID);
+  CK_MECHANISM withParameter{CKM_RSA_PKCS, plain.data(), 1};
+  EXPECT_EQ(list_->C_DecryptInit(session_, &withParameter, key), CKR_MECHANISM_PARAM_INVALID);
   EXPECT_EQ(Begin(list_->C_DecryptInit, key + 1000), CKR_KEY_HANDLE_INVALID);
 }
 
 // The templates are those of a program that lets the module fill in and ignore what the token knows better.
 TEST_F(SoftToken, GeneratesAPairFromAGenerousTemplate) {
   LogIn();
-  CK_OBJECT_CLASS public_class = CKO_PUBLIC_KEY;
-  CK_OBJECT_CLASS private_class = CKO_PRIVATE_KEY;
+  CK_OBJECT_CLASS publicClass = CKO_PUBLIC_KEY;
+  CK_OBJECT_CLASS privateClass = CKO_PRIVATE_KEY;
   CK_KEY_TYPE type = CKK_RSA;
   CK_BBOOL yes = CK_TRUE;
   CK_BBOOL no = CK_FALSE;
@@ -465,48 +465,38 @@ TEST_F(SoftToken, GeneratesAPairFromAGenerousTemplate) {
   std::array<CK_BYTE, 3> exponent = {1, 0, 1};
   std::string id = "Made here, 20 bytes.";
   std::string label = "Made";
-  std::vector<CK_ATTRIBUTE> public_values{{CKA_CLASS, &public_class, 4},
-                                          {CKA_MODIFIABLE, &yes, 1},
-                                          {CKA_KEY_TYPE, &type, 4},
-                                          {CKA_DERIVE, &no, 1},
-                                          {CKA_LOCAL, &yes, 1},
-                                          {CKA_TOKEN, &yes, 1},
-                                          {CKA_MODULUS, nullptr, 128},
-                                          {CKA_MODULUS_BITS, &bits, 4},
-                                          {CKA_PUBLIC_EXPONENT, exponent.data(), 3},
-                                          {CKA_ENCRYPT, &yes, 1},
-                                          {CKA_VERIFY, &yes, 1},
-                                          {CKA_VERIFY_RECOVER, &no, 1},
-                                          {CKA_WRAP, &no, 1},
-                                          {CKA_ID, id.data(), 20},
-                                          {CKA_LABEL, label.data(), 4}};
-  std::vector<CK_ATTRIBUTE> private_values{
-      {CKA_CLASS, &private_class, 4}, {CKA_MODIFIABLE, &yes, 1}, {CKA_PRIVATE, &yes, 1},
-      {CKA_TOKEN, &yes, 1},           {CKA_SENSITIVE, &no, 1},   {CKA_DERIVE, &no, 1},
-      {CKA_LOCAL, &yes, 1},           {CKA_DECRYPT, &yes, 1},    {CKA_SIGN, &yes, 1},
-      {CKA_SIGN_RECOVER, &no, 1},     {CKA_UNWRAP, &no, 1},      {CKA_ID, id.data(), 20},
+  std::vector<CK_ATTRIBUTE> publicValues{
+      {CKA_CLASS, &publicClass, 4}, {CKA_MODIFIABLE, &yes, 1},    {CKA_KEY_TYPE, &type, 4},
+      {CKA_DERIVE, &no, 1},         {CKA_LOCAL, &yes, 1},         {CKA_TOKEN, &yes, 1},
+      {CKA_MODULUS, nullptr, 128},  {CKA_MODULUS_BITS, &bits, 4}, {CKA_PUBLIC_EXPONENT, exponent.data(), 3},
+      {CKA_ENCRYPT, &yes, 1},       {CKA_VERIFY, &yes, 1},        {CKA_VERIFY_RECOVER, &no, 1},
+      {CKA_WRAP, &no, 1},           {CKA_ID, id.data(), 20},      {CKA_LABEL, label.data(), 4}};
+  std::vector<CK_ATTRIBUTE> privateValues{
+      {CKA_CLASS, &privateClass, 4}, {CKA_MODIFIABLE, &yes, 1},  {CKA_PRIVATE, &yes, 1}, {CKA_TOKEN, &yes, 1},
+      {CKA_SENSITIVE, &no, 1},       {CKA_DERIVE, &no, 1},       {CKA_LOCAL, &yes, 1},   {CKA_DECRYPT, &yes, 1},
+      {CKA_SIGN, &yes, 1},           {CKA_SIGN_RECOVER, &no, 1}, {CKA_UNWRAP, &no, 1},   {CKA_ID, id.data(), 20},
       {CKA_LABEL, label.data(), 4}};
   CK_MECHANISM mechanism{CKM_RSA_PKCS_KEY_PAIR_GEN, nullptr, 0};
-  CK_OBJECT_HANDLE public_key = 0;
-  CK_OBJECT_HANDLE private_key = 0;
-  ASSERT_EQ(list_->C_GenerateKeyPair(session_, &mechanism, public_values.data(), 15, private_values.data(), 13,
-                                     &public_key, &private_key),
+  CK_OBJECT_HANDLE publicKey = 0;
+  CK_OBJECT_HANDLE privateKey = 0;
+  ASSERT_EQ(list_->C_GenerateKeyPair(session_, &mechanism, publicValues.data(), 15, privateValues.data(), 13,
+                                     &publicKey, &privateKey),
             CKR_OK);
-  EXPECT_EQ(FindOne(CKO_PUBLIC_KEY, id), public_key);
-  EXPECT_EQ(FindOne(CKO_PRIVATE_KEY, id), private_key);
-  EXPECT_EQ(Read(public_key, CKA_MODULUS).size(), 128u);
-  EXPECT_EQ(Sign(private_key, Bytes(35, 3)).size(), 128u);
+  EXPECT_EQ(FindOne(CKO_PUBLIC_KEY, id), publicKey);
+  EXPECT_EQ(FindOne(CKO_PRIVATE_KEY, id), privateKey);
+  EXPECT_EQ(Read(publicKey, CKA_MODULUS).size(), 128u);
+  EXPECT_EQ(Sign(privateKey, Bytes(35, 3)).size(), 128u);
   EXPECT_EQ(list_->C_Logout(session_), CKR_OK);
   // Public keys are everybody's to see.
-  EXPECT_EQ(FindOne(CKO_PUBLIC_KEY, id), public_key);
+  EXPECT_EQ(FindOne(CKO_PUBLIC_KEY, id), publicKey);
 }
 
 TEST_F(SoftToken, CreatesPublicKeysAndCertificatesFromGenerousTemplates) {
   LogIn();
   const auto source = FindOne(CKO_PUBLIC_KEY, "Key1");
   auto modulus = Read(source, CKA_MODULUS);
-  CK_OBJECT_CLASS key_class = CKO_PUBLIC_KEY;
-  CK_OBJECT_CLASS certificate_class = CKO_CERTIFICATE;
+  CK_OBJECT_CLASS keyClass = CKO_PUBLIC_KEY;
+  CK_OBJECT_CLASS certificateClass = CKO_CERTIFICATE;
   CK_BBOOL yes = CK_TRUE;
   CK_BBOOL no = CK_FALSE;
   CK_ULONG bits = 2048;
@@ -514,7 +504,7 @@ TEST_F(SoftToken, CreatesPublicKeysAndCertificatesFromGenerousTemplates) {
   Bytes id(128, 0);
   std::fill(id.begin(), id.begin() + 64, CK_BYTE{0x5A});
   std::string label = "Copy";
-  std::vector<CK_ATTRIBUTE> values{{CKA_CLASS, &key_class, 4},
+  std::vector<CK_ATTRIBUTE> values{{CKA_CLASS, &keyClass, 4},
                                    {CKA_TOKEN, &yes, 1},
                                    {CKA_PRIVATE, &no, 1},
                                    {CKA_MODIFIABLE, &yes, 1},
@@ -536,16 +526,16 @@ TEST_F(SoftToken, CreatesPublicKeysAndCertificatesFromGenerousTemplates) {
   ASSERT_FALSE(encoded.empty());
   Bytes name = {0x30, 0x00, 0x00};
   Bytes serial = {0x01};
-  std::string certificate_id = "Key1";
-  std::vector<CK_ATTRIBUTE> certificate{{CKA_CLASS, &certificate_class, 4},
+  std::string certificateId = "Key1";
+  std::vector<CK_ATTRIBUTE> certificate{{CKA_CLASS, &certificateClass, 4},
                                         {CKA_TOKEN, &yes, 1},
                                         {CKA_LABEL, label.data(), 4},
                                         {CKA_VALUE, encoded.data(), static_cast<CK_ULONG>(encoded.size())},
                                         {CKA_PRIVATE, &no, 1},
                                         {CKA_MODIFIABLE, &yes, 1},
                                         {CKA_EXTRACTABLE, &yes, 1},
-                                        {CKA_ID, certificate_id.data(), 4},
-                                        {CKA_OBJECT_ID, certificate_id.data(), 4},
+                                        {CKA_ID, certificateId.data(), 4},
+                                        {CKA_OBJECT_ID, certificateId.data(), 4},
                                         {CKA_ISSUER, name.data(), 3},
                                         {CKA_SERIAL_NUMBER, serial.data(), 1},
                                         {CKA_SUBJECT, name.data(), 3}};
@@ -560,11 +550,11 @@ TEST_F(SoftToken, CreatesPublicKeysAndCertificatesFromGenerousTemplates) {
 
 TEST_F(SoftToken, DestroysObjects) {
   LogIn();
-  const auto public_key = FindOne(CKO_PUBLIC_KEY, "Doomed");
-  const auto private_key = FindOne(CKO_PRIVATE_KEY, "Doomed");
-  EXPECT_EQ(list_->C_DestroyObject(session_, private_key), CKR_OK);
-  EXPECT_EQ(list_->C_DestroyObject(session_, public_key), CKR_OK);
-  EXPECT_EQ(list_->C_DestroyObject(session_, private_key), CKR_OBJECT_HANDLE_INVALID);
+  const auto publicKey = FindOne(CKO_PUBLIC_KEY, "Doomed");
+  const auto privateKey = FindOne(CKO_PRIVATE_KEY, "Doomed");
+  EXPECT_EQ(list_->C_DestroyObject(session_, privateKey), CKR_OK);
+  EXPECT_EQ(list_->C_DestroyObject(session_, publicKey), CKR_OK);
+  EXPECT_EQ(list_->C_DestroyObject(session_, privateKey), CKR_OBJECT_HANDLE_INVALID);
   EXPECT_EQ(list_->C_DestroyObject(session_, 0), CKR_OBJECT_HANDLE_INVALID);
   EXPECT_TRUE(Find(CKO_PUBLIC_KEY, "Doomed").empty());
   EXPECT_TRUE(Find(CKO_PRIVATE_KEY, "Doomed").empty());
