@@ -27,6 +27,34 @@ bool HoldsNumbers(CK_ATTRIBUTE_TYPE type) {
   }
 }
 
+bool HoldsFlag(CK_ATTRIBUTE_TYPE type) {
+  switch (type) {
+    case CKA_TOKEN:
+    case CKA_PRIVATE:
+    case CKA_TRUSTED:
+    case CKA_SENSITIVE:
+    case CKA_ENCRYPT:
+    case CKA_DECRYPT:
+    case CKA_WRAP:
+    case CKA_UNWRAP:
+    case CKA_SIGN:
+    case CKA_SIGN_RECOVER:
+    case CKA_VERIFY:
+    case CKA_VERIFY_RECOVER:
+    case CKA_DERIVE:
+    case CKA_EXTRACTABLE:
+    case CKA_LOCAL:
+    case CKA_NEVER_EXTRACTABLE:
+    case CKA_ALWAYS_SENSITIVE:
+    case CKA_MODIFIABLE:
+    case CKA_ALWAYS_AUTHENTICATE:
+    case CKA_WRAP_WITH_TRUSTED:
+      return true;
+    default:
+      return false;
+  }
+}
+
 CK_RV Template::Assign(const win::Attribute* attributes, win::Ulong count) {
   entries_.clear();
   if (attributes == nullptr && count != 0) return CKR_ARGUMENTS_BAD;
@@ -49,6 +77,16 @@ CK_RV Template::Assign(const win::Attribute* attributes, win::Ulong count) {
     entries_.push_back(std::move(entry));
   }
   return CKR_OK;
+}
+
+CK_RV Template::CheckLengths() const {
+  const bool right = std::all_of(entries_.begin(), entries_.end(), [](const Entry& entry) {
+    if (HoldsFlag(entry.type)) return entry.value.size() == sizeof(CK_BBOOL);
+    // The one list of numbers may have any length.
+    if (HoldsNumbers(entry.type) && entry.type != CKA_ALLOWED_MECHANISMS) return entry.value.size() == sizeof(CK_ULONG);
+    return true;
+  });
+  return right ? CKR_OK : CKR_ATTRIBUTE_VALUE_INVALID;
 }
 
 bool Template::Contains(CK_ATTRIBUTE_TYPE type) const {

@@ -13,6 +13,8 @@ namespace softtoken {
 
 // Does this attribute's value consist of CK_ULONG numbers (and so change its length between the layouts)?
 bool HoldsNumbers(CK_ATTRIBUTE_TYPE type);
+// Is this attribute's value one CK_BBOOL?
+bool HoldsFlag(CK_ATTRIBUTE_TYPE type);
 
 // A template of attribute values in the native layout, with its values.
 class Template {
@@ -20,6 +22,9 @@ class Template {
   // Copies a caller's template. CKR_ATTRIBUTE_VALUE_INVALID: a number of the wrong length, or no value behind a
   // length.
   CK_RV Assign(const win::Attribute* attributes, win::Ulong count);
+
+  // CKR_ATTRIBUTE_VALUE_INVALID: a number or a flag that is not of its one length (4 or 1 bytes for the caller).
+  CK_RV CheckLengths() const;
 
   // What the module behind keldapkcs11.dll accepts and SoftHSM refuses is dropped or completed here:
   // attributes that only the token may set or that do not belong to the class, and the types SoftHSM insists on.

@@ -58,11 +58,12 @@ CK_RV HandOutNumbers(const std::vector<win::Ulong>& numbers, win::Ulong* target,
 
 }  // namespace
 
-// Logs in under the directory's PIN for as long as it lives, unless the user is logged in already.
+// Logs in under the directory's PIN for as long as it lives, unless the user is logged in already or may see nothing
+// before.
 class Module::BorrowedLogin {
  public:
   BorrowedLogin(Module& module, win::Ulong session, const Session& record) : module_(module), session_(session) {
-    if (module.IsLoggedIn(session)) return;
+    if (module.IsStrict() || module.IsLoggedIn(session)) return;
     auto pin = DirectoryPin(record.serial);
     if (!pin.empty()) {
       borrowed_ =
@@ -290,6 +291,7 @@ CK_RV Module::FindSession(win::Ulong handle, Session** session) {
   });
   if (!inPlace) {
     // The token was drawn or its reader unplugged: its sessions are gone for good.
+    ForgetPrivateObjects(found->second.serial);
     softhsm_->C_CloseSession(found->second.reading);
     softhsm_->C_CloseSession(handle);
     sessions_.erase(found);
@@ -304,7 +306,12 @@ CK_RV Module::CloseSession(win::Ulong session) {
   const auto found = sessions_.find(session);
   if (found == sessions_.end()) return CKR_SESSION_HANDLE_INVALID;
   softhsm_->C_CloseSession(found->second.reading);
+  const std::string serial = found->second.serial;
   sessions_.erase(found);
+  // The last session takes the login with it (PKCS#11 v2.40 5.6, C_CloseSession).
+  const bool last = std::none_of(sessions_.begin(), sessions_.end(),
+                                 [&](const auto& entry) { return entry.second.serial == serial; });
+  if (last) ForgetPrivateObjects(serial);
   return softhsm_->C_CloseSession(session);
 }
 
@@ -313,6 +320,7 @@ CK_RV Module::CloseAllSessions(win::Ulong slot) {
   if (const CK_RV rv = FindSlot(slot, &record); rv != CKR_OK) return rv;
   std::erase_if(sessions_, [&](const auto& entry) {
     if (entry.second.slot != slot) return false;
+    ForgetPrivateObjects(entry.second.serial);
     softhsm_->C_CloseSession(entry.second.reading);
     softhsm_->C_CloseSession(entry.first);
     return true;
@@ -375,7 +383,17 @@ CK_RV Module::Login(win::Ulong session, win::Ulong user, std::uint8_t* pin, win:
 CK_RV Module::Logout(win::Ulong session) {
   Session* record = nullptr;
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
-  return IsLoggedIn(session) ? softhsm_->C_Logout(session) : CKR_USER_NOT_LOGGED_IN;
+  if (!IsLoggedIn(session)) return CKR_USER_NOT_LOGGED_IN;
+  ForgetPrivateObjects(record->serial);
+  return softhsm_->C_Logout(session);
+}
+
+// With a logout, handles of private objects are void for good (PKCS#11 v2.40 5.6, C_Logout). A card does not mind.
+void Module::ForgetPrivateObjects(const std::string& serial) {
+  if (!IsStrict()) return;
+  for (auto& object : privateObjects_) {
+    if (object.serial == serial) object.serial.clear();
+  }
 }
 
 CK_RV Module::Search(const Session& session, std::vector<CK_ATTRIBUTE>& attributes,
@@ -435,6 +453,11 @@ bool Module::IsPrivateHandle(win::Ulong handle) const {
   return handle >= kFirstPrivateHandle && handle - kFirstPrivateHandle < privateObjects_.size();
 }
 
+// A private object that is seen without a login, and only seen.
+bool Module::IsGuarded(win::Ulong session, win::Ulong handle) {
+  return !IsStrict() && IsPrivateHandle(handle) && !IsLoggedIn(session);
+}
+
 // 0 for an object whose handle cannot be told to a Windows program.
 win::Ulong Module::ToHandle(const Session& session, CK_OBJECT_HANDLE native) {
   if (!IsPrivate(session, native)) return FitsHandle(native) ? static_cast<win::Ulong>(native) : 0;
@@ -450,10 +473,16 @@ CK_RV Module::ToNativeObject(const Session& session, win::Ulong handle, CK_OBJEC
   *native = handle;
   if (!IsPrivateHandle(handle)) return CKR_OK;
   const auto& object = privateObjects_[handle - kFirstPrivateHandle];
+  if (object.serial.empty()) return CKR_OBJECT_HANDLE_INVALID;
   const auto twins = FindTwins(session, object);
   if (object.ordinal >= twins.size()) return CKR_OBJECT_HANDLE_INVALID;
   *native = twins[object.ordinal];
   return CKR_OK;
+}
+
+CK_RV Module::ReadTemplate(const win::Attribute* attributes, win::Ulong count, Template* values) const {
+  if (const CK_RV rv = values->Assign(attributes, count); rv != CKR_OK) return rv;
+  return IsStrict() ? values->CheckLengths() : CKR_OK;
 }
 
 CK_RV Module::CreateObject(win::Ulong session, const win::Attribute* attributes, win::Ulong count, win::Ulong* object) {
@@ -461,8 +490,8 @@ CK_RV Module::CreateObject(win::Ulong session, const win::Attribute* attributes,
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
   if (object == nullptr) return CKR_ARGUMENTS_BAD;
   Template values;
-  if (const CK_RV rv = values.Assign(attributes, count); rv != CKR_OK) return rv;
-  values.AdaptForCreation();
+  if (const CK_RV rv = ReadTemplate(attributes, count, &values); rv != CKR_OK) return rv;
+  if (Adapts()) values.AdaptForCreation();
   auto native = values.Native();
   CK_OBJECT_HANDLE handle = 0;
   const CK_RV rv = softhsm_->C_CreateObject(session, native.data(), native.size(), &handle);
@@ -474,7 +503,7 @@ CK_RV Module::DestroyObject(win::Ulong session, win::Ulong object) {
   Session* record = nullptr;
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
   // Seeing a private object is everybody's right, destroying it the user's.
-  if (IsPrivateHandle(object) && !IsLoggedIn(session)) return CKR_USER_NOT_LOGGED_IN;
+  if (IsGuarded(session, object)) return CKR_USER_NOT_LOGGED_IN;
   CK_OBJECT_HANDLE native = 0;
   if (const CK_RV rv = ToNativeObject(*record, object, &native); rv != CKR_OK) return rv;
   return softhsm_->C_DestroyObject(session, native);
@@ -497,7 +526,7 @@ CK_RV Module::GetAttributeValue(win::Ulong session, win::Ulong object, win::Attr
   if (const CK_RV rv = ToNativeObject(*record, object, &native); rv != CKR_OK) return rv;
   AttributeRead read(attributes, count);
   CK_RV rv = softhsm_->C_GetAttributeValue(record->reading, native, read.native().data(), read.native().size());
-  if (rv == CKR_ATTRIBUTE_TYPE_INVALID && read.Lacks(CKA_MODULUS_BITS)) {
+  if (rv == CKR_ATTRIBUTE_TYPE_INVALID && Adapts() && read.Lacks(CKA_MODULUS_BITS)) {
     if (const auto bits = ModulusBits(*record, native)) rv = read.Supply(CKA_MODULUS_BITS, *bits);
   }
   if (rv == CKR_OK || rv == CKR_ATTRIBUTE_SENSITIVE || rv == CKR_ATTRIBUTE_TYPE_INVALID || rv == CKR_BUFFER_TOO_SMALL) {
@@ -510,11 +539,11 @@ CK_RV Module::SetAttributeValue(win::Ulong session, win::Ulong object, const win
                                 win::Ulong count) {
   Session* record = nullptr;
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
-  if (IsPrivateHandle(object) && !IsLoggedIn(session)) return CKR_USER_NOT_LOGGED_IN;
+  if (IsGuarded(session, object)) return CKR_USER_NOT_LOGGED_IN;
   CK_OBJECT_HANDLE nativeObject = 0;
   if (const CK_RV rv = ToNativeObject(*record, object, &nativeObject); rv != CKR_OK) return rv;
   Template values;
-  if (const CK_RV rv = values.Assign(attributes, count); rv != CKR_OK) return rv;
+  if (const CK_RV rv = ReadTemplate(attributes, count, &values); rv != CKR_OK) return rv;
   auto native = values.Native();
   return softhsm_->C_SetAttributeValue(session, nativeObject, native.data(), native.size());
 }
@@ -523,8 +552,9 @@ CK_RV Module::FindObjectsInit(win::Ulong session, const win::Attribute* attribut
   Session* record = nullptr;
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
   if (record->searching) return CKR_OPERATION_ACTIVE;
+  if (IsStrict() && record->operation != Operation::kNone) return CKR_OPERATION_ACTIVE;
   Template values;
-  if (const CK_RV rv = values.Assign(attributes, count); rv != CKR_OK) return rv;
+  if (const CK_RV rv = ReadTemplate(attributes, count, &values); rv != CKR_OK) return rv;
   auto native = values.Native();
   // The whole search is made here: what it finds has to be described while the login is borrowed.
   const BorrowedLogin login(*this, session, *record);
@@ -550,6 +580,8 @@ CK_RV Module::FindObjects(win::Ulong session, win::Ulong* objects, win::Ulong ma
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
   if (count == nullptr) return CKR_ARGUMENTS_BAD;
   if (!record->searching) return CKR_OPERATION_NOT_INITIALIZED;
+  if (IsStrict() && max == 0) return CKR_ARGUMENTS_BAD;
+  if (!Adapts() && objects == nullptr) return CKR_ARGUMENTS_BAD;
   const auto left = record->found.size() - record->nextFound;
   const auto taken = std::min<std::size_t>(left, max);
   win::Store(count, static_cast<win::Ulong>(taken));
@@ -598,13 +630,17 @@ CK_RV Module::InitOperation(Operation operation, win::Ulong session, const win::
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
   CK_MECHANISM native{};
   if (const CK_RV rv = ToNative(mechanism, &native); rv != CKR_OK) return rv;
-  if (IsPrivateHandle(key) && !IsLoggedIn(session)) return CKR_USER_NOT_LOGGED_IN;
+  if (IsGuarded(session, key)) return CKR_USER_NOT_LOGGED_IN;
   CK_OBJECT_HANDLE object = 0;
   if (const CK_RV rv = ToNativeObject(*record, key, &object); rv != CKR_OK) {
     return rv == CKR_OBJECT_HANDLE_INVALID ? CKR_KEY_HANDLE_INVALID : rv;
   }
-  // A new operation takes the place of one that was not finished.
-  Abandon(session, *record);
+  if (IsStrict()) {
+    if (record->searching || record->operation != Operation::kNone) return CKR_OPERATION_ACTIVE;
+  } else {
+    // A new operation takes the place of one that was not finished.
+    Abandon(session, *record);
+  }
   CK_RV rv = CKR_OK;
   switch (operation) {
     case Operation::kEncrypt:
@@ -631,12 +667,15 @@ CK_RV Module::RunOperation(Operation operation, win::Ulong session, std::uint8_t
   Session* record = nullptr;
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
   if (outputLen == nullptr) return CKR_ARGUMENTS_BAD;
+  if (record->operation != operation) return CKR_OPERATION_NOT_INITIALIZED;
   CK_ULONG length = win::Load<win::Ulong>(outputLen);
   CK_RV rv = CKR_OPERATION_NOT_INITIALIZED;
   if (operation == Operation::kEncrypt) rv = softhsm_->C_Encrypt(session, input, inputLen, output, &length);
   if (operation == Operation::kDecrypt) rv = softhsm_->C_Decrypt(session, input, inputLen, output, &length);
   if (operation == Operation::kSign) rv = softhsm_->C_Sign(session, input, inputLen, output, &length);
   const bool askedForLength = rv == CKR_OK && output == nullptr;
+  // SoftHSM keeps an operation open whose arguments it refused.
+  if (rv == CKR_ARGUMENTS_BAD) Abandon(session, *record);
   if (!askedForLength && rv != CKR_BUFFER_TOO_SMALL) record->operation = Operation::kNone;
   if (rv == CKR_OK || rv == CKR_BUFFER_TOO_SMALL) win::Store(outputLen, static_cast<win::Ulong>(length));
   return rv;
@@ -646,8 +685,11 @@ CK_RV Module::Verify(win::Ulong session, std::uint8_t* data, win::Ulong dataLen,
                      win::Ulong signatureLen) {
   Session* record = nullptr;
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
+  if (record->operation != Operation::kVerify) return CKR_OPERATION_NOT_INITIALIZED;
+  const CK_RV rv = softhsm_->C_Verify(session, data, dataLen, signature, signatureLen);
+  if (rv == CKR_ARGUMENTS_BAD) Abandon(session, *record);
   record->operation = Operation::kNone;
-  return softhsm_->C_Verify(session, data, dataLen, signature, signatureLen);
+  return rv;
 }
 
 CK_RV Module::GenerateKeyPair(win::Ulong session, const win::Mechanism* mechanism,
@@ -660,11 +702,11 @@ CK_RV Module::GenerateKeyPair(win::Ulong session, const win::Mechanism* mechanis
   CK_MECHANISM nativeMechanism{};
   if (const CK_RV rv = ToNative(mechanism, &nativeMechanism); rv != CKR_OK) return rv;
   Template publicValues;
-  if (const CK_RV rv = publicValues.Assign(publicAttributes, publicCount); rv != CKR_OK) return rv;
-  publicValues.AdaptForGeneration(CKO_PUBLIC_KEY);
+  if (const CK_RV rv = ReadTemplate(publicAttributes, publicCount, &publicValues); rv != CKR_OK) return rv;
+  if (Adapts()) publicValues.AdaptForGeneration(CKO_PUBLIC_KEY);
   Template privateValues;
-  if (const CK_RV rv = privateValues.Assign(privateAttributes, privateCount); rv != CKR_OK) return rv;
-  privateValues.AdaptForGeneration(CKO_PRIVATE_KEY);
+  if (const CK_RV rv = ReadTemplate(privateAttributes, privateCount, &privateValues); rv != CKR_OK) return rv;
+  if (Adapts()) privateValues.AdaptForGeneration(CKO_PRIVATE_KEY);
   auto nativePublic = publicValues.Native();
   auto nativePrivate = privateValues.Native();
   CK_OBJECT_HANDLE publicHandle = 0;

@@ -16,6 +16,7 @@
 
 #include "common/reader_file.h"
 #include "softtoken/attributes.h"
+#include "softtoken/strictness.h"
 #include "softtoken/win_layout.h"
 
 namespace softtoken {
@@ -108,7 +109,7 @@ class Module {
   // An object by what a card's directory tells of it. SoftHSM's own handles of private objects end with every logout,
   // the handles that programs hold do not.
   struct ObjectEntry {
-    std::string serial;
+    std::string serial;  // the token's; empty: the handle is void
     std::vector<std::uint8_t> objectClass;
     std::vector<std::uint8_t> id;
     std::vector<std::uint8_t> label;
@@ -120,6 +121,11 @@ class Module {
   class BorrowedLogin;
 
   Module() = default;
+
+  bool IsStrict() const { return strictness_ != Strictness::kForgiving; }
+  bool Adapts() const { return strictness_ != Strictness::kUnadapted; }
+  CK_RV ReadTemplate(const win::Attribute* attributes, win::Ulong count, Template* values) const;
+  void ForgetPrivateObjects(const std::string& serial);
 
   std::vector<Slot> ReadSlots();
   CK_RV FindSlot(win::Ulong id, Slot* slot);
@@ -136,11 +142,13 @@ class Module {
   win::Ulong ToHandle(const Session& session, CK_OBJECT_HANDLE native);
   CK_RV ToNativeObject(const Session& session, win::Ulong handle, CK_OBJECT_HANDLE* native);
   bool IsPrivateHandle(win::Ulong handle) const;
+  bool IsGuarded(win::Ulong session, win::Ulong handle);
   CK_RV Search(const Session& session, std::vector<CK_ATTRIBUTE>& attributes, std::vector<CK_OBJECT_HANDLE>* found);
 
   CK_RV TryPin(win::Ulong session, win::Ulong user, std::uint8_t* pin, win::Ulong pinLen, unsigned* left);
   void Abandon(win::Ulong session, Session& record);
 
+  const Strictness strictness_ = ReadStrictness();
   std::mutex mutex_;
   void* library_ = nullptr;
   CK_FUNCTION_LIST* softhsm_ = nullptr;

@@ -1,7 +1,8 @@
 // The token module keldapkcs11.dll on a real SoftHSM token, called as a Windows program calls it. Run by soft_token.sh,
 // which makes the tokens, lays the module beside this program and looks at the results from the Linux side.
 //
-// Its environment: KELDA_READERS (the reader file), KELDA_PIN, KELDA_OUT (a folder for results, as a Windows path).
+// Its environment: KELDA_READERS (the reader file), KELDA_PIN, KELDA_OUT (a folder for results, as a Windows path),
+// KELDA_STRICT (how strict the module is; the suites are named after it, SoftToken runs with "1" as well as without).
 // The tests run in their order in one process; each leaves the token logged out and the reader file as it was.
 
 #include <gtest/gtest.h>
@@ -53,6 +54,7 @@ std::string Padded(std::string text, std::size_t size) {
 class SoftToken : public testing::Test {
  protected:
   static void SetUpTestSuite() {
+    if (list_ != nullptr) return;
     const HMODULE module = LoadLibraryW(L"keldapkcs11.dll");
     ASSERT_NE(module, nullptr) << GetLastError();
     const auto getList =
@@ -97,6 +99,8 @@ class SoftToken : public testing::Test {
   }
 
   void LogIn() const { ASSERT_EQ(Login(session_, Environment("KELDA_PIN")), CKR_OK); }
+
+  static bool IsStrict() { return !Environment("KELDA_STRICT").empty() && Environment("KELDA_STRICT") != "0"; }
 
   std::vector<CK_OBJECT_HANDLE> Find(CK_OBJECT_CLASS objectClass, const std::string& id = {}) const {
     CK_BBOOL yes = CK_TRUE;
@@ -151,6 +155,10 @@ class SoftToken : public testing::Test {
   static inline CountedLogin login_ = nullptr;
   CK_SESSION_HANDLE session_ = 0;
 };
+
+class ForgivingToken : public SoftToken {};
+class StrictToken : public SoftToken {};
+class UnadaptedToken : public SoftToken {};
 
 TEST_F(SoftToken, ReadersAreSlots) {
   CK_ULONG count = 0;
@@ -258,7 +266,7 @@ TEST_F(SoftToken, StaysLocked) {
   EXPECT_EQ(list_->C_CloseSession(victim), CKR_OK);
 }
 
-TEST_F(SoftToken, ShowsPrivateKeysToEverybodyAndGuardsTheirUse) {
+TEST_F(ForgivingToken, ShowsPrivateKeysToEverybodyAndGuardsTheirUse) {
   const auto key = FindOne(CKO_PRIVATE_KEY, "Key1");
   EXPECT_EQ(Read(key, CKA_ID), (Bytes{'K', 'e', 'y', '1'}));
   EXPECT_EQ(Read(key, CKA_LABEL), (Bytes{'K', 'e', 'y', '1'}));
@@ -276,7 +284,7 @@ TEST_F(SoftToken, ShowsPrivateKeysToEverybodyAndGuardsTheirUse) {
   EXPECT_EQ(Sign(key, Bytes(20, 1)).size(), 256u);
 }
 
-TEST_F(SoftToken, TellsTwinsApart) {
+TEST_F(ForgivingToken, TellsTwinsApart) {
   // The script made two keys with the same identifier and label.
   const auto twins = Find(CKO_PRIVATE_KEY, "Twin");
   ASSERT_EQ(twins.size(), 2u);
@@ -353,6 +361,7 @@ TEST_F(SoftToken, KeepsTheRulesForAttributeLengths) {
   EXPECT_EQ(read[0].ulValueLen, 0xFFFFFFFFu);
 
   // The length of private keys is told as well.
+  if (IsStrict()) LogIn();
   const auto privateKey = FindOne(CKO_PRIVATE_KEY, "Key1");
   for (const CK_ULONG room : {CK_ULONG{4}, CK_ULONG{8}}) {
     std::array<CK_ULONG, 2> value{};
@@ -373,7 +382,7 @@ TEST_F(SoftToken, KeepsTheRulesForAttributeLengths) {
   EXPECT_EQ(read[0].ulValueLen, 0xFFFFFFFFu);
   EXPECT_EQ(narrow, (std::array<CK_BYTE, 4>{9, 9, 9, 9}));
 
-  LogIn();
+  if (!IsStrict()) LogIn();
   read[0] = {CKA_PRIVATE_EXPONENT, nullptr, 0};
   EXPECT_EQ(list_->C_GetAttributeValue(session_, privateKey, read.data(), 1), CKR_ATTRIBUTE_SENSITIVE);
   EXPECT_EQ(read[0].ulValueLen, 0xFFFFFFFFu);
@@ -403,7 +412,7 @@ TEST_F(SoftToken, SignsWhatLinuxVerifies) {
             CKR_OPERATION_NOT_INITIALIZED);
 }
 
-TEST_F(SoftToken, ANewOperationReplacesAnUnfinishedOne) {
+TEST_F(ForgivingToken, ANewOperationReplacesAnUnfinishedOne) {
   LogIn();
   const auto key = FindOne(CKO_PRIVATE_KEY, "Key1");
   const auto publicKey = FindOne(CKO_PUBLIC_KEY, "Key1");
@@ -573,6 +582,156 @@ TEST_F(SoftToken, DrawsRandomBytesAndRefusesTheRest) {
   ASSERT_EQ(list_->C_GetSessionInfo(session_, &info), CKR_OK);
   EXPECT_EQ(info.slotID, 0u);
   EXPECT_EQ(info.state, CKS_RW_PUBLIC_SESSION);
+}
+
+// ---- What a strict module refuses -----------------------------------------------------------------------------------
+
+TEST_F(StrictToken, AnOpenOperationKeepsOthersOut) {
+  LogIn();
+  const auto key = FindOne(CKO_PRIVATE_KEY, "Key1");
+  const auto publicKey = FindOne(CKO_PUBLIC_KEY, "Key1");
+  Bytes data(20, 7);
+  Bytes output(256);
+  CK_ULONG size = 0;
+  const auto expectClosedDoors = [&] {
+    EXPECT_EQ(Begin(list_->C_SignInit, key), CKR_OPERATION_ACTIVE);
+    EXPECT_EQ(Begin(list_->C_DecryptInit, key), CKR_OPERATION_ACTIVE);
+    EXPECT_EQ(Begin(list_->C_VerifyInit, publicKey), CKR_OPERATION_ACTIVE);
+    EXPECT_EQ(Begin(list_->C_EncryptInit, publicKey), CKR_OPERATION_ACTIVE);
+    EXPECT_EQ(list_->C_FindObjectsInit(session_, nullptr, 0), CKR_OPERATION_ACTIVE);
+  };
+  ASSERT_EQ(Begin(list_->C_SignInit, key), CKR_OK);
+  expectClosedDoors();
+  EXPECT_EQ(list_->C_Sign(session_, data.data(), 20, nullptr, &size), CKR_OK);
+  EXPECT_EQ(size, 256u);
+  expectClosedDoors();
+  size = 255;
+  EXPECT_EQ(list_->C_Sign(session_, data.data(), 20, output.data(), &size), CKR_BUFFER_TOO_SMALL);
+  expectClosedDoors();
+  // Another session has its own operations.
+  const auto other = Open(0);
+  CK_MECHANISM mechanism{CKM_RSA_PKCS, nullptr, 0};
+  EXPECT_EQ(list_->C_SignInit(other, &mechanism, key), CKR_OK);
+  EXPECT_EQ(list_->C_CloseSession(other), CKR_OK);
+  // The operation that is open goes on, and its end opens the doors.
+  EXPECT_EQ(list_->C_Decrypt(session_, output.data(), 256, output.data(), &size), CKR_OPERATION_NOT_INITIALIZED);
+  EXPECT_EQ(list_->C_Sign(session_, data.data(), 20, output.data(), &size), CKR_OK);
+  EXPECT_EQ(Sign(key, data), output);
+  // So does a failure.
+  ASSERT_EQ(Begin(list_->C_SignInit, key), CKR_OK);
+  EXPECT_EQ(list_->C_Sign(session_, nullptr, 20, output.data(), &size), CKR_ARGUMENTS_BAD);
+  ASSERT_EQ(Begin(list_->C_SignInit, key), CKR_OK);
+  EXPECT_EQ(list_->C_Sign(session_, output.data(), 246, output.data(), &size), CKR_DATA_LEN_RANGE);
+  ASSERT_EQ(list_->C_FindObjectsInit(session_, nullptr, 0), CKR_OK);
+  EXPECT_EQ(Begin(list_->C_SignInit, key), CKR_OPERATION_ACTIVE);
+  EXPECT_EQ(list_->C_FindObjectsFinal(session_), CKR_OK);
+}
+
+TEST_F(StrictToken, HidesPrivateObjectsWhileNobodyIsLoggedIn) {
+  EXPECT_TRUE(Find(CKO_PRIVATE_KEY).empty());
+  EXPECT_FALSE(Find(CKO_PUBLIC_KEY).empty());
+  LogIn();
+  const auto key = FindOne(CKO_PRIVATE_KEY, "Key1");
+  EXPECT_EQ(Sign(key, Bytes(20, 1)).size(), 256u);
+  EXPECT_EQ(list_->C_Logout(session_), CKR_OK);
+  EXPECT_TRUE(Find(CKO_PRIVATE_KEY).empty());
+  // Its handle stays void, whoever logs in.
+  EXPECT_EQ(Begin(list_->C_SignInit, key), CKR_KEY_HANDLE_INVALID);
+  EXPECT_EQ(list_->C_DestroyObject(session_, key), CKR_OBJECT_HANDLE_INVALID);
+  LogIn();
+  EXPECT_EQ(Begin(list_->C_SignInit, key), CKR_KEY_HANDLE_INVALID);
+  const auto again = FindOne(CKO_PRIVATE_KEY, "Key1");
+  EXPECT_NE(again, key);
+  EXPECT_EQ(Sign(again, Bytes(20, 1)).size(), 256u);
+  // The token's last session takes the login with it.
+  EXPECT_EQ(list_->C_CloseSession(session_), CKR_OK);
+  session_ = Open(0);
+  EXPECT_TRUE(Find(CKO_PRIVATE_KEY).empty());
+  LogIn();
+  EXPECT_EQ(Begin(list_->C_SignInit, again), CKR_KEY_HANDLE_INVALID);
+}
+
+TEST_F(StrictToken, RefusesASearchForNothing) {
+  CK_OBJECT_HANDLE object = 0;
+  CK_ULONG count = 77;
+  ASSERT_EQ(list_->C_FindObjectsInit(session_, nullptr, 0), CKR_OK);
+  EXPECT_EQ(list_->C_FindObjects(session_, &object, 0, &count), CKR_ARGUMENTS_BAD);
+  EXPECT_EQ(count, 77u);
+  EXPECT_EQ(list_->C_FindObjects(session_, &object, 1, &count), CKR_OK);
+  EXPECT_EQ(count, 1u);
+  EXPECT_EQ(list_->C_FindObjectsFinal(session_), CKR_OK);
+}
+
+TEST_F(StrictToken, RefusesWrongLengthsAndUnknownMechanisms) {
+  LogIn();
+  CK_ULONG yes = CK_TRUE;
+  CK_OBJECT_CLASS publicClass = CKO_PUBLIC_KEY;
+  for (CK_ATTRIBUTE bad : {CK_ATTRIBUTE{CKA_TOKEN, &yes, 4}, CK_ATTRIBUTE{CKA_TOKEN, nullptr, 0},
+                           CK_ATTRIBUTE{CKA_CLASS, &publicClass, 3}, CK_ATTRIBUTE{CKA_CLASS, &publicClass, 0}}) {
+    EXPECT_EQ(list_->C_FindObjectsInit(session_, &bad, 1), CKR_ATTRIBUTE_VALUE_INVALID) << bad.type;
+    CK_OBJECT_HANDLE object = 0;
+    EXPECT_EQ(list_->C_CreateObject(session_, &bad, 1, &object), CKR_ATTRIBUTE_VALUE_INVALID) << bad.type;
+  }
+  const auto key = FindOne(CKO_PRIVATE_KEY, "Key1");
+  CK_MECHANISM unknown{0x80000001, nullptr, 0};
+  EXPECT_EQ(list_->C_SignInit(session_, &unknown, key), CKR_MECHANISM_INVALID);
+  EXPECT_EQ(list_->C_SignInit(session_, nullptr, key), CKR_ARGUMENTS_BAD);
+  EXPECT_EQ(Sign(key, Bytes(20, 1)).size(), 256u);
+}
+
+// ---- What a module that adapts nothing refuses
+// -----------------------------------------------------------------------
+
+TEST_F(UnadaptedToken, DoesNotCountWithoutAnArray) {
+  CK_ULONG count = 0;
+  ASSERT_EQ(list_->C_FindObjectsInit(session_, nullptr, 0), CKR_OK);
+  EXPECT_EQ(list_->C_FindObjects(session_, nullptr, 1000, &count), CKR_ARGUMENTS_BAD);
+  EXPECT_EQ(list_->C_FindObjectsFinal(session_), CKR_OK);
+}
+
+TEST_F(UnadaptedToken, DoesNotTellTheLengthOfPrivateKeys) {
+  LogIn();
+  CK_OBJECT_CLASS privateClass = CKO_PRIVATE_KEY;
+  CK_ATTRIBUTE search{CKA_CLASS, &privateClass, sizeof(privateClass)};
+  CK_OBJECT_HANDLE key = 0;
+  CK_ULONG count = 0;
+  ASSERT_EQ(list_->C_FindObjectsInit(session_, &search, 1), CKR_OK);
+  ASSERT_EQ(list_->C_FindObjects(session_, &key, 1, &count), CKR_OK);
+  EXPECT_EQ(list_->C_FindObjectsFinal(session_), CKR_OK);
+  ASSERT_EQ(count, 1u);
+  CK_ULONG bits = 0;
+  CK_ATTRIBUTE read{CKA_MODULUS_BITS, &bits, sizeof(bits)};
+  EXPECT_EQ(list_->C_GetAttributeValue(session_, key, &read, 1), CKR_ATTRIBUTE_TYPE_INVALID);
+}
+
+TEST_F(UnadaptedToken, TakesNoAttributeThatIsTheTokensToSet) {
+  LogIn();
+  CK_OBJECT_CLASS publicClass = CKO_PUBLIC_KEY;
+  CK_KEY_TYPE type = CKK_RSA;
+  CK_BBOOL yes = CK_TRUE;
+  CK_ULONG bits = 1024;
+  std::array<CK_BYTE, 128> modulus{0x80};
+  std::array<CK_BYTE, 3> exponent = {1, 0, 1};
+  CK_MECHANISM mechanism{CKM_RSA_PKCS_KEY_PAIR_GEN, nullptr, 0};
+  CK_OBJECT_HANDLE publicKey = 0;
+  CK_OBJECT_HANDLE privateKey = 0;
+  for (const CK_ATTRIBUTE& extra : {CK_ATTRIBUTE{CKA_LOCAL, &yes, 1}, CK_ATTRIBUTE{CKA_MODULUS, nullptr, 128}}) {
+    std::array<CK_ATTRIBUTE, 3> values{
+        {{CKA_MODULUS_BITS, &bits, 4}, {CKA_PUBLIC_EXPONENT, exponent.data(), 3}, extra}};
+    EXPECT_NE(list_->C_GenerateKeyPair(session_, &mechanism, values.data(), 3, nullptr, 0, &publicKey, &privateKey),
+              CKR_OK)
+        << extra.type;
+    EXPECT_EQ(list_->C_GenerateKeyPair(session_, &mechanism, values.data(), 2, nullptr, 0, &publicKey, &privateKey),
+              CKR_OK);
+  }
+  std::array<CK_ATTRIBUTE, 5> values{{{CKA_CLASS, &publicClass, 4},
+                                      {CKA_MODULUS, modulus.data(), 128},
+                                      {CKA_PUBLIC_EXPONENT, exponent.data(), 3},
+                                      {CKA_KEY_TYPE, &type, 4},
+                                      {CKA_EXTRACTABLE, &yes, 1}}};
+  EXPECT_NE(list_->C_CreateObject(session_, values.data(), 5, &publicKey), CKR_OK);
+  EXPECT_EQ(list_->C_CreateObject(session_, values.data(), 4, &publicKey), CKR_OK);
+  EXPECT_NE(list_->C_CreateObject(session_, values.data(), 3, &publicKey), CKR_OK);
 }
 
 }  // namespace
