@@ -674,6 +674,9 @@ CK_RV Module::RunOperation(Operation operation, win::Ulong session, std::uint8_t
   if (operation == Operation::kDecrypt) rv = softhsm_->C_Decrypt(session, input, inputLen, output, &length);
   if (operation == Operation::kSign) rv = softhsm_->C_Sign(session, input, inputLen, output, &length);
   const bool askedForLength = rv == CKR_OK && output == nullptr;
+  // SoftHSM has no better name for an input that is too long for the key, and no other reason to give this one.
+  const bool makesBlock = operation == Operation::kEncrypt || operation == Operation::kSign;
+  if (IsStrict() && makesBlock && rv == CKR_GENERAL_ERROR) rv = CKR_DATA_LEN_RANGE;
   // SoftHSM keeps an operation open whose arguments it refused.
   if (rv == CKR_ARGUMENTS_BAD) Abandon(session, *record);
   if (!askedForLength && rv != CKR_BUFFER_TOO_SMALL) record->operation = Operation::kNone;

@@ -1,7 +1,8 @@
 // An ordinary CNG program on a real token: router, provider, its real dialogs, token module, SoftHSM. Run by
 // provider.sh, which makes the tokens and looks at the results from the Linux side.
 //
-// Its environment: KELDA_READERS (the reader file), KELDA_PIN, KELDA_OUT (a folder for results, as a Windows path).
+// Its environment: KELDA_READERS (the reader file), KELDA_PIN, KELDA_OUT (a folder for results, as a Windows path),
+// KELDA_STRICT (how strict the token module is; docs/token-module.md tells what the provider makes of it).
 // A process remembers PINs, so each test suite is run in a process of its own, with its tests in their order.
 
 #include <gtest/gtest.h>
@@ -38,6 +39,10 @@ constexpr wchar_t kProvider[] = L"Norvale Token Works KSP v1.0";
 std::string Environment(const char* name) {
   const char* value = std::getenv(name);
   return value == nullptr ? std::string() : value;
+}
+
+bool IsStrict() {
+  return Environment("KELDA_STRICT") == "1";
 }
 
 std::wstring Pin() {
@@ -178,11 +183,16 @@ constexpr char kTwoTokens[] = "Norvale Reader 0 = demo\nNorvale Reader 1 = secon
 
 class Signing : public testing::Test {
  protected:
+  static void TearDownTestSuite() { loggedIn_ = Handle(); }
   void SetUp() override { SetReaders(kOneToken); }
+
+  // A strict module shows private keys to who is logged in, and the login ends with the token's last session: from the
+  // first test on, this one stays open.
+  static inline Handle loggedIn_;
 };
 
 TEST_F(Signing, AsksForThePinAgainAfterAWrongOne) {
-  const auto provider = Open();
+  auto provider = Open();
   EXPECT_EQ(Names(provider), (std::vector<std::wstring>{L"Key1", L"Key2"}));
   const auto key = OpenKey(provider, L"Key1");
   DialogRobot robot({[](const Dialog& dialog) {
@@ -199,7 +209,15 @@ TEST_F(Signing, AsksForThePinAgainAfterAWrongOne) {
     EXPECT_FALSE(dialog.open());
   }});
   Bytes signature;
-  EXPECT_EQ(Sign(key, Pattern(32), &signature), ERROR_SUCCESS);
+  if (IsStrict()) {
+    // The private half was hidden when the key was opened, before the login; a new listing shows it.
+    EXPECT_EQ(Sign(key, Pattern(32), &signature), NTE_INVALID_PARAMETER);
+    EXPECT_EQ(Sign(OpenKey(provider, L"Key1"), Pattern(32), &signature), NTE_INVALID_PARAMETER);
+    EXPECT_EQ(Names(provider), (std::vector<std::wstring>{L"Key1", L"Key2"}));
+    EXPECT_EQ(Sign(OpenKey(provider, L"Key1"), Pattern(32), &signature), ERROR_SUCCESS);
+  } else {
+    EXPECT_EQ(Sign(key, Pattern(32), &signature), ERROR_SUCCESS);
+  }
   EXPECT_EQ(signature.size(), 256u);
   EXPECT_EQ(robot.Finish(), 1u);
   // The PIN is remembered, for other handles as well.
@@ -209,6 +227,7 @@ TEST_F(Signing, AsksForThePinAgainAfterAWrongOne) {
   EXPECT_EQ(Sign(other, Pattern(20), &signature), ERROR_SUCCESS);
   EXPECT_EQ(signature.size(), 128u);
   EXPECT_EQ(idle.Finish(), 0u);
+  if (IsStrict()) loggedIn_ = std::move(provider);
 }
 
 TEST_F(Signing, TakesEveryAcceptedLength) {
@@ -258,6 +277,26 @@ TEST_F(Signing, SignsTheHashOfAFile) {
   }
 }
 
+// What a size query leaves of a provider handle on a strict module, where the token's session still has it open.
+void ExpectStuck(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key) {
+  Bytes signature;
+  EXPECT_EQ(Sign(key, Pattern(32), &signature), NTE_INTERNAL_ERROR);
+  EXPECT_EQ(Verify(key, DigestInfo(Pattern(32)), Bytes(256)), NTE_INTERNAL_ERROR);
+  NCryptKeyName* name = nullptr;
+  void* state = nullptr;
+  EXPECT_EQ(NCryptEnumKeys(provider, nullptr, &name, &state, 0), NTE_INTERNAL_ERROR);
+  // Another handle has a session of its own.
+  const auto other = Open();
+  EXPECT_EQ(Sign(OpenKey(other, L"Key1"), Pattern(32), &signature), ERROR_SUCCESS);
+  // A buffer that is too short does the same.
+  DWORD size = 0;
+  Bytes hash = Pattern(32);
+  const auto again = OpenKey(other, L"Key1");
+  EXPECT_EQ(NCryptSignHash(again, nullptr, hash.data(), 32, signature.data(), 255, &size, BCRYPT_PAD_PKCS1),
+            NTE_BUFFER_TOO_SMALL);
+  EXPECT_EQ(Sign(again, Pattern(32), &signature), NTE_INTERNAL_ERROR);
+}
+
 TEST_F(Signing, AnswersSizeQueriesAndShortBuffers) {
   const auto provider = Open();
   const auto key = OpenKey(provider, L"Key1");
@@ -265,6 +304,7 @@ TEST_F(Signing, AnswersSizeQueriesAndShortBuffers) {
   DWORD size = 0;
   EXPECT_EQ(NCryptSignHash(key, nullptr, hash.data(), 32, nullptr, 0, &size, BCRYPT_PAD_PKCS1), ERROR_SUCCESS);
   EXPECT_EQ(size, 256u);
+  if (IsStrict()) return ExpectStuck(provider, key);
   Bytes signature(256);
   size = 0;
   EXPECT_EQ(NCryptSignHash(key, nullptr, hash.data(), 32, signature.data(), 255, &size, BCRYPT_PAD_PKCS1),
@@ -458,6 +498,11 @@ TEST_F(Readers, TheUserChooses) {
 
   DialogRobot pin({EnterPin});
   Bytes signature;
+  if (IsStrict()) {
+    // As with one token: the login comes too late for what was listed before.
+    EXPECT_EQ(Sign(OpenKey(provider, L"Key4"), Pattern(20), &signature), NTE_INVALID_PARAMETER);
+    EXPECT_EQ(Names(provider), std::vector<std::wstring>{L"Key4"});
+  }
   EXPECT_EQ(Sign(OpenKey(provider, L"\\\\.\\Norvale Reader 1\\Key4"), Pattern(20), &signature), ERROR_SUCCESS);
   WriteOut("second.sig", signature);
   WriteOut("second.block", DigestInfo(Pattern(20)));
@@ -579,6 +624,11 @@ TEST_F(Keys, ArePublicWhenImportedAsSuch) {
   ASSERT_EQ(NCryptImportKey(provider_, 0, BCRYPT_RSAPUBLIC_BLOB, &parameters, key.out(), blob.data(), size, 0),
             ERROR_SUCCESS);
   Bytes signature;
+  if (IsStrict()) {
+    // An import logs out at its end, and with that a strict module forgets the handles of private keys.
+    EXPECT_EQ(Sign(source, Pattern(32), &signature), NTE_INTERNAL_ERROR);
+    return;
+  }
   ASSERT_EQ(Sign(source, Pattern(32), &signature), ERROR_SUCCESS);
   EXPECT_EQ(Verify(key, DigestInfo(Pattern(32)), signature), ERROR_SUCCESS);
   EXPECT_NE(Sign(key, Pattern(32), &signature), ERROR_SUCCESS);
@@ -591,6 +641,28 @@ TEST_F(Keys, WithoutANameLiveWithTheirSession) {
   ASSERT_EQ(Sign(key, Pattern(20), &signature), ERROR_SUCCESS);
   EXPECT_EQ(Verify(key, DigestInfo(Pattern(20)), signature), ERROR_SUCCESS);
   EXPECT_EQ(Names(provider_).size(), before);
+}
+
+// ---- A module that adapts nothing -----------------------------------------------------------------------------------
+
+TEST(Unadapted, HasNoKeysForTheProvider) {
+  SetReaders(kOneToken);
+  const auto provider = Open();
+  NCryptKeyName* name = nullptr;
+  void* state = nullptr;
+  EXPECT_EQ(NCryptEnumKeys(provider, nullptr, &name, &state, 0), NTE_INTERNAL_ERROR);
+  NCRYPT_KEY_HANDLE key = 0;
+  EXPECT_EQ(NCryptOpenKey(provider, &key, L"Key1", AT_SIGNATURE, 0), NTE_INTERNAL_ERROR);
+}
+
+TEST(Unadapted, MakesNoKeysForTheProvider) {
+  SetReaders("Norvale Reader 0 = workshop\n");
+  const auto provider = Open();
+  Handle key;
+  ASSERT_EQ(NCryptCreatePersistedKey(provider, key.out(), L"RSA", L"Made", 0, 0), ERROR_SUCCESS);
+  DialogRobot robot({EnterPin});
+  EXPECT_NE(NCryptFinalizeKey(key, 0), ERROR_SUCCESS);
+  EXPECT_EQ(robot.Finish(), 1u);
 }
 
 }  // namespace
