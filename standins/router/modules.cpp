@@ -24,14 +24,17 @@ SECURITY_STATUS FromNtStatus(NTSTATUS status) {
 
 }  // namespace
 
-SECURITY_STATUS LoadProviderTable(const Registration& registration, const KeyStorageFunctionTable** table) {
-  // Never released: a provider's state (PINs it caches, its token module) is meant to last as long as the process.
-  // Loading it again only counts, which does not matter then.
-  const HMODULE module = LoadLibraryW(registration.image.c_str());
-  if (module == nullptr) return NTE_PROVIDER_DLL_FAIL;
+ProviderModule::~ProviderModule() {
+  // Loading counts: a DLL that an earlier opening kept stays.
+  if (module_ != nullptr) FreeLibrary(module_);
+}
+
+SECURITY_STATUS ProviderModule::Load(const Registration& registration, const KeyStorageFunctionTable** table) {
+  module_ = LoadLibraryW(registration.image.c_str());
+  if (module_ == nullptr) return NTE_PROVIDER_DLL_FAIL;
   // Through a plain function pointer: FARPROC and the real type differ in everything.
   const auto getInterface = reinterpret_cast<GetKeyStorageInterfaceFn>(
-      reinterpret_cast<void*>(GetProcAddress(module, "GetKeyStorageInterface")));
+      reinterpret_cast<void*>(GetProcAddress(module_, "GetKeyStorageInterface")));
   if (getInterface == nullptr) return NTE_PROVIDER_DLL_FAIL;
   KeyStorageFunctionTable* providerTable = nullptr;
   const NTSTATUS status = getInterface(registration.name.c_str(), &providerTable, 0);

@@ -112,11 +112,13 @@ SECURITY_STATUS WINAPI NCryptOpenStorageProvider(NCRYPT_PROV_HANDLE* phProvider,
     const auto registration = router::FindRegistration(name);
     if (!registration) return NTE_NOT_FOUND;
     const router::KeyStorageFunctionTable* table = nullptr;
-    if (const auto status = router::LoadProviderTable(*registration, &table); status != ERROR_SUCCESS) return status;
+    router::ProviderModule module;
+    if (const auto status = module.Load(*registration, &table); status != ERROR_SUCCESS) return status;
     NCRYPT_PROV_HANDLE handle = 0;
     if (const auto status = table->OpenProvider(&handle, name.c_str(), dwFlags); status != ERROR_SUCCESS) {
       return status;
     }
+    module.Keep();
     *phProvider = Objects().Add(std::make_shared<router::Provider>(*table, handle));
     return ERROR_SUCCESS;
   });

@@ -181,6 +181,61 @@ TEST_F(RouterTest, RefusesProvidersThatCannotBeOpened) {
   EXPECT_EQ(provider, 77u);
 }
 
+TEST_F(RouterTest, UnloadsAProviderThatCouldNotBeOpened) {
+  const auto open = ROUTER(NCryptOpenStorageProvider);
+  const std::wstring copy = ProgramFolder() + L"\\dummyksp_copy.dll";
+  ASSERT_TRUE(CopyFileW(image_.c_str(), copy.c_str(), FALSE)) << GetLastError();
+  Register(L"Copy", copy);
+  List({kName, L"Copy"});
+  NCRYPT_PROV_HANDLE provider = 0;
+  // Nobody has told the copy yet which version its table is to have.
+  EXPECT_EQ(open(&provider, L"Copy", 0), NTE_BAD_PROVIDER);
+  EXPECT_EQ(GetModuleHandleW(copy.c_str()), nullptr);
+
+  const HMODULE module = LoadLibraryW(copy.c_str());
+  ASSERT_NE(module, nullptr);
+  auto* state = reinterpret_cast<dummy::StateFn>(reinterpret_cast<void*>(GetProcAddress(module, "DummyState")))();
+  state->majorVersion = 1;
+  state->status = NTE_FAIL;
+  EXPECT_EQ(open(&provider, L"Copy", 0), NTE_FAIL);
+  state->status = ERROR_SUCCESS;
+  state->newHandle = kProviderHandle;
+  ASSERT_EQ(open(&provider, L"Copy", 0), ERROR_SUCCESS);
+  EXPECT_EQ(ROUTER(NCryptFreeObject)(provider), ERROR_SUCCESS);
+  state->status = NTE_FAIL;
+  EXPECT_EQ(open(&provider, L"Copy", 0), NTE_FAIL);
+  // One that was opened once stays, whatever comes after.
+  ASSERT_TRUE(FreeLibrary(module));
+  EXPECT_EQ(GetModuleHandleW(copy.c_str()), module);
+}
+
+TEST_F(RouterTest, HandsPropertyFlagsOnAsTheyAre) {
+  const auto provider = Open();
+  const auto key = OpenKey(provider);
+  Forget();
+  std::array<BYTE, 4> data{};
+  DWORD result = 0;
+  constexpr DWORD kSetFlags[] = {NCRYPT_PERSIST_FLAG, NCRYPT_PERSIST_FLAG | NCRYPT_PERSIST_ONLY_FLAG,
+                                 NCRYPT_SILENT_FLAG};
+  const wchar_t* property = L"Name";
+  for (const DWORD flags : kSetFlags) {
+    EXPECT_EQ(ROUTER(NCryptSetProperty)(key, property, data.data(), 4, flags), ERROR_SUCCESS);
+    ExpectCall("SetKeyProperty", kProviderHandle, kKeyHandle, {Number(property), Number(data.data()), 4, flags});
+  }
+  // For the security descriptor the flags say which parts of it are meant.
+  constexpr DWORD kParts = OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION;
+  for (const DWORD flags : {DWORD{DACL_SECURITY_INFORMATION}, kParts, kParts | NCRYPT_SILENT_FLAG}) {
+    const wchar_t* name = NCRYPT_SECURITY_DESCR_PROPERTY;
+    EXPECT_EQ(ROUTER(NCryptGetProperty)(key, name, data.data(), 4, &result, flags), ERROR_SUCCESS);
+    ExpectCall("GetKeyProperty", kProviderHandle, kKeyHandle,
+               {Number(name), Number(data.data()), 4, Number(&result), flags});
+    EXPECT_EQ(ROUTER(NCryptSetProperty)(key, name, data.data(), 4, flags), ERROR_SUCCESS);
+    ExpectCall("SetKeyProperty", kProviderHandle, kKeyHandle, {Number(name), Number(data.data()), 4, flags});
+  }
+  ROUTER(NCryptFreeObject)(key);
+  ROUTER(NCryptFreeObject)(provider);
+}
+
 TEST_F(RouterTest, OpensByNameAliasAndDefault) {
   const auto freeObject = ROUTER(NCryptFreeObject);
   NCRYPT_PROV_HANDLE provider = Open();
