@@ -1,5 +1,5 @@
 // The wrapping of what a caller gives to be signed.
-#include "crypto/digest_info.h"
+#include "crypto/operations/digest_info.h"
 
 #include "target.h"
 

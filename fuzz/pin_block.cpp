@@ -1,5 +1,5 @@
 // The block in which a PIN is cached.
-#include "login/pin_block.h"
+#include "login/pin_cache/pin_block.h"
 
 #include <algorithm>
 

@@ -9,6 +9,10 @@
 #include "support/text.h"
 #include "support/wipe.h"
 
+LogPointer g_KeyNameLog;
+LogPointer g_Log;
+LogPointer g_PinLog;
+
 DebugClass::DebugClass(std::int32_t level, std::int32_t writeStartLine) noexcept {
   OutputDebugStringW(L"DebugClass ctor - Enter");
   cbLogSwitch_ = sizeof(logSwitch_);
@@ -110,6 +114,11 @@ void LogPointer::Destroy() noexcept {
 
 void LogPointer::WriteLine(const char* text) const noexcept {
   if (instance_ != nullptr) instance_->WriteLine(text);
+}
+
+SECURITY_STATUS LogPointer::Refuse(SECURITY_STATUS status, const char* text) const noexcept {
+  WriteLine(text);
+  return status;
 }
 
 void LogPointer::WriteHex32(const char* label, std::uint32_t value) const noexcept {

@@ -67,6 +67,8 @@ class LogPointer {
   explicit operator bool() const noexcept { return instance_ != nullptr; }
 
   void WriteLine(const char* text) const noexcept;
+  // Writes why something is refused or has failed, and gives the status back for returning it.
+  SECURITY_STATUS Refuse(SECURITY_STATUS status, const char* text) const noexcept;
   void WriteHex32(const char* label, std::uint32_t value) const noexcept;
   // The same line, but always through the main instance g_Log, whatever instance it is asked of: entries use it for
   // their argument lines. Kept on purpose.
@@ -80,7 +82,8 @@ class LogPointer {
   DebugClass* instance_ = nullptr;
 };
 
-// The instances that live as long as the process, in the order of their creation (provider/process_objects.cpp).
+// The instances that live as long as the process, in the order of their creation (provider/process_objects.cpp makes
+// them).
 extern LogPointer g_KeyNameLog;  // key names and key object list
 extern LogPointer g_Log;         // every table entry
 extern LogPointer g_PinLog;      // login and PIN dialog

@@ -2,12 +2,11 @@
 #include <cstring>
 #include <memory>
 
-#include "keys/handle_checks.h"
-#include "keys/key_record.h"
+#include "keys/record/key_record.h"
 #include "keys/public_key_blob.h"
-#include "provider/entry_frame.h"
-#include "provider/key_storage_interface.h"
-#include "provider/provider_cache.h"
+#include "provider/entry/entry_frame.h"
+#include "provider/entry/key_storage_interface.h"
+#include "provider/record/provider_record.h"
 #include "support/limits.h"
 #include "support/text.h"
 #include "token/cryptoki_module.h"
@@ -35,7 +34,8 @@ SECURITY_STATUS ExportPublicKey(const KELDAKSP_PROVIDER* provider, const KELDAKS
     return ERROR_SUCCESS;
   }
   if (cbBlob > cbOutput) {
-    return Refuse(NTE_BUFFER_TOO_SMALL, "NTE_BUFFER_TOO_SMALL: The expected output is larger than the output buffer");
+    return g_Log->Refuse(NTE_BUFFER_TOO_SMALL,
+                         "NTE_BUFFER_TOO_SMALL: The expected output is larger than the output buffer");
   }
   // The whole buffer is cleared and shown, not only the blob's part. A length at its maximum is no buffer's length, so
   // that nothing behind the blob is touched then.
@@ -47,39 +47,6 @@ SECURITY_STATUS ExportPublicKey(const KELDAKSP_PROVIDER* provider, const KELDAKS
   return ERROR_SUCCESS;
 }
 
-SECURITY_STATUS ExportKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, NCRYPT_KEY_HANDLE hExportKey,
-                          const wchar_t* pszBlobType, BYTE* pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
-  // Invalid handles are answered as internal errors here, unlike in the other entries. Kept on purpose.
-  const KELDAKSP_PROVIDER* provider = ProviderFromHandle(hProvider);
-  if (provider == nullptr) return Refuse(NTE_INTERNAL_ERROR, kProviderIsNull);
-  const KELDAKSP_KEY* key = KeyFromHandle(hKey);
-  if (key == nullptr) return Refuse(NTE_INTERNAL_ERROR, kKeyIsNull);
-  if (pcbResult == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pcbResult is NULL");
-  if ((dwFlags & ~DWORD{NCRYPT_SILENT_FLAG}) != 0) {
-    return Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: No flags are defined for this function.");
-  }
-  if (key->fFinished == 0) return Refuse(NTE_BAD_KEY_STATE, "NTE_BAD_KEY_STATE: Key is not yet finalized");
-  const bool isPublic = WideEqual(pszBlobType, BCRYPT_RSAPUBLIC_BLOB);
-  const bool isPrivate =
-      WideEqual(pszBlobType, BCRYPT_RSAPRIVATE_BLOB) || WideEqual(pszBlobType, BCRYPT_RSAFULLPRIVATE_BLOB);
-  if (!isPublic && !isPrivate) {
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: pszBlobType is not supported");
-  }
-  // The test is the wrong way round on purpose: the default policy passes it.
-  if ((key->dwExportPolicy & NCRYPT_ALLOW_EXPORT_FLAG) != 0) {
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: Current export policy does not permit exporting of keys");
-  }
-  if (hExportKey != 0) {
-    return Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: Encryption of key blobs is not yet supported.");
-  }
-  if (isPrivate) {
-    return Refuse(NTE_NOT_SUPPORTED, (key->dwExportPolicy & NCRYPT_ALLOW_PLAINTEXT_EXPORT_FLAG) != 0
-                                         ? "NTE_NOT_SUPPORTED: Exporting of private keys is not allowed"
-                                         : "NTE_NOT_SUPPORTED: Exporting in plain text is not permitted");
-  }
-  return ExportPublicKey(provider, key, pbOutput, cbOutput, pcbResult);
-}
-
 }  // namespace
 
 SECURITY_STATUS WINAPI KELDAKSPExportKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey,
@@ -87,17 +54,40 @@ SECURITY_STATUS WINAPI KELDAKSPExportKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KE
                                          NCryptBufferDesc* pParameterList, PBYTE pbOutput, DWORD cbOutput,
                                          DWORD* pcbResult, DWORD dwFlags) noexcept {
   constexpr EntryLines kLines = {"KELDAKSPExportKey - Entry", "KELDAKSPExportKey - Exit: "};
-  return RunEntry(kLines, [&](EntryFrame& frame) -> SECURITY_STATUS {
-    frame.Argument("hProvider      : ", hProvider);
-    frame.Argument("hKey           : ", hKey);
-    frame.Argument("hExportKey     : ", hExportKey);
-    frame.WideArgument("pszBlobType    : ", pszBlobType);
-    frame.Argument("pParameterList : ", pParameterList);
-    frame.Argument("pbOutput       : ", pbOutput);
-    frame.Argument("cbOutput       : ", cbOutput);
-    frame.Argument("pcbResult      : ", pcbResult);
-    frame.Argument("dwFlags        : ", dwFlags);
-    ClearProviderCache();
-    return ExportKey(hProvider, hKey, hExportKey, pszBlobType, pbOutput, cbOutput, pcbResult, dwFlags);
+  const EntryArgument arguments[] = {
+      {"hProvider      : ", hProvider},   {"hKey           : ", hKey},           {"hExportKey     : ", hExportKey},
+      {"pszBlobType    : ", pszBlobType}, {"pParameterList : ", pParameterList}, {"pbOutput       : ", pbOutput},
+      {"cbOutput       : ", cbOutput},    {"pcbResult      : ", pcbResult},      {"dwFlags        : ", dwFlags},
+  };
+  return RunEntry(kLines, arguments, [&]() -> SECURITY_STATUS {
+    // Invalid handles are answered as internal errors here, unlike in the other entries. Kept on purpose.
+    KELDAKSP_PROVIDER* provider;
+    KELDAKSP_KEY* key;
+    if (!CheckProvider(hProvider, provider) || !CheckKey(hKey, key)) return NTE_INTERNAL_ERROR;
+    if (pcbResult == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pcbResult is NULL");
+    if ((dwFlags & ~DWORD{NCRYPT_SILENT_FLAG}) != 0) {
+      return g_Log->Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: No flags are defined for this function.");
+    }
+    if (key->fFinished == 0) return g_Log->Refuse(NTE_BAD_KEY_STATE, "NTE_BAD_KEY_STATE: Key is not yet finalized");
+    const bool isPublic = WideEqual(pszBlobType, BCRYPT_RSAPUBLIC_BLOB);
+    const bool isPrivate =
+        WideEqual(pszBlobType, BCRYPT_RSAPRIVATE_BLOB) || WideEqual(pszBlobType, BCRYPT_RSAFULLPRIVATE_BLOB);
+    if (!isPublic && !isPrivate) {
+      return g_Log->Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: pszBlobType is not supported");
+    }
+    // The test is the wrong way round on purpose: the default policy passes it.
+    if ((key->dwExportPolicy & NCRYPT_ALLOW_EXPORT_FLAG) != 0) {
+      return g_Log->Refuse(NTE_NOT_SUPPORTED,
+                           "NTE_NOT_SUPPORTED: Current export policy does not permit exporting of keys");
+    }
+    if (hExportKey != 0) {
+      return g_Log->Refuse(NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED: Encryption of key blobs is not yet supported.");
+    }
+    if (isPrivate) {
+      return g_Log->Refuse(NTE_NOT_SUPPORTED, (key->dwExportPolicy & NCRYPT_ALLOW_PLAINTEXT_EXPORT_FLAG) != 0
+                                                  ? "NTE_NOT_SUPPORTED: Exporting of private keys is not allowed"
+                                                  : "NTE_NOT_SUPPORTED: Exporting in plain text is not permitted");
+    }
+    return ExportPublicKey(provider, key, pbOutput, cbOutput, pcbResult);
   });
 }

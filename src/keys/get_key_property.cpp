@@ -1,11 +1,11 @@
 // KELDAKSPGetKeyProperty.
 #include <cstring>
 
-#include "keys/handle_checks.h"
-#include "keys/key_record.h"
-#include "provider/entry_frame.h"
-#include "provider/key_storage_interface.h"
-#include "provider/provider_cache.h"
+#include "keys/record/key_record.h"
+#include "provider/entry/entry_frame.h"
+#include "provider/entry/key_storage_interface.h"
+#include "provider/entry/result_length.h"
+#include "provider/record/provider_record.h"
 #include "support/text.h"
 
 namespace {
@@ -78,56 +78,48 @@ SECURITY_STATUS FindProperty(const KELDAKSP_KEY* key, const wchar_t* name, Value
   return NTE_NOT_SUPPORTED;
 }
 
-SECURITY_STATUS GetKeyProperty(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, const wchar_t* pszProperty,
-                               BYTE* pbOutput, DWORD cbOutput, const DWORD* pcbResult, DWORD dwFlags,
-                               DWORD& cbResult) noexcept {
-  // This entry has its own wording of the two handle messages.
-  if (ProviderFromHandle(hProvider) == nullptr) {
-    return Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: Invalid provider handle, pProvider is NULL");
-  }
-  const KELDAKSP_KEY* key = KeyFromHandle(hKey);
-  if (key == nullptr) return Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: Invalid key handle, pKey is NULL");
-  if (pszProperty == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszProperty is NULL");
-  if (WideLength(pszProperty) > kMaxPropertyName) {
-    return Refuse(NTE_INVALID_PARAMETER,
-                  "NTE_INVALID_PARAMETER: Length of pszProperty is longer than NCRYPT_MAX_PROPERTY_NAME");
-  }
-  if (pcbResult == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pcbResult is NULL");
-  if ((dwFlags & NCRYPT_PERSIST_ONLY_FLAG) != 0) return NTE_NOT_SUPPORTED;
-  // Known, but never told: the size query alone answers, with a size of 0. The certificate has not even that.
-  if (WideEqual(pszProperty, NCRYPT_SECURITY_DESCR_PROPERTY)) {
-    return pbOutput == nullptr ? ERROR_SUCCESS : NTE_NOT_SUPPORTED;
-  }
-  Value value;
-  const SECURITY_STATUS found = FindProperty(key, pszProperty, value);
-  if (found != ERROR_SUCCESS) return found;
-  cbResult = value.size;
-  if (pbOutput == nullptr) return ERROR_SUCCESS;
-  if (cbOutput < value.size) return NTE_BUFFER_TOO_SMALL;
-  g_Log->WriteLine(value.line);
-  std::memcpy(pbOutput, value.data, value.size);
-  return ERROR_SUCCESS;
-}
-
 }  // namespace
 
 SECURITY_STATUS WINAPI KELDAKSPGetKeyProperty(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, LPCWSTR pszProperty,
                                               PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult,
                                               DWORD dwFlags) noexcept {
   constexpr EntryLines kLines = {"KELDAKSPGetKeyProperty - Entry", "KELDAKSPGetKeyProperty - Exit: "};
-  return RunEntry(kLines, [&](EntryFrame& frame) -> SECURITY_STATUS {
-    frame.Argument("hProvider   : ", hProvider);
-    frame.Argument("hKey        : ", hKey);
-    frame.WideArgument("pszProperty : ", pszProperty);
-    frame.Argument("pbOutput    : ", pbOutput);
-    frame.Argument("cbOutput    : ", cbOutput);
-    frame.Argument("pcbResult   : ", pcbResult);
-    frame.Argument("dwFlags     : ", dwFlags);
-    ClearProviderCache();
-    DWORD cbResult = 0;
-    const SECURITY_STATUS status =
-        GetKeyProperty(hProvider, hKey, pszProperty, pbOutput, cbOutput, pcbResult, dwFlags, cbResult);
-    if (pcbResult != nullptr) *pcbResult = cbResult;
-    return status;
+  const EntryArgument arguments[] = {
+      {"hProvider   : ", hProvider}, {"hKey        : ", hKey},     {"pszProperty : ", pszProperty},
+      {"pbOutput    : ", pbOutput},  {"cbOutput    : ", cbOutput}, {"pcbResult   : ", pcbResult},
+      {"dwFlags     : ", dwFlags},
+  };
+  return RunEntry(kLines, arguments, [&]() -> SECURITY_STATUS {
+    ResultLength resultLength(pcbResult);
+    // This entry has its own wording of the two handle messages.
+    if (ProviderFromHandle(hProvider) == nullptr) {
+      return g_Log->Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: Invalid provider handle, pProvider is NULL");
+    }
+    const KELDAKSP_KEY* key = KeyFromHandle(hKey);
+    if (key == nullptr) {
+      return g_Log->Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE: Invalid key handle, pKey is NULL");
+    }
+    if (pszProperty == nullptr) {
+      return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszProperty is NULL");
+    }
+    if (WideLength(pszProperty) > kMaxPropertyName) {
+      return g_Log->Refuse(NTE_INVALID_PARAMETER,
+                           "NTE_INVALID_PARAMETER: Length of pszProperty is longer than NCRYPT_MAX_PROPERTY_NAME");
+    }
+    if (pcbResult == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pcbResult is NULL");
+    if ((dwFlags & NCRYPT_PERSIST_ONLY_FLAG) != 0) return NTE_NOT_SUPPORTED;
+    // Known, but never told: the size query alone answers, with a size of 0. The certificate has not even that.
+    if (WideEqual(pszProperty, NCRYPT_SECURITY_DESCR_PROPERTY)) {
+      return pbOutput == nullptr ? ERROR_SUCCESS : NTE_NOT_SUPPORTED;
+    }
+    Value value;
+    const SECURITY_STATUS found = FindProperty(key, pszProperty, value);
+    if (found != ERROR_SUCCESS) return found;
+    resultLength.Set(value.size);
+    if (pbOutput == nullptr) return ERROR_SUCCESS;
+    if (cbOutput < value.size) return NTE_BUFFER_TOO_SMALL;
+    g_Log->WriteLine(value.line);
+    std::memcpy(pbOutput, value.data, value.size);
+    return ERROR_SUCCESS;
   });
 }

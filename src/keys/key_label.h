@@ -2,7 +2,7 @@
 #pragma once
 
 #include "support/text.h"
-#include "token/pkcs11.h"
+#include "support/pkcs11.h"
 
 // The narrow form of a name of at most 62 characters; a longer name, or one with a character above 0xFF, gives an empty
 // label. The buffer is larger than any length that is declared for it, and zero behind the text.

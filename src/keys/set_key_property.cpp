@@ -3,11 +3,10 @@
 #include <memory>
 #include <new>
 
-#include "keys/handle_checks.h"
-#include "keys/key_record.h"
-#include "provider/entry_frame.h"
-#include "provider/key_storage_interface.h"
-#include "provider/provider_cache.h"
+#include "keys/record/key_record.h"
+#include "provider/entry/entry_frame.h"
+#include "provider/entry/key_storage_interface.h"
+#include "provider/record/provider_record.h"
 #include "support/text.h"
 #include "support/wipe.h"
 #include "token/certificate.h"
@@ -19,8 +18,8 @@ constexpr std::size_t kMaxNameLength = 64;  // KELDAKSP_MAX_NAME_LEN, characters
 
 // Takes a number that may only be set before finalization.
 SECURITY_STATUS TakeNumber(const KELDAKSP_KEY* key, const BYTE* pbInput, DWORD cbInput, DWORD& number) noexcept {
-  if (cbInput != sizeof(DWORD)) return Refuse(NTE_BAD_DATA, "cbInput != sizeof(DWORD)");
-  if (key->fFinished != 0) return Refuse(NTE_BAD_KEY_STATE, "pKey->fFinished == TRUE");
+  if (cbInput != sizeof(DWORD)) return g_Log->Refuse(NTE_BAD_DATA, "cbInput != sizeof(DWORD)");
+  if (key->fFinished != 0) return g_Log->Refuse(NTE_BAD_KEY_STATE, "pKey->fFinished == TRUE");
   std::memcpy(&number, pbInput, sizeof(number));
   return ERROR_SUCCESS;
 }
@@ -36,7 +35,7 @@ SECURITY_STATUS SetLength(KELDAKSP_KEY* key, const BYTE* pbInput, DWORD cbInput)
   const SECURITY_STATUS status = TakeNumber(key, pbInput, cbInput, length);
   if (status != ERROR_SUCCESS) return status;
   if (length < 512 || length > 4096 || length % 512 != 0) {
-    return Refuse(NTE_NOT_SUPPORTED, "specified length is invalid");
+    return g_Log->Refuse(NTE_NOT_SUPPORTED, "specified length is invalid");
   }
   key->dwKeyBitLength = length;
   return ERROR_SUCCESS;
@@ -46,13 +45,11 @@ SECURITY_STATUS SetLength(KELDAKSP_KEY* key, const BYTE* pbInput, DWORD cbInput)
 SECURITY_STATUS SetName(KELDAKSP_KEY* key, const BYTE* pbInput, DWORD cbInput) noexcept {
   g_Log->WriteLine("dwProperty = NCRYPT_NAME_PROPERTY");
   if (cbInput >= kMaxNameLength * sizeof(wchar_t)) {
-    return Refuse(NTE_BAD_DATA, "cbInput >= (KELDAKSP_MAX_NAME_LEN*sizeof(WCHAR))");
+    return g_Log->Refuse(NTE_BAD_DATA, "cbInput >= (KELDAKSP_MAX_NAME_LEN*sizeof(WCHAR))");
   }
-  if (cbInput % 2 != 0) return Refuse(NTE_BAD_DATA, "(cbInput % 2)");
+  if (cbInput % 2 != 0) return g_Log->Refuse(NTE_BAD_DATA, "(cbInput % 2)");
   // The old name goes first: without memory for the new one the key is left without a name.
-  SecureWipe(key->pszKeyName, WideLength(key->pszKeyName) * sizeof(wchar_t));
-  delete[] key->pszKeyName;
-  key->pszKeyName = nullptr;
+  DeleteKeyName(key);
   key->cbKeyName = 0;
   WipedArray<wchar_t> name = WipedArray<wchar_t>::Try(cbInput / sizeof(wchar_t) + 1);
   if (name.empty()) return NTE_NO_MEMORY;
@@ -70,9 +67,9 @@ SECURITY_STATUS SetName(KELDAKSP_KEY* key, const BYTE* pbInput, DWORD cbInput) n
 SECURITY_STATUS SetCertificate(const KELDAKSP_PROVIDER* provider, const KELDAKSP_KEY* key, const BYTE* pbInput,
                                DWORD cbInput) {
   g_Log->WriteLine("dwProperty = NCRYPT_CERTIFICATE_PROPERTY");
-  if (key->fFinished == 0) return Refuse(NTE_BAD_KEY_STATE, "Key referenced by hKey is not yet finalized.");
+  if (key->fFinished == 0) return g_Log->Refuse(NTE_BAD_KEY_STATE, "Key referenced by hKey is not yet finalized.");
   if (key->hPublicKeyObject == 0 && key->hPrivateKeyObject == 0) {
-    return Refuse(NTE_BAD_KEY_STATE, "Key referenced by hKey does not contain any key handle");
+    return g_Log->Refuse(NTE_BAD_KEY_STATE, "Key referenced by hKey does not contain any key handle");
   }
   const auto certificate = std::make_unique<Certificate>();
   g_Log->WriteLine("Setting crypto interface pointer");
@@ -90,10 +87,11 @@ SECURITY_STATUS SetCertificate(const KELDAKSP_PROVIDER* provider, const KELDAKSP
   g_Log->WriteLine("Checking if certificate already exists");
   const SECURITY_STATUS existing = certificate->FindForKey();
   if (existing == NTE_EXISTS) {
-    return Refuse(NTE_EXISTS, "NTE_EXISTS: A certificate already exists for the selected key pair");
+    return g_Log->Refuse(NTE_EXISTS, "NTE_EXISTS: A certificate already exists for the selected key pair");
   }
   if (existing != NTE_NOT_FOUND) {
-    return Refuse(existing, "NTE_INTERNAL_ERROR: An internal error occured. Check PKCS logs for more information");
+    return g_Log->Refuse(existing,
+                         "NTE_INTERNAL_ERROR: An internal error occured. Check PKCS logs for more information");
   }
   g_Log->WriteLine("No certificate has been found for this key");
   g_Log->WriteLine("Setting certificate");
@@ -103,7 +101,7 @@ SECURITY_STATUS SetCertificate(const KELDAKSP_PROVIDER* provider, const KELDAKSP
 SECURITY_STATUS SetWindowHandle(KELDAKSP_PROVIDER* provider, const BYTE* pbInput, DWORD cbInput) noexcept {
   g_Log->WriteLine("dwProperty = NCRYPT_WINDOW_HANDLE_PROPERTY");
   if (cbInput > sizeof(provider->hWnd)) {
-    return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: cbInput is greater than the size of HWND");
+    return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: cbInput is greater than the size of HWND");
   }
   std::memcpy(&provider->hWnd, pbInput, cbInput);
   g_Log->WriteHex32("Window handle set: ", static_cast<std::uint32_t>(provider->hWnd));
@@ -115,49 +113,43 @@ SECURITY_STATUS Ignore(const char* text) noexcept {
   return ERROR_SUCCESS;
 }
 
-SECURITY_STATUS SetKeyProperty(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, const wchar_t* pszProperty,
-                               const BYTE* pbInput, DWORD cbInput, DWORD dwFlags) {
-  KELDAKSP_PROVIDER* provider = ProviderFromHandle(hProvider);
-  if (provider == nullptr) return Refuse(NTE_INVALID_HANDLE, kProviderIsNull);
-  KELDAKSP_KEY* key = KeyFromHandle(hKey);
-  if (key == nullptr) return Refuse(NTE_INVALID_HANDLE, kKeyIsNull);
-  if (pszProperty == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszProperty is NULL");
-  if (WideLength(pszProperty) > kMaxPropertyName) {
-    return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszProperty is exceeds NCRYPT_MAX_PROPERTY_NAME");
-  }
-  if (pbInput == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pbInput is NULL");
-  // Even the silent flag is refused here, on purpose: only the two persistence flags pass.
-  constexpr DWORD kRefusedFlags = ~DWORD{NCRYPT_PERSIST_ONLY_FLAG | NCRYPT_PERSIST_FLAG};
-  if (!WideEqual(pszProperty, NCRYPT_SECURITY_DESCR_PROPERTY) && (dwFlags & kRefusedFlags) != 0) {
-    return Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: dwFlags contains an invalid flag");
-  }
-  if (WideEqual(pszProperty, NCRYPT_KEY_USAGE_PROPERTY)) return SetKeyUsage(key, pbInput, cbInput);
-  if (WideEqual(pszProperty, NCRYPT_LENGTH_PROPERTY)) return SetLength(key, pbInput, cbInput);
-  if (WideEqual(pszProperty, NCRYPT_NAME_PROPERTY)) return SetName(key, pbInput, cbInput);
-  if (WideEqual(pszProperty, NCRYPT_CERTIFICATE_PROPERTY)) return SetCertificate(provider, key, pbInput, cbInput);
-  if (WideEqual(pszProperty, NCRYPT_UI_POLICY_PROPERTY)) {
-    return Ignore("NCRYPT_UI_POLICY is not supported and will be ignored");
-  }
-  if (WideEqual(pszProperty, NCRYPT_EXPORT_POLICY_PROPERTY)) {
-    return Ignore("NCRYPT_EXPORT_POLICY_PROPERTY is not supported and will be ignored");
-  }
-  if (WideEqual(pszProperty, NCRYPT_WINDOW_HANDLE_PROPERTY)) return SetWindowHandle(provider, pbInput, cbInput);
-  return NTE_NOT_SUPPORTED;
-}
-
 }  // namespace
 
 SECURITY_STATUS WINAPI KELDAKSPSetKeyProperty(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, LPCWSTR pszProperty,
                                               PBYTE pbInput, DWORD cbInput, DWORD dwFlags) noexcept {
   constexpr EntryLines kLines = {"KELDAKSPSetKeyProperty - Entry", "KELDAKSPSetKeyProperty - Exit: "};
-  return RunEntry(kLines, [&](EntryFrame& frame) -> SECURITY_STATUS {
-    frame.Argument("hProvider   : ", hProvider);
-    frame.Argument("hKey        : ", hKey);
-    frame.WideArgument("pszProperty : ", pszProperty);
-    frame.Argument("pbInput     : ", pbInput);
-    frame.Argument("cbInput     : ", cbInput);
-    frame.Argument("dwFlags     : ", dwFlags);
-    ClearProviderCache();
-    return SetKeyProperty(hProvider, hKey, pszProperty, pbInput, cbInput, dwFlags);
+  const EntryArgument arguments[] = {
+      {"hProvider   : ", hProvider}, {"hKey        : ", hKey},    {"pszProperty : ", pszProperty},
+      {"pbInput     : ", pbInput},   {"cbInput     : ", cbInput}, {"dwFlags     : ", dwFlags},
+  };
+  return RunEntry(kLines, arguments, [&]() -> SECURITY_STATUS {
+    KELDAKSP_PROVIDER* provider;
+    KELDAKSP_KEY* key;
+    if (!CheckProvider(hProvider, provider) || !CheckKey(hKey, key)) return NTE_INVALID_HANDLE;
+    if (pszProperty == nullptr) {
+      return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pszProperty is NULL");
+    }
+    if (WideLength(pszProperty) > kMaxPropertyName) {
+      return g_Log->Refuse(NTE_INVALID_PARAMETER,
+                           "NTE_INVALID_PARAMETER: pszProperty is exceeds NCRYPT_MAX_PROPERTY_NAME");
+    }
+    if (pbInput == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: pbInput is NULL");
+    // Even the silent flag is refused here, on purpose: only the two persistence flags pass.
+    constexpr DWORD kRefusedFlags = ~DWORD{NCRYPT_PERSIST_ONLY_FLAG | NCRYPT_PERSIST_FLAG};
+    if (!WideEqual(pszProperty, NCRYPT_SECURITY_DESCR_PROPERTY) && (dwFlags & kRefusedFlags) != 0) {
+      return g_Log->Refuse(NTE_BAD_FLAGS, "NTE_BAD_FLAGS: dwFlags contains an invalid flag");
+    }
+    if (WideEqual(pszProperty, NCRYPT_KEY_USAGE_PROPERTY)) return SetKeyUsage(key, pbInput, cbInput);
+    if (WideEqual(pszProperty, NCRYPT_LENGTH_PROPERTY)) return SetLength(key, pbInput, cbInput);
+    if (WideEqual(pszProperty, NCRYPT_NAME_PROPERTY)) return SetName(key, pbInput, cbInput);
+    if (WideEqual(pszProperty, NCRYPT_CERTIFICATE_PROPERTY)) return SetCertificate(provider, key, pbInput, cbInput);
+    if (WideEqual(pszProperty, NCRYPT_UI_POLICY_PROPERTY)) {
+      return Ignore("NCRYPT_UI_POLICY is not supported and will be ignored");
+    }
+    if (WideEqual(pszProperty, NCRYPT_EXPORT_POLICY_PROPERTY)) {
+      return Ignore("NCRYPT_EXPORT_POLICY_PROPERTY is not supported and will be ignored");
+    }
+    if (WideEqual(pszProperty, NCRYPT_WINDOW_HANDLE_PROPERTY)) return SetWindowHandle(provider, pbInput, cbInput);
+    return NTE_NOT_SUPPORTED;
   });
 }

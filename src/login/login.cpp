@@ -7,11 +7,11 @@
 #include <new>
 
 #include "diag/debug_log.h"
-#include "login/pin_manager.h"
+#include "login/pin_cache/pin_manager.h"
 #include "support/text.h"
 #include "support/wipe.h"
 #include "token/cryptoki_module.h"
-#include "token/pkcs11.h"
+#include "support/pkcs11.h"
 #include "ui/login_dialog.h"
 
 namespace {
@@ -43,8 +43,8 @@ SECURITY_STATUS LoginThroughDialog(CLogin& dialog) {
   const auto result = static_cast<std::int32_t>(dialog.DoModal());
   if (result == IDOK) return ERROR_SUCCESS;
   if (result == IDCANCEL) {
-    g_PinLog->WriteLine("SCARD_W_CANCELLED_BY_USER: PIN submission has been cancelled by the user.");
-    return SCARD_W_CANCELLED_BY_USER;
+    return g_PinLog->Refuse(SCARD_W_CANCELLED_BY_USER,
+                            "SCARD_W_CANCELLED_BY_USER: PIN submission has been cancelled by the user.");
   }
   const std::uint32_t code = result == -1 ? GetLastError() : static_cast<std::uint32_t>(result);
   g_PinLog->WriteHex32("Login dialog exited with code: ", code);
@@ -59,11 +59,10 @@ SECURITY_STATUS LoginFromCache(const KELDAKSP_PROVIDER& provider, const unsigned
   // A longer PIN, typed where another program had raised the field's limit, does not fit and is refused by the lookup.
   cbPin = std::min(cbPin, static_cast<DWORD>(sizeof(pin.bytes)));
   if (g_PinManager->GetPin(serial, pin.bytes, &cbPin) != ERROR_SUCCESS) {
-    g_PinLog->WriteLine("NTE_INTERNAL_ERROR: An unexpected error has occured.");
-    return NTE_INTERNAL_ERROR;
+    return g_PinLog->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: An unexpected error has occured.");
   }
   const CK_RV result = g_Cryptoki->Login(provider.hSession, pin.bytes, cbPin);
-  if (result == CKR_OK || result == kCkrUserAlreadyLoggedIn) return ERROR_SUCCESS;
+  if (result == CKR_OK || result == CKR_USER_ALREADY_LOGGED_IN) return ERROR_SUCCESS;
   // The PIN stays cached, and the user is not asked instead; kept on purpose.
   g_PinLog->WriteHex32("NTE_INTERNAL_ERROR: Unable to login using cached PIN. Error code: ",
                        static_cast<std::uint32_t>(result));
@@ -74,8 +73,7 @@ SECURITY_STATUS LoginToToken(const KELDAKSP_PROVIDER& provider, std::unique_ptr<
   g_PinLog->WriteLine("Retrieving token info");
   CK_TOKEN_INFO info = {};
   if (g_Cryptoki->Functions().C_GetTokenInfo(provider.slotId, &info) != CKR_OK) {
-    g_PinLog->WriteLine("\tNTE_INTERNAL_ERROR: Failed to retrieve token info");
-    return NTE_INTERNAL_ERROR;
+    return g_PinLog->Refuse(NTE_INTERNAL_ERROR, "\tNTE_INTERNAL_ERROR: Failed to retrieve token info");
   }
 
   // Made even when the cached PIN will do.
@@ -94,8 +92,7 @@ SECURITY_STATUS LoginToToken(const KELDAKSP_PROVIDER& provider, std::unique_ptr<
   const SECURITY_STATUS result = g_PinManager->GetPin(info.serialNumber, nullptr, &cbPin);
   if (result == NTE_NOT_FOUND) return LoginThroughDialog(*dialog);
   if (result != ERROR_SUCCESS) {
-    g_PinLog->WriteLine("NTE_INTERNAL_ERROR: An internal error with the PIN cache has occured");
-    return NTE_INTERNAL_ERROR;
+    return g_PinLog->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: An internal error with the PIN cache has occured");
   }
   return LoginFromCache(provider, info.serialNumber, cbPin, pin);
 }
@@ -104,16 +101,13 @@ SECURITY_STATUS LoginToToken(const KELDAKSP_PROVIDER& provider, std::unique_ptr<
 
 SECURITY_STATUS Login(KELDAKSP_PROVIDER* provider) noexcept {
   if (provider == nullptr) {
-    g_PinLog->WriteLine("NTE_INVALID_PARAMETER - Provider context is NULL");
-    return NTE_INVALID_PARAMETER;
+    return g_PinLog->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER - Provider context is NULL");
   }
   if (g_Cryptoki == nullptr) {
-    g_PinLog->WriteLine("NTE_INVALID_PARAMETER - Cryptoki library context is NULL");
-    return NTE_INVALID_PARAMETER;
+    return g_PinLog->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER - Cryptoki library context is NULL");
   }
   if (g_PinManager == nullptr) {
-    g_PinLog->WriteLine("NTE_INVALID_PARAMETER - PIN Manager context is NULL");
-    return NTE_INVALID_PARAMETER;
+    return g_PinLog->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER - PIN Manager context is NULL");
   }
 
   PinBuffer pin;
@@ -146,7 +140,7 @@ SECURITY_STATUS Login(KELDAKSP_PROVIDER* provider) noexcept {
 SECURITY_STATUS Logout(KELDAKSP_PROVIDER* provider) {
   if (provider == nullptr || g_Cryptoki == nullptr) return NTE_INVALID_PARAMETER;
   const CK_RV result = g_Cryptoki->Functions().C_Logout(provider->hSession);
-  if (result != CKR_OK && result != kCkrUserNotLoggedIn) return NTE_INTERNAL_ERROR;
+  if (result != CKR_OK && result != CKR_USER_NOT_LOGGED_IN) return NTE_INTERNAL_ERROR;
   // The count of characters is taken for a count of bytes, and the buffer is not released; both kept on purpose.
   SecureWipe(provider->pPinCache, provider->cchPinCache);
   provider->pPinCache = nullptr;

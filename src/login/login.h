@@ -1,7 +1,7 @@
 // The login gate: every operation that needs the token's private side passes it.
 #pragma once
 
-#include "provider/provider_record.h"
+#include "provider/record/provider_record.h"
 #include "support/windows.h"
 
 // Makes sure that the provider's session is logged in as the user, with a cached PIN or through the PIN dialog.

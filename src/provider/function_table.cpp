@@ -2,9 +2,9 @@
 #include <atomic>
 #include <cstdio>
 
-#include "provider/entry_frame.h"
-#include "provider/identity.h"
-#include "provider/key_storage_interface.h"
+#include "provider/entry/entry_frame.h"
+#include "provider/entry/identity.h"
+#include "provider/entry/key_storage_interface.h"
 #include "support/text.h"
 
 namespace {
@@ -52,17 +52,21 @@ ListHead g_listHead;
 
 NTSTATUS WINAPI GetKeyStorageInterface(LPCWSTR pszProviderName, NCRYPT_KEY_STORAGE_FUNCTION_TABLE** ppFunctionTable,
                                        DWORD dwFlags) noexcept {
-  constexpr EntryLines kLines = {"GetKeyStorageInterface - Entry", "GetKeyStorageInterface - Exit: "};
-  return RunEntry(kLines, [&](EntryFrame& frame) -> SECURITY_STATUS {
-    frame.WideArgument("pszProviderName : ", pszProviderName);
-    frame.Argument("ppFunctionTable : ", ppFunctionTable);
-    frame.Argument("dwFlags         : ", dwFlags);
+  // Not an entry of the table: the provider cache is none of its business.
+  constexpr EntryLines kLines = {
+      .entry = "GetKeyStorageInterface - Entry", .exit = "GetKeyStorageInterface - Exit: ", .keepsProviderCache = true};
+  const EntryArgument arguments[] = {
+      {"pszProviderName : ", pszProviderName},
+      {"ppFunctionTable : ", ppFunctionTable},
+      {"dwFlags         : ", dwFlags},
+  };
+  return RunEntry(kLines, arguments, [&]() -> SECURITY_STATUS {
     if (ppFunctionTable == nullptr) {
-      return Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: ppFunctionTable pointer is NULL");
+      return g_Log->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: ppFunctionTable pointer is NULL");
     }
     if (!WideEqual(pszProviderName, kProviderName)) {
       // An NTSTATUS, unlike everything that the table's entries return: the router expects one here.
-      return Refuse(kStatusInvalidParameter, "STATUS_INVALID_PARAMETER: Provider name mismatch.");
+      return g_Log->Refuse(kStatusInvalidParameter, "STATUS_INVALID_PARAMETER: Provider name mismatch.");
     }
     g_listHead.next.store(&g_listHead, std::memory_order_relaxed);
     g_listHead.previous.store(&g_listHead, std::memory_order_relaxed);

@@ -3,17 +3,10 @@
 #include <new>
 
 #include "diag/debug_log.h"
-#include "login/pin_manager.h"
-#include "provider/provider_cache.h"
+#include "login/pin_cache/pin_manager.h"
+#include "provider/entry/provider_cache.h"
+#include "support/module_handle.h"
 #include "token/cryptoki_module.h"
-
-HINSTANCE g_hModule = nullptr;
-LogPointer g_KeyNameLog;
-LogPointer g_Log;
-CryptokiModule* g_Cryptoki = nullptr;
-PinManager* g_PinManager = nullptr;
-ProviderCache* g_ProviderCache = nullptr;
-LogPointer g_PinLog;
 
 namespace {
 

@@ -3,9 +3,6 @@
 
 #include "support/windows.h"
 
-// This DLL, as the home of its resources.
-extern HINSTANCE g_hModule;
-
 // Creates the process-wide objects while the platform loads the DLL. Throws when the token module cannot be loaded; the
 // load of the DLL then has to fail.
 void CreateProcessObjects(HINSTANCE module);

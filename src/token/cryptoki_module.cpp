@@ -3,6 +3,8 @@
 #include <cstring>
 #include <stdexcept>
 
+CryptokiModule* g_Cryptoki = nullptr;
+
 CryptokiModule::CryptokiModule() : log_(LogPointer::Create(-1, 0)) {
   // cppcheck-suppress useInitializationList ; the log has to be there before the module is loaded
   module_ = LoadLibraryW(L"keldapkcs11.dll");

@@ -5,7 +5,7 @@
 
 #include "diag/debug_log.h"
 #include "support/windows.h"
-#include "token/pkcs11.h"
+#include "support/pkcs11.h"
 
 // The loaded module. Read-only after construction and shared by all threads; never finalised or unloaded.
 class CryptokiModule {

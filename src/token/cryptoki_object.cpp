@@ -6,6 +6,11 @@ CryptokiObject::~CryptokiObject() {
   log_.Destroy();
 }
 
+void CryptokiObject::BindTo(const KELDAKSP_PROVIDER& provider) noexcept {
+  session_ = provider.hSession;
+  module_ = g_Cryptoki;
+}
+
 CK_RV CryptokiObject::Destroy() {
   if (session_ == 0 || object_ == 0 || module_ == nullptr) return CKR_ARGUMENTS_BAD;
   object_ = 0;

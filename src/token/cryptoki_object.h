@@ -1,11 +1,13 @@
 // Base of the short-lived wrappers of token objects.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "diag/debug_log.h"
+#include "provider/record/provider_record.h"
 #include "token/cryptoki_module.h"
-#include "token/pkcs11.h"
+#include "support/pkcs11.h"
 
 // One token object. Session and module are borrowed and never closed or released here; the token object outlives its
 // wrapper. Object handle 0 means that the object is not on the token (yet).
@@ -33,6 +35,8 @@ class CryptokiObject {
 
   void SetSession(CK_SESSION_HANDLE session) noexcept { session_ = session; }
   void SetModule(const CryptokiModule* module) noexcept { module_ = module; }
+  // Makes the object act in the provider's session, through the process's module.
+  void BindTo(const KELDAKSP_PROVIDER& provider) noexcept;
 
  protected:
   const CK_FUNCTION_LIST& Token() const noexcept { return module_->Functions(); }
@@ -49,6 +53,14 @@ class CryptokiObject {
   const CryptokiModule* module_ = nullptr;
   LogPointer log_;
 };
+
+// Makes a token object on the provider's session. Throws std::bad_alloc.
+template <class Object>
+std::unique_ptr<Object> NewOn(const KELDAKSP_PROVIDER& provider) {
+  auto object = std::make_unique<Object>();
+  object->BindTo(provider);
+  return object;
+}
 
 // The mechanism that key pair generation hands to the token. The parameter is not owned.
 struct Mechanism {

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "support/wipe.h"
-#include "token/pkcs11.h"
+#include "support/pkcs11.h"
 
 // Bytes of a CKA_ID that a key's SetId keeps, and bytes that the create templates declare for it.
 inline constexpr std::size_t kStoredIdSize = 64;

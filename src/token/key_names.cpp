@@ -7,27 +7,21 @@
 #include "token/hex_name.h"
 #include "token/name_buffer.h"
 
-namespace {
-
-SECURITY_STATUS Refuse(const char* text) noexcept {
-  g_KeyNameLog->WriteLine(text);
-  return NTE_INVALID_PARAMETER;
-}
-
-}  // namespace
-
 SECURITY_STATUS KeyNameFromAttributes(const unsigned char* id, DWORD cbId, const unsigned char* label, DWORD cbLabel,
                                       WideName& name) {
   if (id == nullptr) {
     g_KeyNameLog->WriteLine("CKA_ID is not found. Checking label...");
     if (label == nullptr) {
-      return Refuse("NTE_INVALID_PARAMETER: CKA_ID and label is not provided. Impossible to create valid key name.");
+      return g_KeyNameLog->Refuse(
+          NTE_INVALID_PARAMETER,
+          "NTE_INVALID_PARAMETER: CKA_ID and label is not provided. Impossible to create valid key name.");
     }
     name = WideName(std::size_t{cbLabel} + 1);
     g_KeyNameLog->WriteLine("Converting CKA_LABEL to widestring key name");
     WidenBytes(name.data(), label, cbLabel);
   } else if (cbId == 0) {
-    return Refuse("NTE_INVALID_PARAMETER: non-null CKA_ID with zero-length buffer was provided.");
+    return g_KeyNameLog->Refuse(NTE_INVALID_PARAMETER,
+                                "NTE_INVALID_PARAMETER: non-null CKA_ID with zero-length buffer was provided.");
   } else {
     name = WideName(std::size_t{cbId} + 1);
     g_KeyNameLog->WriteLine("Converting CKA_ID to key name...");

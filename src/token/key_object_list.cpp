@@ -1,28 +1,20 @@
 #include "token/key_object_list.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <memory>
 #include <new>
 
 #include "diag/debug_log.h"
 #include "support/allocator.h"
-#include "support/bounded_copy.h"
-#include "support/text.h"
 #include "support/wipe.h"
 #include "token/key_names.h"
+#include "token/object_search.h"
 
 namespace {
 
-constexpr CK_ULONG kMaxObjects = 1000;
 constexpr CK_ULONG kAttributeSize = 200;
 static_assert(kAttributeSize == kMaxKeyIdSize);
-
-struct MallocDeleter {
-  void operator()(void* block) const noexcept { std::free(block); }
-};
 
 // What is read of one token key. The buffers are not cleared between keys: a short identifier is followed by what an
 // earlier key left behind, and that counts when it is held against a longer one. Kept on purpose.
@@ -40,47 +32,6 @@ struct KeyAttributes {
     SecureWipe(id, sizeof(id));
     SecureWipe(label, sizeof(label));
   }
-};
-
-// The handles of all token keys of one class.
-class ObjectHandles {
- public:
-  // Two passes: the first counts, the second fetches. False when a call fails; the search then stays as it is.
-  bool Find(const CK_FUNCTION_LIST& token, CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass) {
-    CK_BBOOL onToken = CK_TRUE;
-    CK_ATTRIBUTE search[] = {
-        {CKA_TOKEN, &onToken, sizeof(onToken)},
-        {CKA_CLASS, &objectClass, sizeof(objectClass)},
-    };
-    if (!Pass(token, session, search, nullptr, kMaxObjects)) return false;
-    const CK_ULONG room = std::min(count_, kMaxObjects);
-    handles_.reset(
-        static_cast<CK_OBJECT_HANDLE*>(AllocateBlock(std::max<CK_ULONG>(room, 1) * sizeof(CK_OBJECT_HANDLE))));
-    if (handles_ == nullptr) {
-      g_KeyNameLog->WriteLine("NTE_INTERNAL_ERROR: Object memory allocation error");
-      return false;
-    }
-    // A module that writes fewer handles than it says leaves handles of no object.
-    std::fill_n(handles_.get(), room, CK_OBJECT_HANDLE{0});
-    if (!Pass(token, session, search, handles_.get(), room)) return false;
-    count_ = std::min(count_, room);
-    return true;
-  }
-  CK_ULONG count() const noexcept { return count_; }
-  const CK_OBJECT_HANDLE* begin() const noexcept { return handles_.get(); }
-  const CK_OBJECT_HANDLE* end() const noexcept { return handles_.get() + count_; }
-
- private:
-  bool Pass(const CK_FUNCTION_LIST& token, CK_SESSION_HANDLE session, CK_ATTRIBUTE (&search)[2],
-            CK_OBJECT_HANDLE* handles, CK_ULONG room) {
-    count_ = 0;
-    return token.C_FindObjectsInit(session, search, static_cast<CK_ULONG>(std::size(search))) == CKR_OK &&
-           token.C_FindObjects(session, handles, room, &count_) == CKR_OK &&
-           token.C_FindObjectsFinal(session) == CKR_OK;
-  }
-
-  std::unique_ptr<CK_OBJECT_HANDLE, MallocDeleter> handles_;
-  CK_ULONG count_ = 0;
 };
 
 // Grows the list by one record, whose buffers the list takes over. False when there is no memory.
@@ -220,130 +171,6 @@ bool BuildObjectList(KELDAKSP_PROVIDER* provider, const CryptokiModule* module) 
          AddKeys(provider, *module, kPrivateKeys, privateKeys, attributes);
 }
 
-// Fills the next entry's name into a record; NTE_NO_MEMORY leaves nothing behind.
-SECURITY_STATUS NewKeyName(const KELDAKSP_KEY& entry, NCryptKeyName** ppKeyName) noexcept {
-  std::unique_ptr<void, MallocDeleter> record(AllocateBlock(sizeof(NCryptKeyName)));
-  if (record == nullptr) return NTE_NO_MEMORY;
-  const std::size_t cchName = WideLength(entry.pszKeyName) + 1;
-  std::unique_ptr<void, MallocDeleter> name(AllocateBlock(cchName * sizeof(wchar_t)));
-  if (name == nullptr) return NTE_NO_MEMORY;
-  auto* pszName = static_cast<wchar_t*>(name.get());
-  BoundedCopy(pszName, cchName, entry.pszKeyName);
-  g_KeyNameLog->WriteWide("KeyName = ", pszName);
-  auto* pszAlgid = static_cast<wchar_t*>(HeapAlloc(GetProcessHeap(), 0, sizeof(L"RSA")));
-  if (pszAlgid == nullptr) return NTE_NO_MEMORY;
-  std::memcpy(pszAlgid, L"RSA", sizeof(L"RSA"));
-  auto* keyName = static_cast<NCryptKeyName*>(record.release());
-  keyName->pszName = static_cast<wchar_t*>(name.release());
-  keyName->pszAlgid = pszAlgid;
-  keyName->dwLegacyKeySpec = 0;
-  keyName->dwFlags = 0;
-  *ppKeyName = keyName;
-  return ERROR_SUCCESS;
-}
-
-SECURITY_STATUS ReadNextKeyName(const KELDAKSP_PROVIDER* provider, KELDAKSP_ENUM_STATE** ppState,
-                                NCryptKeyName** ppKeyName) noexcept {
-  if (*ppState == nullptr) {
-    *ppState = new (std::nothrow) KELDAKSP_ENUM_STATE();
-    if (*ppState == nullptr) return NTE_NO_MEMORY;
-  }
-  KELDAKSP_ENUM_STATE& state = **ppState;
-  g_KeyNameLog->WriteInt("EnumState index = ", static_cast<std::int32_t>(state.index));
-  if (state.index >= provider->cKeyObjects) {
-    std::free(*ppKeyName);
-    *ppKeyName = nullptr;
-    g_KeyNameLog->WriteLine("NTE_NO_MORE_ITEMS");
-    return NTE_NO_MORE_ITEMS;
-  }
-  const SECURITY_STATUS status = NewKeyName(provider->pKeyObjects[state.index], ppKeyName);
-  if (status == ERROR_SUCCESS) ++state.index;
-  return status;
-}
-
-// Copies what an entry owns into a buffer that the target already has; without one nothing is copied.
-void CopyInto(BYTE* target, const BYTE* source, DWORD size) noexcept {
-  if (target != nullptr && source != nullptr) std::memcpy(target, source, size);
-}
-
-void CopyEntry(const KELDAKSP_KEY& entry, KELDAKSP_KEY* target) {
-  g_KeyNameLog->WriteLine("Copying key");
-  g_KeyNameLog->WriteLine("- key name");
-  target->cbKeyName = entry.cbKeyName;
-  target->pszKeyName = new wchar_t[std::size_t{entry.cbKeyName} + 1]();
-  BoundedCopy(target->pszKeyName, std::size_t{entry.cbKeyName} + 1, entry.pszKeyName);
-  g_KeyNameLog->WriteLine("- CKA_ID");
-  std::memcpy(target->KeyId, entry.KeyId, sizeof(target->KeyId));
-  target->cbKeyId = entry.cbKeyId;
-  g_KeyNameLog->WriteLine("- key handles");
-  target->hPrivateKeyObject = entry.hPrivateKeyObject;
-  target->hPublicKeyObject = entry.hPublicKeyObject;
-  target->hReserved1 = entry.hReserved1;
-  target->hReserved2 = entry.hReserved2;
-  g_KeyNameLog->WriteLine("- provider handle");
-  target->hAlgProvider = entry.hAlgProvider;
-  g_KeyNameLog->WriteLine("- flags");
-  target->dwAlgID = entry.dwAlgID;
-  target->dwKeyBitLength = entry.dwKeyBitLength;
-  target->dwExportPolicy = entry.dwExportPolicy;
-  target->dwKeyUsagePolicy = entry.dwKeyUsagePolicy;
-  target->fOverwrite = entry.fOverwrite;
-  target->fFinished = entry.fFinished;
-  g_KeyNameLog->WriteLine("- security descriptor");
-  CopyInto(target->pbSecurityDescr, entry.pbSecurityDescr, entry.cbSecurityDescr);
-  g_KeyNameLog->WriteLine("- key file");
-  CopyInto(target->pbKeyFile, entry.pbKeyFile, entry.cbKeyFile);
-  ClearList(&target->PropertyList);
-  target->cbLength = sizeof(KELDAKSP_KEY);
-  target->dwMagic = BCRYPT_RSAPUBLIC_MAGIC;
-}
-
-void CheckForTerminator(const wchar_t* name) noexcept {
-  constexpr std::size_t kScanned = 1025;
-  g_KeyNameLog->WriteLine("Test KeyName pointer");
-  for (std::size_t i = 0; i < kScanned; ++i) {
-    if (name[i] == L'\0') return;
-  }
-  g_KeyNameLog->WriteLine("Overflow!");  // told, not refused
-}
-
-bool EntryMatches(const KELDAKSP_KEY& entry, const wchar_t* keyName) {
-  g_KeyNameLog->WriteWide("Compare name to: ", entry.pszKeyName);
-  if (KeyNameMatches(keyName, entry.pszKeyName)) return true;
-  g_KeyNameLog->WriteLine("Checking hex string equivalent of key name");
-  const WideName converted = KeyNameFromHexText(keyName);
-  return KeyNameMatches(converted.data(), entry.pszKeyName);
-}
-
-SECURITY_STATUS FindKey(KELDAKSP_PROVIDER* provider, const CryptokiModule* module, const wchar_t* keyName,
-                        KELDAKSP_KEY* target) {
-  g_KeyNameLog->WriteWide("Looking for key with name: ", keyName);
-  if (provider->cKeyObjects == 0) {
-    g_KeyNameLog->WriteLine("Number of key objects is 0.");
-    const SECURITY_STATUS status = InitializeObjectList(provider, module);
-    if (status != ERROR_SUCCESS) {
-      g_KeyNameLog->WriteLine("LoadTokenKeys error ");
-      return status;
-    }
-  }
-  CheckForTerminator(keyName);
-  g_KeyNameLog->WriteWide("Searching KeyName = ", keyName);
-  g_KeyNameLog->WriteInt("Starting iteration. Count: ", static_cast<std::int32_t>(provider->cKeyObjects));
-  for (DWORD i = 0; i < provider->cKeyObjects; ++i) {
-    g_KeyNameLog->WriteHex32("Iteration: ", i);
-    const KELDAKSP_KEY& entry = provider->pKeyObjects[i];
-    if (EntryMatches(entry, keyName)) {
-      g_KeyNameLog->WriteLine("Key name match found");
-      CopyEntry(entry, target);
-      g_KeyNameLog->WriteLine("Key was reconstructed");
-      return ERROR_SUCCESS;
-    }
-    g_KeyNameLog->WriteLine("Key name match not found");
-  }
-  g_KeyNameLog->WriteLine("Key name match not found");
-  return NTE_BAD_KEYSET;
-}
-
 }  // namespace
 
 void ReleaseKeyObjectList(KELDAKSP_PROVIDER* provider) noexcept {
@@ -365,26 +192,5 @@ SECURITY_STATUS InitializeObjectList(KELDAKSP_PROVIDER* provider, const Cryptoki
     // the status says it; the exit line is written all the same
   }
   g_KeyNameLog->WriteLine("InitializeObjectList - Exit");
-  return status;
-}
-
-SECURITY_STATUS ReadKeyNameFromKeyObjectList(const KELDAKSP_PROVIDER* provider, KELDAKSP_ENUM_STATE** ppState,
-                                             NCryptKeyName** ppKeyName) {
-  g_KeyNameLog->WriteLine("ReadKeyNameFromKeyObjectList - Entry");
-  const SECURITY_STATUS status = ReadNextKeyName(provider, ppState, ppKeyName);
-  g_KeyNameLog->WriteLine("ReadKeyNameFromKeyObjectList - Exit");
-  return status;
-}
-
-SECURITY_STATUS FindKELDKSPKeyfromObjectList(KELDAKSP_PROVIDER* provider, const CryptokiModule* module,
-                                             const wchar_t* keyName, KELDAKSP_KEY* target) {
-  g_KeyNameLog->WriteLine("FindKELDKSPKeyfromObjectList - Entry");
-  SECURITY_STATUS status = NTE_NO_MEMORY;
-  try {
-    status = FindKey(provider, module, keyName, target);
-  } catch (const std::bad_alloc&) {
-    // the status says it; the exit line is written all the same
-  }
-  g_KeyNameLog->WriteLine("FindKELDKSPKeyfromObjectList - Exit");
   return status;
 }

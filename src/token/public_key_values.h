@@ -3,7 +3,7 @@
 
 #include "support/windows.h"
 #include "support/wipe.h"
-#include "token/pkcs11.h"
+#include "support/pkcs11.h"
 
 struct PublicKeyValues {
   WipedBytes modulus;

@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "support/text.h"
-#include "token/ck_rv_status.h"
+#include "support/ck_rv_status.h"
 #include "token/public_key_values.h"
 
 RSAPair::~RSAPair() {

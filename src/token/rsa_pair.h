@@ -1,4 +1,4 @@
-// An RSA key pair on the token: its lookup, its generation, and the operations with its keys.
+// An RSA key pair on the token: its lookup and its generation. What it does with its keys is in crypto/operations.
 #pragma once
 
 #include "support/windows.h"
@@ -8,7 +8,6 @@
 // Bytes of the random CKA_ID that a generated pair gets.
 inline constexpr std::size_t kGeneratedIdSize = 20;
 
-// The operations always use the token's CKM_RSA_PKCS mechanism (PKCS#11 v2.40, 2.1.6).
 class RSAPair : public CryptokiObject {
  public:
   ~RSAPair() override;
@@ -30,22 +29,6 @@ class RSAPair : public CryptokiObject {
   // Looks for a public and a private key with the label of this name and reads what they can do. Returns NTE_EXISTS
   // when both are there, NTE_NOT_FOUND, NTE_INVALID_PARAMETER (no session, module or name) or NTE_INTERNAL_ERROR.
   SECURITY_STATUS FindByLabel(const wchar_t* name);
-
-  // Signs a hash of cbHash bytes, wrapped in the DigestInfo that its length stands for. *pcbSignature is the room in
-  // pbSignature on entry and the signature's length on return; a null pbSignature asks for the length. Returns 0,
-  // NTE_INVALID_PARAMETER, NTE_BUFFER_TOO_SMALL or NTE_INTERNAL_ERROR.
-  SECURITY_STATUS Sign(const unsigned char* pbHash, DWORD cbHash, unsigned char* pbSignature, DWORD* pcbSignature);
-
-  // Verifies a signature over exactly the bytes given; nothing is wrapped. Returns 0, NTE_INVALID_PARAMETER,
-  // NTE_INTERNAL_ERROR or NTE_FAIL (a wrong signature included).
-  SECURITY_STATUS Verify(const unsigned char* pbHash, DWORD cbHash, const unsigned char* pbSignature,
-                         DWORD cbSignature);
-
-  // *pcbOutput is the room in pbOutput on entry and the length on return; a null pbOutput asks for the length. Return
-  // 0, NTE_INVALID_PARAMETER, NTE_BUFFER_TOO_SMALL or NTE_INTERNAL_ERROR; decryption also NTE_PERM and
-  // NTE_INVALID_HANDLE.
-  SECURITY_STATUS Encrypt(const unsigned char* pbInput, DWORD cbInput, unsigned char* pbOutput, DWORD* pcbOutput);
-  SECURITY_STATUS Decrypt(const unsigned char* pbInput, DWORD cbInput, unsigned char* pbOutput, DWORD* pcbOutput);
 
  private:
   // Finds one token object of a class by label. Returns 0, NTE_NOT_FOUND or NTE_INTERNAL_ERROR.

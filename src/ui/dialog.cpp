@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "provider/process_objects.h"
+#include "support/module_handle.h"
 
 void CDataExchange::Control(int id, CWnd& member) noexcept {
   if (member.Handle() == nullptr) member.Subclass(GetDlgItem(dialog_.Handle(), id), &dialog_);

@@ -4,10 +4,10 @@
 #include <cstring>
 
 #include "diag/debug_log.h"
-#include "login/pin_manager.h"
-#include "provider/process_objects.h"
+#include "login/pin_cache/pin_manager.h"
+#include "support/module_handle.h"
 #include "support/text.h"
-#include "token/ck_rv_status.h"
+#include "support/ck_rv_status.h"
 #include "token/cryptoki_module.h"
 #include "ui/resource.h"
 
@@ -31,11 +31,6 @@ bool CachingIsForbidden() noexcept {
   return RegGetValueW(HKEY_LOCAL_MACHINE, kSettingsKey, L"PINCACHE", RRF_RT_REG_SZ, nullptr, setting, &cbSetting) ==
              ERROR_SUCCESS &&
          WideEqual(setting, L"00000000");
-}
-
-SECURITY_STATUS Refuse(SECURITY_STATUS status, const char* text) noexcept {
-  g_PinLog->WriteLine(text);
-  return status;
 }
 
 }  // namespace
@@ -143,7 +138,7 @@ SECURITY_STATUS CLogin::Attempt(WipedArray<char>& pin) {
     return status;
   }
   pin = WipedArray<char>::Try(cbPin);
-  if (pin.empty()) return Refuse(NTE_NO_MEMORY, "Not enough memory to continue operation.");
+  if (pin.empty()) return g_PinLog->Refuse(NTE_NO_MEMORY, "Not enough memory to continue operation.");
 
   g_PinLog->WriteLine("Retrieving PIN");
   status = RetrievePIN(pin.data(), &cbPin);
@@ -158,12 +153,18 @@ SECURITY_STATUS CLogin::Attempt(WipedArray<char>& pin) {
 }
 
 SECURITY_STATUS CLogin::CheckContext() const noexcept {
-  if (cryptoki_ == nullptr) return Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR - cryptoki context is not set");
-  if (session_ == 0) {
-    return Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE - cryptoki session handle is not set");
+  if (cryptoki_ == nullptr) {
+    return g_PinLog->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR - cryptoki context is not set");
   }
-  if (serial_.empty()) return Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR - slot serial number is not set");
-  if (pinManager_ == nullptr) return Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR - pin cache context is not set");
+  if (session_ == 0) {
+    return g_PinLog->Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE - cryptoki session handle is not set");
+  }
+  if (serial_.empty()) {
+    return g_PinLog->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR - slot serial number is not set");
+  }
+  if (pinManager_ == nullptr) {
+    return g_PinLog->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR - pin cache context is not set");
+  }
   return ERROR_SUCCESS;
 }
 
@@ -193,12 +194,12 @@ SECURITY_STATUS CLogin::RetrievePIN(char* pin, DWORD* pcbPin) {
   WipedArray<wchar_t> text;
   const auto cchPin = static_cast<DWORD>(pinField_.Count());
   if (pcbPin == nullptr) {
-    status = Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER - PIN length buffer is null");
+    status = g_PinLog->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER - PIN length buffer is null");
   } else if (pin == nullptr) {
     g_PinLog->WriteLine("PIN buffer is NULL. Returning PIN length");
     *pcbPin = cchPin;
   } else if (*pcbPin < cchPin) {
-    status = Refuse(NTE_BUFFER_TOO_SMALL, "NTE_BUFFER_TOO_SMALL - PIN buffer is too small");
+    status = g_PinLog->Refuse(NTE_BUFFER_TOO_SMALL, "NTE_BUFFER_TOO_SMALL - PIN buffer is too small");
     g_PinLog->WriteInt("*pcbPIN = ", static_cast<std::int32_t>(*pcbPin));
     g_PinLog->WriteInt("cchPIN = ", static_cast<std::int32_t>(cchPin));
     *pcbPin = cchPin;
@@ -223,14 +224,16 @@ SECURITY_STATUS CLogin::RetrievePIN(char* pin, DWORD* pcbPin) {
 
 SECURITY_STATUS CLogin::Login(const unsigned char* pin, DWORD pinLength) {
   g_PinLog->WriteLine("Login - Entry");
-  if (cryptoki_ == nullptr) return Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR - Cryptographic library not set.");
-  if (pin == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER - PIN is NULL");
-  if (pinLength == 0) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER - PIN length is zero");
+  if (cryptoki_ == nullptr) {
+    return g_PinLog->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR - Cryptographic library not set.");
+  }
+  if (pin == nullptr) return g_PinLog->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER - PIN is NULL");
+  if (pinLength == 0) return g_PinLog->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER - PIN length is zero");
 
   g_PinLog->WriteLine("Initiating login to cryptographic session");
   const CK_RV result = cryptoki_->Login(session_, pin, pinLength);
-  if (result == CKR_OK || result == kCkrUserAlreadyLoggedIn) {
-    if (result == kCkrUserAlreadyLoggedIn) g_PinLog->WriteLine("User is already logged in");
+  if (result == CKR_OK || result == CKR_USER_ALREADY_LOGGED_IN) {
+    if (result == CKR_USER_ALREADY_LOGGED_IN) g_PinLog->WriteLine("User is already logged in");
     g_PinLog->WriteLine("Login success");
     StorePinToCache(pin, pinLength);
     return ERROR_SUCCESS;
@@ -243,15 +246,14 @@ SECURITY_STATUS CLogin::Login(const unsigned char* pin, DWORD pinLength) {
     g_PinLog->WriteLine(text);
     return SCARD_W_WRONG_CHV;
   }
-  if (result == kCkrPinLocked) {
+  if (result == CKR_PIN_LOCKED) {
     SetStatusLine("Pin is locked");
     // Only Cancel remains; the keyboard must not be left with a disabled control.
     Send(WM_NEXTDLGCTL, reinterpret_cast<WPARAM>(GetDlgItem(handle_, IDCANCEL)), TRUE);
     pinField_.Enable(false);
     ok_.Enable(false);
     UpdateData(false);
-    g_PinLog->WriteLine("Pin is locked");
-    return SCARD_W_CHV_BLOCKED;
+    return g_PinLog->Refuse(SCARD_W_CHV_BLOCKED, "Pin is locked");
   }
   const auto code = static_cast<std::uint32_t>(result);
   g_PinLog->WriteHex32("An unexpected error occured. Refer to PKCS logs for more info", code);
@@ -266,15 +268,17 @@ void CLogin::SetStatusLine(const char* text) noexcept {
 
 SECURITY_STATUS CLogin::StorePinToCache(const unsigned char* pin, DWORD pinLength) noexcept {
   g_PinLog->WriteLine("Checking PIN cache setting");
-  if (CachingIsForbidden()) return Refuse(ERROR_CANCELLED, "PIN caching is not allowed");
+  if (CachingIsForbidden()) return g_PinLog->Refuse(ERROR_CANCELLED, "PIN caching is not allowed");
 
   g_PinLog->WriteLine("Storing PIN to PIN cache");
-  if (pinManager_ == nullptr) return Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR - pin cache is not set");
-  if (serial_.empty()) return Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR - slot serial number is not set");
-  if (pin == nullptr) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER - PIN is NULL");
-  if (pinLength == 0) return Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER - PIN length is zero");
+  if (pinManager_ == nullptr) return g_PinLog->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR - pin cache is not set");
+  if (serial_.empty()) {
+    return g_PinLog->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR - slot serial number is not set");
+  }
+  if (pin == nullptr) return g_PinLog->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER - PIN is NULL");
+  if (pinLength == 0) return g_PinLog->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER - PIN length is zero");
   if (pinManager_->SetPin(serial_.data(), kSerialLength, pin, pinLength) == 0) {
-    return Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: Failed to store pin to cache.");
+    return g_PinLog->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: Failed to store pin to cache.");
   }
   return ERROR_SUCCESS;
 }

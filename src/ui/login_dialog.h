@@ -5,7 +5,7 @@
 
 #include "support/windows.h"
 #include "support/wipe.h"
-#include "token/pkcs11.h"
+#include "support/pkcs11.h"
 #include "ui/dialog.h"
 #include "ui/secure_edit.h"
 

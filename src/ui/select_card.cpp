@@ -5,7 +5,7 @@
 #include <stdexcept>
 
 #include "diag/debug_log.h"
-#include "provider/process_objects.h"
+#include "support/module_handle.h"
 #include "support/text.h"
 #include "support/wipe.h"
 #include "ui/dialog.h"

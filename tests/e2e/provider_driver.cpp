@@ -24,14 +24,14 @@
 #include <thread>
 #include <vector>
 
-#include "e2e/dialog_robot.h"
+#include "kit/dialogs.h"
 #include "standins/replace_reader_file.h"
 
 namespace {
 
 using Bytes = std::vector<BYTE>;
-using e2e::Dialog;
-using e2e::DialogRobot;
+using kit::Dialog;
+using kit::DialogRobot;
 
 constexpr wchar_t kProvider[] = L"Norvale Token Works KSP v1.0";
 
@@ -46,7 +46,7 @@ std::wstring Pin() {
 }
 
 void EnterPin(const Dialog& dialog) {
-  dialog.Type(e2e::kPinField, Pin());
+  dialog.Type(kit::kPinField, Pin());
   dialog.Press(IDOK);
 }
 
@@ -188,14 +188,14 @@ TEST_F(Signing, AsksForThePinAgainAfterAWrongOne) {
   const auto key = OpenKey(provider, L"Key1");
   DialogRobot robot({[](const Dialog& dialog) {
     EXPECT_EQ(dialog.caption(), L"Enter PIN for demo");
-    EXPECT_EQ(dialog.text(e2e::kStatusLine), L"");
-    dialog.Type(e2e::kPinField, L"000000");
-    EXPECT_EQ(dialog.text(e2e::kPinField), L"******");
+    EXPECT_EQ(dialog.text(kit::kStatusLine), L"");
+    dialog.Type(kit::kPinField, L"000000");
+    EXPECT_EQ(dialog.text(kit::kPinField), L"******");
     dialog.Press(IDOK);
     ASSERT_TRUE(dialog.open());
-    EXPECT_EQ(dialog.text(e2e::kStatusLine), L"Incorrect PIN. Retries left: 2");
-    dialog.Type(e2e::kPinField, L"\b\b\b\b\b\b");
-    EXPECT_EQ(dialog.text(e2e::kPinField), L"");
+    EXPECT_EQ(dialog.text(kit::kStatusLine), L"Incorrect PIN. Retries left: 2");
+    dialog.Type(kit::kPinField, L"\b\b\b\b\b\b");
+    EXPECT_EQ(dialog.text(kit::kPinField), L"");
     EnterPin(dialog);
     EXPECT_FALSE(dialog.open());
   }});
@@ -380,7 +380,7 @@ TEST(Cancelling, EndsTheCallAndCostsNoTry) {
   const auto key = OpenKey(provider, L"Key1");
   DialogRobot robot({[](const Dialog& dialog) { dialog.Press(IDCANCEL); },
                      [](const Dialog& dialog) {
-                       dialog.Type(e2e::kPinField, Pin());
+                       dialog.Type(kit::kPinField, Pin());
                        dialog.Press(IDCANCEL);
                      },
                      [](const Dialog& dialog) { dialog.CloseBySystemMenu(); }});
@@ -397,22 +397,22 @@ TEST(Locking, TellsTheTriesLeftUntilThePinIsLocked) {
   DialogRobot robot(
       {[](const Dialog& dialog) {
          for (const wchar_t* text : {L"Incorrect PIN. Retries left: 2", L"Incorrect PIN. Retries left: 1"}) {
-           dialog.Type(e2e::kPinField, L"0");
+           dialog.Type(kit::kPinField, L"0");
            dialog.Press(IDOK);
-           EXPECT_EQ(dialog.text(e2e::kStatusLine), text);
+           EXPECT_EQ(dialog.text(kit::kStatusLine), text);
            EXPECT_TRUE(dialog.enabled(IDOK));
          }
-         dialog.Type(e2e::kPinField, L"0");
+         dialog.Type(kit::kPinField, L"0");
          dialog.Press(IDOK);
-         EXPECT_EQ(dialog.text(e2e::kStatusLine), L"Pin is locked");
-         EXPECT_FALSE(dialog.enabled(e2e::kPinField));
+         EXPECT_EQ(dialog.text(kit::kStatusLine), L"Pin is locked");
+         EXPECT_FALSE(dialog.enabled(kit::kPinField));
          EXPECT_FALSE(dialog.enabled(IDOK));
          EXPECT_TRUE(dialog.enabled(IDCANCEL));
          dialog.Press(IDCANCEL);
        },
        [](const Dialog& dialog) {
          EnterPin(dialog);
-         EXPECT_EQ(dialog.text(e2e::kStatusLine), L"Pin is locked");
+         EXPECT_EQ(dialog.text(kit::kStatusLine), L"Pin is locked");
          dialog.Press(IDCANCEL);
        }});
   Bytes signature;
@@ -432,7 +432,7 @@ class Readers : public testing::Test {
   static void AnotherCall(NCRYPT_PROV_HANDLE provider) { NCryptIsAlgSupported(provider, L"RSA", 0); }
 
   static void Choose(const Dialog& dialog, const wchar_t* reader) {
-    EXPECT_NE(dialog.Send(e2e::kReaderList, CB_SELECTSTRING, static_cast<WPARAM>(-1), reinterpret_cast<LPARAM>(reader)),
+    EXPECT_NE(dialog.Send(kit::kReaderList, CB_SELECTSTRING, static_cast<WPARAM>(-1), reinterpret_cast<LPARAM>(reader)),
               CB_ERR);
     dialog.Press(IDOK);
   }
@@ -448,8 +448,8 @@ TEST_F(Readers, SilenceTakesTheFirst) {
 TEST_F(Readers, TheUserChooses) {
   DialogRobot robot({[](const Dialog& dialog) {
     EXPECT_EQ(dialog.caption(), L"Norvale Token Works KSP v4.2");
-    EXPECT_EQ(dialog.Send(e2e::kReaderList, CB_GETCOUNT), 2);
-    EXPECT_EQ(dialog.text(e2e::kReaderList), L"Norvale Reader 0");
+    EXPECT_EQ(dialog.Send(kit::kReaderList, CB_GETCOUNT), 2);
+    EXPECT_EQ(dialog.text(kit::kReaderList), L"Norvale Reader 0");
     Choose(dialog, L"Norvale Reader 1");
   }});
   const auto provider = Open();

@@ -7,17 +7,15 @@
 #include <mutex>
 #include <set>
 
-#include "kit/imports.h"
-
 namespace kit {
 
 struct DialogRobot::State {
   std::mutex lock;
   std::condition_variable changed;
   std::deque<HWND> shown;
-  std::set<HWND> running;  // those whose message loop has been seen at work
   std::set<HWND> seen;
-  std::set<HWND> gone;  // destroyed, not reused since
+  std::set<HWND> running;  // those whose message loop has been seen at work
+  std::set<HWND> gone;     // destroyed ones; a new window may get the number of one
   std::size_t created = 0;
   std::size_t handled = 0;
   bool stop = false;
@@ -28,33 +26,6 @@ namespace {
 
 // The robot of the thread that opens dialogs; its hook procedure runs on that thread.
 thread_local DialogRobot::State* t_state = nullptr;
-
-// Dialogs that the DLL has ended. Their windows live on for a moment, and must not be answered any more.
-struct EndedDialogs {
-  std::mutex lock;
-  std::set<HWND> windows;
-  Hook<"EndDialog", decltype(&EndDialog)> hook{[this](auto original, HWND window, INT_PTR result) -> BOOL {
-    {
-      const std::lock_guard guard(lock);
-      windows.insert(window);
-    }
-    return original(window, result);
-  }};
-
-  bool Has(HWND window) {
-    const std::lock_guard guard(lock);
-    return windows.contains(window);
-  }
-  void Forget(HWND window) {
-    const std::lock_guard guard(lock);
-    windows.erase(window);
-  }
-};
-
-EndedDialogs& Ended() {
-  static EndedDialogs ended;
-  return ended;
-}
 
 bool IsDialog(HWND window) {
   wchar_t name[16];
@@ -81,18 +52,29 @@ LRESULT CALLBACK OnMessage(int code, WPARAM wParam, LPARAM lParam) {
 LRESULT CALLBACK OnHook(int code, WPARAM wParam, LPARAM lParam) {
   auto* window = reinterpret_cast<HWND>(wParam);
   // The end of a dialog may activate that of another thread, which is not this robot's business.
-  if (t_state && (code == HCBT_CREATEWND || code == HCBT_ACTIVATE) && IsDialog(window) &&
+  if (t_state && (code == HCBT_CREATEWND || code == HCBT_ACTIVATE || code == HCBT_DESTROYWND) && IsDialog(window) &&
       GetWindowThreadProcessId(window, nullptr) == GetCurrentThreadId()) {
     const std::lock_guard guard(t_state->lock);
     if (code == HCBT_CREATEWND) {
-      Ended().Forget(window);
       ++t_state->created;
+      t_state->running.erase(window);
+      t_state->gone.erase(window);
+    } else if (code == HCBT_DESTROYWND) {
+      t_state->seen.erase(window);
+      t_state->gone.insert(window);
     } else if (t_state->seen.insert(window).second) {
       t_state->shown.push_back(window);
-      t_state->changed.notify_all();
     }
+    t_state->changed.notify_all();
   }
   return CallNextHookEx(nullptr, code, wParam, lParam);
+}
+
+// A dialog without WS_VISIBLE is shown when its loop first has nothing to do, which may be after the probe. Each of
+// these messages is answered in a turn of that loop.
+void WaitUntilVisible(HWND window) {
+  while (IsWindow(window) && !IsWindowVisible(window))
+    SendMessageW(window, WM_NULL, 0, 0);
 }
 
 void Work(const std::shared_ptr<DialogRobot::State>& state) {
@@ -115,6 +97,7 @@ void Work(const std::shared_ptr<DialogRobot::State>& state) {
       if (state->handled < state->steps.size()) step = state->steps[state->handled];
       ++state->handled;
     }
+    WaitUntilVisible(window);
     Dialog dialog(window);
     if (step) step(dialog);
     if (dialog.open()) dialog.PressCancel();
@@ -123,8 +106,9 @@ void Work(const std::shared_ptr<DialogRobot::State>& state) {
 
 }  // namespace
 
+// EndDialog hides the window at once; it is destroyed when its thread comes to it.
 bool Dialog::open() const {
-  return IsWindow(window_) != FALSE && !Ended().Has(window_);
+  return IsWindowVisible(window_) != FALSE;
 }
 
 LRESULT Dialog::Send(int id, UINT message, WPARAM wParam, LPARAM lParam) const {
@@ -159,7 +143,6 @@ void Dialog::CloseBySystemMenu() const {
 
 DialogRobot::DialogRobot(std::vector<Step> steps) : state_(std::make_shared<State>()) {
   state_->steps = std::move(steps);
-  Ended();
   t_state = state_.get();
   hook_ = SetWindowsHookExW(WH_CBT, &OnHook, nullptr, GetCurrentThreadId());
   messageHook_ = SetWindowsHookExW(WH_GETMESSAGE, &OnMessage, nullptr, GetCurrentThreadId());

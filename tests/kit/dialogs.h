@@ -1,10 +1,11 @@
-// Answers the provider's dialogs from a second thread, by messages to the real windows.
+// Answers the provider's dialogs from a second thread, by messages to the real windows. Stands on Windows alone, so
+// that programs that reach the provider through CNG can use it, too.
 #pragma once
 
 #include <windows.h>
 
 #include <functional>
-#include <future>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,7 +27,7 @@ class Dialog {
   bool enabled(int id) const { return IsWindowEnabled(control(id)) != FALSE; }
   // Whether it has neither been ended nor destroyed.
   bool open() const;
-  // One WM_CHAR for each character to the control.
+  // One WM_CHAR for each character to the control; "\b" deletes the one before the caret.
   void Type(int id, const std::wstring& characters) const;
   // A key with its WM_KEYDOWN and WM_KEYUP (no WM_CHAR).
   void Key(int id, WPARAM key) const;

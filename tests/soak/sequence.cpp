@@ -17,7 +17,7 @@
 #include "kit/certificate.h"
 #include "kit/dialogs.h"
 #include "kit/provider.h"
-#include "login/pin_cache_entry.h"
+#include "login/pin_cache/pin_cache_entry.h"
 #include "soak/faults.h"
 #include "soak/random.h"
 #include "soak/watch.h"

@@ -1,0 +1,47 @@
+# A room of the house: a folder below src/ with a library of its own, which links only rooms on lower floors.
+
+# kelda_room([PURE source...] [SOURCES source...] [ROOMS folder...] [LIBRARIES library...])
+# Makes the library of the room in the current folder: room::<folder>, with "_" for "/". PURE names the sources that
+# include no Windows header and do no I/O; they are a library by themselves (room::<folder>_pure), which also builds for
+# Linux. ROOMS names every room that a file of this one includes (scripts/check.sh holds this against the includes),
+# LIBRARIES what it needs of Windows. Outside Windows only the pure part exists.
+function(kelda_room)
+  cmake_parse_arguments(PARSE_ARGV 0 ROOM "" "" "PURE;SOURCES;ROOMS;LIBRARIES")
+  file(RELATIVE_PATH folder ${PROJECT_SOURCE_DIR}/src ${CMAKE_CURRENT_SOURCE_DIR})
+  string(REPLACE / _ name ${folder})
+  string(REPLACE / _ below "${ROOM_ROOMS}")
+  set_property(GLOBAL APPEND_STRING PROPERTY KELDA_ROOMS "${folder}: ${ROOM_ROOMS}\n")
+
+  if(ROOM_PURE)
+    add_library(room_${name}_pure STATIC ${ROOM_PURE})
+    add_library(room::${name}_pure ALIAS room_${name}_pure)
+    target_link_libraries(room_${name}_pure PUBLIC kelda_flags kelda_pkcs11)
+    set_property(GLOBAL APPEND PROPERTY KELDA_PURE room::${name}_pure)
+    if(KELDA_FUZZ)
+      target_compile_options(room_${name}_pure PRIVATE -fsanitize=fuzzer-no-link)
+    endif()
+    foreach(other ${below})
+      if(TARGET room_${other}_pure)
+        target_link_libraries(room_${name}_pure PUBLIC room::${other}_pure)
+      endif()
+    endforeach()
+  endif()
+  if(NOT WIN32)
+    return()
+  endif()
+  add_library(room_${name} STATIC ${ROOM_SOURCES})
+  add_library(room::${name} ALIAS room_${name})
+  if(ROOM_PURE)
+    target_link_libraries(room_${name} PUBLIC room::${name}_pure)
+  endif()
+  target_link_libraries(room_${name} PUBLIC kelda_flags kelda_pkcs11 ${ROOM_LIBRARIES})
+  foreach(other ${below})
+    target_link_libraries(room_${name} PUBLIC room::${other})
+  endforeach()
+  if(KELDA_UBSAN_TRAP)
+    target_compile_options(room_${name} PRIVATE ${kelda_ubsan_trap})
+  endif()
+endfunction()
+
+option(KELDA_UBSAN_TRAP "keldaksp.dll ends its process at the first undefined operation (for scripts/soak.sh)" OFF)
+set(kelda_ubsan_trap $<$<COMPILE_LANGUAGE:CXX>:-fsanitize=undefined -fsanitize-undefined-trap-on-error>)

@@ -1,0 +1,56 @@
+#include "provider/entry/provider_cache.h"
+
+#include <new>
+
+#include "support/bounded_copy.h"
+
+ProviderCache* g_ProviderCache = nullptr;
+
+namespace {
+
+// kSettingsKey in the spelling in which this value has always been asked for; the registry itself ignores the case.
+constexpr wchar_t kCacheSettingKey[] = L"SOFTWARE\\Norvale Token Works Ltd.\\KELDA SDK";
+
+// Only the lowest byte of the value decides: 256 switches the cache off like 0. The key's handle and the buffer stay
+// behind on every open; both leaks are known and kept (docs/kept-oddities.md).
+bool SwitchedOff() noexcept {
+  HKEY key = nullptr;
+  if (RegOpenKeyW(HKEY_LOCAL_MACHINE, kCacheSettingKey, &key) != ERROR_SUCCESS) {
+    return false;
+  }
+  constexpr DWORD kValueSize = sizeof(DWORD);
+  BYTE* value = new (std::nothrow) BYTE[kValueSize]();
+  if (value == nullptr) return false;
+  DWORD cbValue = kValueSize;
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks)
+  return RegQueryValueExW(key, L"dwUseProviderCache", nullptr, nullptr, value, &cbValue) == ERROR_SUCCESS &&
+         value[0] == 0;
+}
+
+}  // namespace
+
+void ClearProviderCache() noexcept {
+  if (g_ProviderCache != nullptr) g_ProviderCache->set.store(0, std::memory_order_relaxed);
+}
+
+bool ReadProviderCache(wchar_t* reader, std::size_t cchReader) noexcept {
+  if (g_ProviderCache == nullptr || g_ProviderCache->set.load(std::memory_order_acquire) == 0) return false;
+  wchar_t name[kReaderNameSize];
+  for (std::size_t i = 0; i < kReaderNameSize; ++i)
+    name[i] = g_ProviderCache->reader[i].load(std::memory_order_relaxed);
+  name[kReaderNameSize - 1] = L'\0';
+  BoundedCopy(reader, cchReader, name);
+  return true;
+}
+
+void UpdateProviderCache(KELDAKSP_PROVIDER* provider) noexcept {
+  if (SwitchedOff() || g_ProviderCache == nullptr) return;
+  g_ProviderCache->provider.store(provider, std::memory_order_relaxed);
+  bool ended = false;
+  for (std::size_t i = 0; i < kReaderNameSize; ++i) {
+    const wchar_t c = ended ? L'\0' : provider->pszReader[i];
+    ended = c == L'\0';
+    g_ProviderCache->reader[i].store(c, std::memory_order_relaxed);
+  }
+  g_ProviderCache->set.store(1, std::memory_order_release);
+}

@@ -1,0 +1,3 @@
+#include "support/module_handle.h"
+
+HINSTANCE g_hModule = nullptr;
