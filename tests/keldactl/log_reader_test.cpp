@@ -1,4 +1,4 @@
-#include "log_reader.h"
+#include "keldactl/log_reader.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
