@@ -1,24 +1,10 @@
+include(${CMAKE_CURRENT_LIST_DIR}/warnings.cmake)
+
 # kelda_flags: what every target of ours is compiled with.
 add_library(kelda_flags INTERFACE)
 target_compile_features(kelda_flags INTERFACE cxx_std_20)
-target_compile_options(
-  kelda_flags
-  INTERFACE
-    -Wall
-    -Wextra
-    -Wpedantic
-    -Werror
-    -Wconversion
-    -Wsign-conversion
-    -Wshadow
-    -Wformat=2
-    -Wcast-qual
-    -Wundef
-    -Wnull-dereference
-    $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
-    $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
-    $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
-    -fno-strict-aliasing)
+target_compile_options(kelda_flags INTERFACE ${KELDA_WARNINGS} "$<$<COMPILE_LANGUAGE:CXX>:${KELDA_CXX_WARNINGS}>"
+                                             -fno-strict-aliasing)
 target_include_directories(kelda_flags INTERFACE ${CMAKE_SOURCE_DIR}/src)
 
 if(WIN32)

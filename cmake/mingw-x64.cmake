@@ -1,11 +1,5 @@
-# Cross build for Windows x64 with the posix flavour of mingw-w64 (the win32 flavour has no std::mutex).
-set(CMAKE_SYSTEM_NAME Windows)
+# Cross build for Windows x64; its programs run under this machine's Wine.
 set(CMAKE_SYSTEM_PROCESSOR AMD64)
 set(KELDA_TRIPLET x86_64-w64-mingw32)
-set(CMAKE_C_COMPILER ${KELDA_TRIPLET}-gcc-posix)
-set(CMAKE_CXX_COMPILER ${KELDA_TRIPLET}-g++-posix)
-set(CMAKE_RC_COMPILER ${KELDA_TRIPLET}-windres)
-set(CMAKE_FIND_ROOT_PATH /usr/${KELDA_TRIPLET})
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+include(${CMAKE_CURRENT_LIST_DIR}/mingw.cmake)
+set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../scripts/run-windows.sh x64)

@@ -88,16 +88,21 @@ prefix_settings() {
   printf '"TitleText"="0 0 0"\r\n"InactiveTitleText"="0 0 0"\r\n'
 }
 
-# use_prefix ARCH DIR [managed]: makes the Wine prefix when it is not there, and selects it. Needs a display. Only a
-# prefix for a person's desktop leaves its windows to the window manager.
-use_prefix() {
-  local arch=$1 dir=$2 managed=${3:-}
-  export WINEPREFIX=$dir
-  if [[ $arch == x64 ]]; then
+# select_prefix ARCH DIR: the programs that follow run in that Wine prefix.
+select_prefix() {
+  export WINEPREFIX=$2
+  if [[ $1 == x64 ]]; then
     export WINEARCH=win64 WINE=wine64
   else
     export WINEARCH=win32 WINE=wine
   fi
+}
+
+# use_prefix ARCH DIR [managed]: makes the Wine prefix when it is not there, and selects it. Needs a display. Only a
+# prefix for a person's desktop leaves its windows to the window manager.
+use_prefix() {
+  local arch=$1 dir=$2 managed=${3:-}
+  select_prefix "$arch" "$dir"
   PREFIXES+=("$arch $dir")
   if [[ ! -e $dir/.ready-2 ]]; then
     step "Making a Wine prefix ($arch)"

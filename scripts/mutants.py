@@ -4,6 +4,7 @@ which of them no test notices. scripts/mutate.sh prepares the copies and starts 
 import argparse
 import collections
 import concurrent.futures
+import json
 import os
 import pathlib
 import queue
@@ -15,7 +16,8 @@ import sys
 import threading
 import time
 
-Mutant = collections.namedtuple("Mutant", "number kind file line before after text")
+Mutant = collections.namedtuple("Mutant", "number kind file line begin before after text")
+Program = collections.namedtuple("Program", "name path windows")
 
 TOKEN = re.compile(
     r"""(?P<comment>//[^\n]*|/\*.*?\*/)
@@ -73,12 +75,12 @@ def complete(line):
 
 
 def candidates(path, text):
-    """Every change that is known for one file, as (kind, line, text before, text after, the changed file)."""
+    """Every change that is known for one file, as (kind, line, offset, text before, text after, the changed file)."""
     found = []
 
     def add(kind, begin, end, new):
         line = text.count("\n", 0, begin) + 1
-        found.append((kind, line, text[begin:end], new, text[:begin] + new + text[end:]))
+        found.append((kind, line, begin, text[begin:end], new, text[:begin] + new + text[end:]))
 
     resource = path.suffix == ".rc"
     lines = text.split("\n")
@@ -150,13 +152,13 @@ def choose(root, seed):
     while pools:
         for path in names:
             kind = draw.choice(sorted(pools[path]))
-            _, line, before, after, text = pools[path][kind].pop()
+            _, line, begin, before, after, text = pools[path][kind].pop()
             if not pools[path][kind]:
                 del pools[path][kind]
             if not pools[path]:
                 del pools[path]
             number += 1
-            yield Mutant(number, kind, path.relative_to(root), line, before, after, text)
+            yield Mutant(number, kind, path.relative_to(root), line, begin, before, after, text)
         left = sorted(pools)
         names = draw.choices(left, [sum(map(len, pools[path].values())) for path in left]) if left else []
 
@@ -164,12 +166,14 @@ def choose(root, seed):
 class Worker:
     """One copy of the tree with its builds; builds and tests one mutant after the other."""
 
-    X64 = ["entries_tests", "inside_tests", "dialogs_tests", "soak_tests"]
+    # What never runs the provider, or takes too long to be run for each mutant.
+    KINDS_NOT_RUN = {"standins", "e2e", "check"}
 
     def __init__(self, folder, prefix):
         self.tree = folder / "tree"
         self.folder = folder
         self.prefix = prefix
+        self.programs = []
         self.limits = {}
         self.build_seconds = 1800
         self.process = None
@@ -194,59 +198,68 @@ class Worker:
             subprocess.run(["pkill", "-KILL", "-s", str(process.pid)], check=False)
 
     def build(self):
-        for what, targets in (("native", ["unit_tests", "fuzz_replay_tests"]), ("x64", ["keldaksp"] + self.X64)):
-            if self.run(["ninja", "-C", self.folder / what, "-j1"] + targets, self.build_seconds) != 0:
-                return False
-        return True
+        return all(self.run(["ninja", "-C", self.folder / what, "-j1"], self.build_seconds) == 0 for what in ("native", "x64"))
 
-    def program(self, what, name):
-        return self.folder / what / "bin" / (name if what == "native" else name + ".exe")
+    def find_programs(self):
+        """The test programs that CTest knows; of those that are built natively too, only the native one."""
+        found = {}
+        for what in ("native", "x64"):
+            shown = subprocess.run(["ctest", "--test-dir", self.folder / what, "--show-only=json-v1"], check=True,
+                                   capture_output=True)
+            folder = str(self.folder / what / "bin") + "/"
+            for test in json.loads(shown.stdout)["tests"]:
+                labels = next((p["value"] for p in test["properties"] if p["name"] == "LABELS"), [])
+                paths = [word for word in test.get("command", []) if word.startswith(folder)]
+                if paths and not self.KINDS_NOT_RUN.intersection(labels):
+                    path = pathlib.Path(paths[0])
+                    found.setdefault(path.stem, Program(path.stem, path, what == "x64"))
+        return list(found.values())
 
-    def suites(self):
-        yield "native", "unit_tests"
-        yield "native", "fuzz_replay_tests"
-        for name in self.X64:
-            yield "x64", name
-
-    def test(self, what, name):
+    def test(self, program):
         """None when all tests pass, otherwise what noticed the change."""
-        program = self.program(what, name)
-        command = [program, "--gtest_fail_fast"]
+        command = [program.path, "--gtest_fail_fast"]
         env = None
-        if what == "x64":
+        if program.windows:
             command.insert(0, "wine64")
             env = self.prefix
-        status = self.run(command, self.limits.get(name, 600), program.parent, env)
+        status = self.run(command, self.limits.get(program, 600), program.path.parent, env)
         if status == 0:
             return None
         if status is None:
             subprocess.run(["wineserver", "-k"], env=self.prefix, check=False)
-            return f"{name}: did not end"
+            return f"{program.name}: did not end"
         log = (self.folder / "output.log").read_bytes().decode("utf-8", "replace").replace("\r", "")
         failed = re.search(r"^\[  FAILED  \] ([\w/]+\.[\w/]+)", log, re.M)
-        return f"{name}: {failed.group(1)}" if failed else f"{name}: status {status}"
+        return f"{program.name}: {failed.group(1)}" if failed else f"{program.name}: status {status}"
 
-    def affected(self, what, name, stamps):
-        program = self.program(what, name)
-        dll = self.folder / "x64/bin/keldaksp.dll"
-        inputs = [program] if what == "native" else [program, dll]
+    def dll(self):
+        return self.folder / "x64/bin/keldaksp.dll"
+
+    def affected(self, program, stamps):
+        inputs = [program.path, self.dll()] if program.windows else [program.path]
         return any(path.stat().st_mtime_ns != stamps[path] for path in inputs)
 
     def stamps(self):
-        paths = [self.folder / "x64/bin/keldaksp.dll"] + [self.program(w, n) for w, n in self.suites()]
+        paths = [self.dll()] + [program.path for program in self.programs]
         return {path: path.stat().st_mtime_ns for path in paths}
 
     def prove_unchanged(self):
         """Builds and tests the sources as they are, and takes the time of it; what is wrong with them, if anything is."""
         if not self.build():
             return (self.folder / "output.log").read_text()[-3000:]
-        for what, name in self.suites():
+        seconds = {}
+        for program in self.find_programs():
             begun = time.monotonic()
-            noticed = self.test(what, name)
+            noticed = self.test(program)
             if noticed:
                 output = (self.folder / "output.log").read_bytes().decode("utf-8", "replace")[-3000:]
                 return f"{output}\nThe unchanged sources fail: {noticed}"
-            self.limits[name] = 30 + 5 * (time.monotonic() - begun)
+            seconds[program] = time.monotonic() - begun
+            self.limits[program] = 30 + 5 * seconds[program]
+        if not any(program.windows for program in seconds) or all(program.windows for program in seconds):
+            return "CTest knows no test programs of one of the builds"
+        # The quick ones first: most mutants are noticed before the slow ones.
+        self.programs = sorted(seconds, key=seconds.get)
         return None
 
     def judge(self, mutant):
@@ -260,9 +273,9 @@ class Worker:
         try:
             if not self.build():
                 return "does not compile"
-            for what, name in self.suites():
-                if self.affected(what, name, stamps):
-                    noticed = self.test(what, name)
+            for program in self.programs:
+                if self.affected(program, stamps):
+                    noticed = self.test(program)
                     if noticed:
                         return noticed
             return "survived"
@@ -283,16 +296,35 @@ def shown(mutant):
     return f"{mutant.number:4} {mutant.file}:{mutant.line} {mutant.kind}: {change_of(mutant)}"
 
 
+def bare(text):
+    """The text without what formatting may change."""
+    return re.sub(r"\s+", "", text)
+
+
 def harmless(document):
-    """The rows below the document's heading "Does a test notice a change?" that name a file, a line's code and a change
-    of it, each in backticks: changes that were looked at and that no caller, log or token can tell from the original."""
-    rows = set()
+    """The rows below the document's heading "Does a test notice a change?" that name a file, a piece of its code and a
+    change within it, each in backticks: changes that were looked at and that no caller, log or token can tell from the
+    original."""
+    rows = []
     text = document.read_text(encoding="utf-8").partition("\n## Does a test notice a change?\n")[2]
     for row in text.partition("\n## ")[0].splitlines():
-        quoted = re.findall(r"`([^`]+)`", row)
+        quoted = [text.replace("\\|", "|") for text in re.findall(r"`([^`]+)`", row)]
         if row.startswith("| `src/") and len(quoted) == 3:
-            rows.add(tuple(text.replace("\\|", "|") for text in quoted))
+            rows.append((quoted[0], bare(quoted[1]), bare(quoted[2])))
     return rows
+
+
+def is_harmless(mutant, source, rows):
+    """Whether a row names this change at this place. Spaces and line ends do not count, so that a row outlives a
+    reformatting of the source."""
+    text = bare(source)
+    at = len(bare(source[: mutant.begin]))
+    for file, code, change in rows:
+        if file == str(mutant.file) and change == bare(change_of(mutant)):
+            # The code surrounds the change.
+            if text.find(code, max(0, at - len(code) + 1), at + len(code)) >= 0:
+                return True
+    return False
 
 
 def main():
@@ -373,12 +405,10 @@ def main():
     verdicts.sort(key=lambda pair: pair[0].number)
     known = harmless(options.document)
     tree = workers[0].tree
-
-    def is_harmless(mutant):
-        line = (tree / mutant.file).read_text().split("\n")[mutant.line - 1].strip()
-        return (str(mutant.file), line, change_of(mutant)) in known
-
-    verdicts = [(m, "changes nothing" if v == "survived" and is_harmless(m) else v) for m, v in verdicts]
+    verdicts = [
+        (m, "changes nothing" if v == "survived" and is_harmless(m, (tree / m.file).read_text(), known) else v)
+        for m, v in verdicts
+    ]
     counted = [(m, v) for m, v in verdicts if v not in ("does not compile", "changes nothing")]
     survivors = [(m, v) for m, v in counted if v == "survived"]
     minutes = (time.monotonic() - begun) / 60

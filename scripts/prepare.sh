@@ -42,7 +42,7 @@ for purpose in "$@"; do
       need_packages cmake ninja-build ccache g++ g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix \
         wine64-tools libwine-dev googletest libp11-kit-dev
       ;;
-    run) need_packages wine64 fonts-wine xvfb xauth xdotool imagemagick softhsm2 opensc openssl ;;
+    run) need_packages wine64 fonts-wine xvfb xauth xdotool imagemagick softhsm2 opensc openssl python3 ;;
     x86) prepare_x86 ;;
     check) need_packages clang clang-format clang-tidy cppcheck shellcheck binutils-mingw-w64-x86-64 python3 ;;
     coverage) need_packages gcovr python3 ;;

@@ -1,0 +1,57 @@
+# Run by CTest when it starts, for one test program (testing.cmake): registers a test for each of its sources that has
+# test suites, and one that fails when the program has a case that none of them runs.
+get_filename_component(folder ${program} DIRECTORY)
+
+function(add_run test)
+  add_test(${test} ${emulator} ${program} ${ARGN})
+  set_tests_properties(${test} PROPERTIES WORKING_DIRECTORY ${folder} TIMEOUT ${timeout} LABELS "${labels}"
+                                          ENVIRONMENT KELDA_TEST_LOG=${results}/${test}.log)
+  if(NOT "${emulator}" STREQUAL "")
+    # Windows programs share one registry and one keyboard focus.
+    set_tests_properties(${test} PROPERTIES FIXTURES_REQUIRED desktop RESOURCE_LOCK desktop)
+  endif()
+endfunction()
+
+set(every "")
+foreach(source ${sources})
+  if(NOT EXISTS ${source})
+    message(FATAL_ERROR "${source} is gone; build again")
+  endif()
+  file(READ ${source} text)
+  string(REGEX MATCHALL "(^|\n)(TYPED_)?TEST(_F|_P)?\\([A-Za-z0-9_]+" heads "${text}")
+  set(patterns "")
+  foreach(head ${heads})
+    string(REGEX REPLACE ".*\\(" "" suite ${head})
+    # The instances of a suite with parameters have a word before it, those of one with types a number behind.
+    if(head MATCHES "TEST_P")
+      list(APPEND patterns */${suite}.*)
+    elseif(head MATCHES "TYPED")
+      list(APPEND patterns ${suite}/*)
+    else()
+      list(APPEND patterns ${suite}.*)
+    endif()
+  endforeach()
+  if("${patterns}" STREQUAL "")
+    continue()
+  endif()
+  list(REMOVE_DUPLICATES patterns)
+  foreach(pattern ${patterns})
+    list(FIND every ${pattern} twice)
+    if(NOT twice EQUAL -1)
+      message(FATAL_ERROR "${source}: another file of ${group} has tests of ${pattern} as well")
+    endif()
+  endforeach()
+  list(APPEND every ${patterns})
+
+  get_filename_component(file ${source} NAME_WE)
+  string(REGEX REPLACE "_test$" "" file ${file})
+  string(REPLACE ";" ":" filter "${patterns}")
+  set(test ${group}.${file})
+  # The report's name is relative to the working directory, which Windows and Linux read alike.
+  add_run(${test} --gtest_filter=${filter} --gtest_output=xml:../test-results/${test}.xml)
+  set_tests_properties(${test} PROPERTIES FAIL_REGULAR_EXPRESSION " 0 tests from 0 test suites ran")
+endforeach()
+
+string(REPLACE ";" ":" filter "${every}")
+add_run(${group}.complete --gtest_filter=-${filter})
+set_tests_properties(${group}.complete PROPERTIES PASS_REGULAR_EXPRESSION " 0 tests from 0 test suites ran")
