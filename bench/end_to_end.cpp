@@ -91,7 +91,7 @@ void MeasureEndToEnd(Report& report) {
   const Work all = Demanded(imports, list, direct, Part::All);
   const Work token = Demanded(imports, list, direct, Part::Token);
 
-  const Plan plan{31, 30, {}};
+  const Plan plan{31, 30, 20, {}};
   Subject subject{"layer", "signature", false, 0, 0};
   subject.name = "router and all below";
   report.Compared(subject, Compare(through, direct, plan), "with", "without");

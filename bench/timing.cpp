@@ -37,6 +37,12 @@ std::size_t CallsPerBatch(const Call& call, const Plan& plan) {
   return static_cast<std::size_t>(std::max(std::ceil(plan.batchMilliseconds * 1000 / mean), 1.0));
 }
 
+// Whether a measurement that began at start goes on with this batch.
+bool GoesOn(const Plan& plan, std::size_t batch, double start) {
+  constexpr std::size_t kFew = 5;
+  return batch < plan.batches && (batch < kFew || Microseconds() - start < plan.seconds * 1e6);
+}
+
 Quartiles Of(std::vector<double> values) {
   std::sort(values.begin(), values.end());
   const auto at = [&](double part) {
@@ -53,7 +59,8 @@ Quartiles Of(std::vector<double> values) {
 Quartiles TimeOf(const Call& call, const Plan& plan) {
   const std::size_t calls = CallsPerBatch(call, plan);
   std::vector<double> times;
-  for (std::size_t i = 0; i < plan.batches; ++i) {
+  const double start = Microseconds();
+  for (std::size_t i = 0; GoesOn(plan, i, start); ++i) {
     times.push_back(Batch(call, calls));
     if (plan.between) plan.between();
   }
@@ -66,7 +73,8 @@ Comparison Compare(const Call& first, const Call& second, const Plan& plan) {
   std::vector<double> ones;
   std::vector<double> others;
   std::vector<double> ratios;
-  for (std::size_t i = 0; i < plan.batches; ++i) {
+  const double start = Microseconds();
+  for (std::size_t i = 0; GoesOn(plan, i, start); ++i) {
     double one = 0;
     double other = 0;
     const auto runFirst = [&] {

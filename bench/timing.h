@@ -18,6 +18,7 @@ using Call = std::function<void()>;
 struct Plan {
   std::size_t batches = 31;
   double batchMilliseconds = 10;  // at least
+  double seconds = 20;            // after so long five batches are enough
   Call between;                   // runs between batches, untimed
 };
 
