@@ -2,6 +2,14 @@
 # Shared by the scripts in this folder; sourced, not run.
 set -euo pipefail
 
+# --help of each script is the comment at its head.
+case ${1-} in
+  -h | --help)
+    sed -n '2,/^# shellcheck/{/^# shellcheck/d;s/^# \{0,1\}//p}' "$0"
+    exit 0
+    ;;
+esac
+
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # Everything that is built or made while running goes here.
 BUILD=$(realpath -m "${KELDA_BUILD:-$ROOT/build}")
@@ -140,13 +148,13 @@ assemble_app() {
     cmake --install "$BUILD/$arch" --component "$component" --prefix "$dir" >/dev/null ||
       die "what scripts/build.sh $arch makes is missing"
   done
-  use_standins "$arch"
+  use_standins "$dir"
 }
 
-# use_standins ARCH: the environment in which programs use the stand-ins that lie beside them.
+# use_standins DIR: the environment in which programs use the stand-ins in DIR, which lie beside them.
 use_standins() {
   # The part of the soft token that is Linux code.
-  export WINEDLLPATH=$BUILD/$1/standins
+  export WINEDLLPATH=$1
   export WINEDLLOVERRIDES="bcrypt,ncrypt,winscard,keldapkcs11=n,b;mscoree=;mshtml="
 }
 

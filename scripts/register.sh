@@ -11,7 +11,7 @@ WINEARCH=$([[ $arch == x64 ]] && echo win64 || echo win32)
 WINE=$([[ $arch == x64 ]] && echo wine64 || echo wine)
 export WINEPREFIX=$2 WINEARCH
 [[ -f $folder/keldactl.exe && -f $folder/bcrypt.dll ]] || die "keldactl.exe and bcrypt.dll have to lie beside $3"
-use_standins "$arch"
+use_standins "$folder"
 
 keldactl() { on "$arch" "$WINE" "$folder/keldactl.exe" "$@" </dev/null; }
 
