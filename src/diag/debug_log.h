@@ -31,7 +31,7 @@ class DebugClass {
   // Label followed by the text (zero-terminated or null) in narrow characters; a text of more than 511 characters or
   // with a character above 0xFF leaves the value empty.
   void WriteWide(const char* label, const wchar_t* text) noexcept;
-  // Label followed by text.
+  // Label followed by text of at most 1500 characters.
   void WriteText(const char* label, const char* text) noexcept;
 
  private:
