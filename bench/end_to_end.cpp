@@ -102,8 +102,6 @@ void MeasureEndToEnd(Report& report) {
                   "with", "without");
   subject.name = "platform and token";
   report.Compared(subject, Compare([&] { all.Run(); }, [&] { token.Run(); }, plan), "with", "without");
-  subject.name = "soft token";
-  report.Timed(subject, "with", TimeOf([&] { token.Run(); }, plan));
 
   table->FreeKey(innerProvider, innerKey);
   table->FreeProvider(innerProvider);

@@ -42,8 +42,8 @@ void Report::Compared(const Subject& subject, const Comparison& result, const ch
                Text(result.first).c_str(), secondName, Text(result.second).c_str(), Text(result.ratio).c_str());
   std::fflush(file_);
   char text[128];
-  std::snprintf(text, sizeof(text), "%12.1f us, %6.3f times (%.3f to %.3f) the demanded calls", result.first.median,
-                result.ratio.median, result.ratio.low, result.ratio.high);
+  std::snprintf(text, sizeof(text), "%12.1f us, %6.3f times (%.3f to %.3f) %s", result.first.median,
+                result.ratio.median, result.ratio.low, result.ratio.high, secondName);
   Progress(subject, text);
 }
 

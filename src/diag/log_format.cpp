@@ -1,6 +1,7 @@
 #include "diag/log_format.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 
@@ -44,7 +45,7 @@ void Hex32(char (&text)[kHex32Size], std::uint32_t value) noexcept {
 }
 
 void Decimal(char (&text)[kDecimalSize], std::int32_t value) noexcept {
-  std::snprintf(text, sizeof(text), "%d", static_cast<int>(value));
+  *std::to_chars(text, text + kDecimalSize - 1, value).ptr = '\0';
 }
 
 void StartLine(char (&text)[kStartLineSize], const char* ctimeText) noexcept {
