@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "token/missing_functions.h"
+
 CryptokiModule* g_Cryptoki = nullptr;
 
 CryptokiModule::CryptokiModule() noexcept : log_(LogPointer::Create(-1, 0)) {
@@ -52,6 +54,11 @@ bool CryptokiModule::LoadFunctionList() noexcept {
     return false;
   }
   functionList_ = reinterpret_cast<TokenFunctionList*>(list);
+  if (HasMissingFunctions(*functionList_)) {
+    completed_ = *functionList_;
+    FillMissingFunctions(completed_);
+    functionList_ = &completed_;
+  }
   log_->WriteLine("Load Function List success");
   return true;
 }

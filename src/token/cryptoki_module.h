@@ -21,7 +21,7 @@ class CryptokiModule {
   // Whether every step succeeded; nothing else may be asked of a module that is not ready.
   bool Ready() const noexcept { return ready_; }
 
-  // The module's table; owned by the module.
+  // The module's table, owned by the module; or a copy of it whose gaps are filled.
   const CK_FUNCTION_LIST& Functions() const noexcept { return functionList_->standard; }
 
   // The maker's login entry: 0, a CK_RV, or 1 to 14 for a wrong PIN (tries left). pin has pinLength bytes.
@@ -34,7 +34,8 @@ class CryptokiModule {
   HMODULE module_ = nullptr;
   std::uint32_t getListStatus_ = 0;
   CK_C_GetFunctionList getFunctionList_ = nullptr;
-  TokenFunctionList* functionList_ = nullptr;
+  const TokenFunctionList* functionList_ = nullptr;
+  TokenFunctionList completed_ = {};  // the module's list, when that has gaps
   bool ready_ = false;
   LogPointer log_;
 };
