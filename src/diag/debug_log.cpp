@@ -84,9 +84,8 @@ void DebugClass::WriteLine(const char* text) noexcept {
 
 // The line is put together on the stack: when there is no memory on the heap, lines are missed most. No label of this
 // DLL is longer than there is room for; one that were would ask the heap, and be cut without it.
-void DebugClass::WriteText(const char* label, const char* text) noexcept {
+void DebugClass::WriteText(const char* label, const char* text, std::size_t cchText) noexcept {
   char room[kLongestLabel + kLongestValue + 1];
-  const std::size_t cchText = std::strlen(text);
   std::size_t cchLabel = std::strlen(label);
   WipedArray<char> longer;
   if (cchLabel + cchText >= sizeof(room)) longer = WipedArray<char>::Try(cchLabel + cchText + 1);
@@ -101,17 +100,22 @@ void DebugClass::WriteText(const char* label, const char* text) noexcept {
   SecureWipe(line, cchLabel + cchText);
 }
 
+void DebugClass::WriteText(const char* label, const char* text) noexcept {
+  WriteText(label, text, std::strlen(text));
+}
+
 void DebugClass::WriteHex32(const char* label, std::uint32_t value) noexcept {
   char text[logformat::kHex32Size];
   logformat::Hex32(text, value);
-  WriteText(label, text);
+  WriteText(label, text, sizeof(text) - 1);
 }
 
 void DebugClass::WriteBytes(const char* label, const void* data, std::size_t length) noexcept {
   char text[kLongestValue + 1];
   logformat::HexDump(text, data, length);
-  WriteText(label, text);
-  SecureWipe(text, std::strlen(text));
+  const std::size_t cchText = logformat::HexDumpSize(data, length) - 1;
+  WriteText(label, text, cchText);
+  SecureWipe(text, cchText);
 }
 
 void DebugClass::WriteWide(const char* label, const wchar_t* text) noexcept {

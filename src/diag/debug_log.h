@@ -35,6 +35,7 @@ class DebugClass {
   void WriteText(const char* label, const char* text) noexcept;
 
  private:
+  void WriteText(const char* label, const char* text, std::size_t cchText) noexcept;
   bool OpenFile() noexcept;
   void CloseFile() noexcept;
   void Start(std::int32_t level, std::int32_t writeStartLine) noexcept;
