@@ -5,7 +5,6 @@
 
 #include "diag/debug_log.h"
 #include "login/pin_cache/pin_manager.h"
-#include "support/module_handle.h"
 #include "support/text.h"
 #include "support/ck_rv_status.h"
 #include "token/cryptoki_module.h"
@@ -64,9 +63,10 @@ void CLogin::DoDataExchange(CDataExchange& exchange) {
 
 bool CLogin::OnInitDialog() {
   CDialog::OnInitDialog();
-  icon_ = LoadIconW(g_hModule, MAKEINTRESOURCEW(IDI_KELDA));
-  Send(WM_SETICON, ICON_BIG, reinterpret_cast<LPARAM>(icon_));
-  Send(WM_SETICON, ICON_SMALL, reinterpret_cast<LPARAM>(icon_));
+  icon_.Load(IDI_KELDA, SM_CXICON, SM_CYICON);
+  smallIcon_.Load(IDI_KELDA, SM_CXSMICON, SM_CYSMICON);
+  Send(WM_SETICON, ICON_BIG, reinterpret_cast<LPARAM>(icon_.Handle()));
+  Send(WM_SETICON, ICON_SMALL, reinterpret_cast<LPARAM>(smallIcon_.Handle()));
 
   LOGFONTW font = {};
   font.lfHeight = 16;

@@ -67,7 +67,8 @@ class CLogin : public CDialog {
   SECURITY_STATUS CheckContext() const noexcept;
   void SetStatusLine(const char* text) noexcept;
 
-  HICON icon_ = nullptr;
+  CIcon icon_;
+  CIcon smallIcon_;
   CFont statusFont_;
   CStatic status_;
   CStatic logo_;
