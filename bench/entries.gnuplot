@@ -8,6 +8,7 @@ set xtics rotate by -35
 set grid ytics
 set yrange [0.8:*]
 set key off
+set rmargin 16
 plot "entries.dat" using 0:2:xtic(1) with boxes linecolor rgb "#4060a0", \
      "" using 0:2:3:4 with yerrorbars pointtype 0 linecolor rgb "#202020", \
      1 linecolor rgb "#a04040"

@@ -138,7 +138,8 @@ TEST_F(CallCounts, Encryption) {
 
 TEST_F(CallCounts, ProviderHandle) {
   NCRYPT_PROV_HANDLE other = 0;
-  Expect({10, 0, 2, 10, 6, 7, 12, "InitializeCriticalSectionAndSpinCount, RegOpenKeyW"},
+  Expect({10, 0, 2, 10, 6, 7, 12,
+          "AcquireSRWLockExclusive, InitializeCriticalSectionAndSpinCount, RegOpenKeyW, ReleaseSRWLockExclusive"},
          [&] { return ksp().OpenProvider(&other, kit::kProviderName, NCRYPT_SILENT_FLAG); });
   Expect({9, 0, 0, 9, 0, 1, 13}, [&] {
     wchar_t text[] = L"text";
