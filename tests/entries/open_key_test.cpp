@@ -189,10 +189,12 @@ TEST_F(OpenKeyTest, DescriptorAndKeyFileOfTheEntryStayWithIt) {
   token().AddKeyPair(Ascii("Key1"), "");
   BuildList();
   kit::KeyRecord& entry = kit::RecordOf(provider_)->pKeyObjects[0];
-  entry.pbSecurityDescr = static_cast<BYTE*>(kit::NewProviderBlock("descriptor", 10));
-  entry.cbSecurityDescr = 10;
-  entry.pbKeyFile = static_cast<BYTE*>(kit::NewProviderBlock("key file", 8));
-  entry.cbKeyFile = 8;
+  // So large that nothing of what the next list asks for is given their places.
+  const std::string large(1 << 20, 'x');
+  entry.pbSecurityDescr = static_cast<BYTE*>(kit::NewProviderBlock(large.data(), large.size()));
+  entry.cbSecurityDescr = static_cast<ULONG>(large.size());
+  entry.pbKeyFile = static_cast<BYTE*>(kit::NewProviderBlock(large.data(), large.size()));
+  entry.cbKeyFile = static_cast<ULONG>(large.size());
   EXPECT_EQ(Open(L"Key1"), 0);
   const kit::KeyRecord& key = *kit::KeyOf(key_);
   EXPECT_EQ(key.pbSecurityDescr, nullptr);
