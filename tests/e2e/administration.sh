@@ -89,7 +89,8 @@ reg delete 'HKLM\Software\Norvale Token Works Ltd.' /f >/dev/null 2>&1 || true
 reg delete 'HKLM\Software\WOW6432Node\Norvale Token Works Ltd.' /f >/dev/null 2>&1 || true
 reg delete "$crypto\\Providers" /f >/dev/null 2>&1 || true
 reg delete "$crypto\\Configuration" /f >/dev/null 2>&1 || true
-rm -f "$system32" "$syswow64"
+reg delete 'HKCU\Software\Microsoft\SystemCertificates\My' /f >/dev/null 2>&1 || true
+rm -rf "$system32" "$syswow64" "$WINEPREFIX/drive_c/logs"
 
 keldactl none providers
 expect "without any provider, providers says so" 0 '^There are no key storage providers\.$'
@@ -338,7 +339,7 @@ expect "check without the token module" 1 'failed   The token module is found: k
 check "says where it belongs" says "Install the token maker's software"
 check "and why the DLL does not start" says 'failed   The DLL loads: it refused to start: '
 every_failure_has_advice() {
-  awk '/^[ 0-9][0-9]  failed/ { failed = NR } failed && NR == failed + 1 && /^ {13}[^ ]/ { advised++ }
+  awk '/^[ 0-9][0-9]  failed/ { failed = NR } failed && NR == failed + 1 && /^             [^ ]/ { advised++ }
     /^[ 0-9][0-9]  failed/ { failures++ } END { exit !(failures > 0 && advised == failures) }' said.txt
 }
 check "every failure has an advice" every_failure_has_advice
@@ -370,6 +371,7 @@ expect "check without readers" 1 'failed   Readers: there are none$'
 echo 'Norvale Reader 0' >"$KELDA_READERS"
 keldactl none check
 expect "check without a token" 1 'failed   A token is in a reader: '
+check "programs are not asked for a reader then" says 'skipped  Programs can open the provider'
 cp readers.txt "$KELDA_READERS"
 tries=$(echo "$work"/token/tokens/tries-*)
 echo '0 3' >"$tries"
@@ -449,6 +451,12 @@ keldactl "$KELDA_PIN" delete --key Other --yes --certificates
 expect "delete --certificates takes it away" 0 '^Took its certificate [0-9A-F]{40} out of your store\.$'
 keldactl none certificates
 check "only the other one stays" bash -c '! grep -q "CN=Other" said.txt && grep -q "CN=Jane Doe" said.txt'
+keldactl none certificates --remove "${thumbprint,,}"
+expect "certificates --remove" 0 "^Took the certificate $thumbprint out of your store"
+keldactl none certificates --remove "$thumbprint"
+expect "certificates --remove of what is not there" 3 'No certificate in your store'
+keldactl none certificates --remove x --json
+expect "--remove and --json go not together" 2 'do not go together'
 keldactl none check
 expect "a token without keys is a warning" 0 'warning  Its list of keys: the token has none$'
 

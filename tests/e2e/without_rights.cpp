@@ -1,5 +1,5 @@
-// Runs a program as an administrator's programs run before an elevation: without_rights PROGRAM ARGUMENT... ends with the
-// program's own status.
+// Runs a program as an administrator's programs run before an elevation: without_rights PROGRAM ARGUMENT... ends with
+// the program's own status.
 
 #include <windows.h>
 

@@ -108,7 +108,7 @@ ExitStatus ImportKey(const ImportOptions& options) {
   const std::wstring operation = L"Importing the key " + Quoted(name);
   const Provider provider(options.provider);
   provider.RefuseUnfitName(name);
-  const std::vector<ListedKey> before = provider.Keys();
+  const std::optional<std::vector<ListedKey>> before = KeysBefore(provider);
   NCryptBuffer name_buffer = {static_cast<ULONG>((name.size() + 1) * sizeof(wchar_t)), NCRYPTBUFFER_PKCS_KEY_NAME,
                               name.data()};
   NCryptBufferDesc parameters = {NCRYPTBUFFER_VERSION, 1, &name_buffer};
@@ -122,7 +122,7 @@ ExitStatus ImportKey(const ImportOptions& options) {
     throw Failure(L"The file holds a private key, and this provider does not take private keys. " + operation, status);
   }
   Check(status, operation);
-  SayNewcomers(before, provider.Keys(), name, L"Imported the key " + Quoted(name));
+  SayNewcomers(provider, before, name, L"Imported the key " + Quoted(name));
   return ExitStatus::kDone;
 }
 

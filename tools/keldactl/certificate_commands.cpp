@@ -26,7 +26,16 @@ void StoreCertificate(const Key& key, const std::wstring& path) {
 
 void FetchCertificate(const Key& key, const std::optional<std::wstring>& out) {
   Bytes value;
-  Check(ReadProperty(key.handle.get(), NCRYPT_CERTIFICATE_PROPERTY, &value), L"Reading the certificate");
+  const SECURITY_STATUS status = ReadProperty(key.handle.get(), NCRYPT_CERTIFICATE_PROPERTY, &value);
+  if (status == NTE_NOT_SUPPORTED) {
+    throw Failure(L"the certificate of the key " + TitleOf(key) +
+                  L" cannot be fetched: the provider stores certificates and does not hand them out")
+        .Advise(
+            L"Your certificate store has it when it was installed there; the token maker's tools or pkcs11-tool read "
+            L"it "
+            L"from the token.");
+  }
+  Check(status, L"Reading the certificate");
   WriteText(out, Pem("CERTIFICATE", Certificate(value).Der()),
             L"Wrote the certificate of the key " + TitleOf(key) + L" to " + OutName(out.value_or(L"")) + L".");
 }
@@ -47,6 +56,9 @@ void ExcludeEachOther(const std::vector<CLI::Option*>& options) {
 }
 
 void CertificateSyntax(Syntax& syntax, CertificateOptions& options) {
+  syntax.Notes(
+      "The Norvale provider stores certificates beside their keys and hands none out: fetching works with\n"
+      "other providers only.");
   AddKeyOptions(syntax, options.key);
   CLI::Option& set =
       syntax.Text("--set", options.set, "FILE", "store this certificate (DER or PEM); - is standard input");

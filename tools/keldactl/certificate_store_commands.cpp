@@ -60,12 +60,15 @@ KeyState StateOf(const Provider& provider, const std::vector<ListedKey>& keys, c
 
 struct CertificatesOptions {
   ProviderOptions provider;
+  std::optional<std::wstring> remove;
   bool json = false;
 };
 
 void CertificatesSyntax(Syntax& syntax, CertificatesOptions& options) {
   AddProviderOptions(syntax, options.provider);
-  syntax.Json(options.json);
+  CLI::Option& remove = syntax.Text("--remove", options.remove, "THUMBPRINT",
+                                    "take this one out of your store, whether or not its key is there");
+  syntax.Json(options.json).excludes(&remove);
   syntax.Notes("The certificates of your store (MY) that point at keys of the provider, and whether the key is there.");
 }
 
@@ -73,8 +76,30 @@ std::wstring EndInWords(const StoredCertificate& certificate) {
   return certificate.not_after + (certificate.expired ? L" (ended)" : L"");
 }
 
+// As Windows' certificate window shows it: in either case, and with blanks between the digits.
+std::wstring Thumbprint(const std::wstring& typed) {
+  std::wstring digits;
+  for (const wchar_t c : typed) {
+    if (c == L' ' || c == L':') continue;
+    digits += c >= L'a' && c <= L'f' ? static_cast<wchar_t>(c - L'a' + L'A') : c;
+  }
+  return digits;
+}
+
+ExitStatus RemoveCertificate(const std::wstring& typed, const std::wstring& provider) {
+  const std::wstring thumbprint = Thumbprint(typed);
+  if (RemoveStoredCertificate(thumbprint, provider) == 0) {
+    throw Failure(
+        L"No certificate in your store that points at " + Quoted(provider) + L" has the thumbprint " + Quoted(typed),
+        ExitStatus::kNotFound);
+  }
+  Say(L"Took the certificate " + thumbprint + L" out of your store.");
+  return ExitStatus::kDone;
+}
+
 ExitStatus ListCertificates(const CertificatesOptions& options) {
   const std::wstring name = options.provider.name.value_or(kNorvaleProvider);
+  if (options.remove) return RemoveCertificate(*options.remove, name);
   const std::vector<StoredCertificate> certificates = StoredCertificates(name);
   Json list = Json::array();
   std::vector<std::vector<std::wstring>> rows = {{L"THUMBPRINT", L"SUBJECT", L"UNTIL", L"KEY", L"KEY IS THERE"}};

@@ -80,27 +80,32 @@ void AddKeyOptions(Syntax& syntax, KeyOptions& options) {
 
 namespace {
 
-// A provider that finds no token says only that it failed.
+// A provider that finds no token says only that it failed. What the readers show, told as far as they can be asked.
+void AdviseAboutReaders(Failure& failure) {
+  try {
+    const std::vector<Reader> readers = ListReaders();
+    const bool holds =
+        std::any_of(readers.begin(), readers.end(), [](const Reader& reader) { return reader.has_token; });
+    if (holds) {
+      failure.Advise(L"Readers with a token: " + ReadersWithToken(readers) +
+                     L". In the reader dialog only one of these will do.");
+      return;
+    }
+    failure.EndWith(ExitStatus::kNotFound)
+        .Advise(readers.empty() ? L"There is no reader: connect one, put the token into it and try again."
+                                : L"No reader holds a token: put the token in and try again.");
+  } catch (const Failure& service) {
+    failure.Advise(service.message() + L". " + service.advice());
+  }
+}
+
 Failure CannotOpen(const std::wstring& name, SECURITY_STATUS status) {
   Failure failure(L"Opening the provider " + Quoted(name), status);
   if (status == NTE_NOT_FOUND || status == NTE_KEYSET_NOT_DEF) {
     failure.EndWith(ExitStatus::kNotFound)
         .Advise(L"No provider of this name is registered on this machine for programs of this width.");
   }
-  if (status != NTE_FAIL) return failure;
-  try {
-    const std::vector<Reader> readers = ListReaders();
-    const bool holds =
-        std::any_of(readers.begin(), readers.end(), [](const Reader& reader) { return reader.has_token; });
-    if (readers.empty()) {
-      failure.EndWith(ExitStatus::kNotFound)
-          .Advise(L"There is no reader: connect one, put the token into it and try again.");
-    } else if (!holds) {
-      failure.EndWith(ExitStatus::kNotFound).Advise(L"No reader holds a token: put the token in and try again.");
-    }
-  } catch (const Failure& service) {
-    failure.Advise(service.message() + L". " + service.advice());
-  }
+  if (status == NTE_FAIL || status == NTE_INTERNAL_ERROR) AdviseAboutReaders(failure);
   return failure;
 }
 
@@ -171,7 +176,9 @@ std::wstring NameOfNone(const std::vector<ListedKey>& keys) {
 // The key is not there. Finds out what the user should know: listing may fail where opening did not.
 Failure NoSuchKey(const Provider& provider, const KeyOptions& options, const std::optional<std::wstring>& offered) {
   Failure failure(L"no " + Asked(options) + L" in " + Quoted(provider.name()) +
-                      (offered ? L"; the provider offered " + TitleOf(*offered) + L" instead" : L""),
+                      (offered ? std::wstring(L"; the provider offered ") + (offered->empty() ? L"the key " : L"") +
+                                     TitleOf(*offered) + L" instead"
+                               : L""),
                   ExitStatus::kNotFound);
   std::wstring advice;
   try {
@@ -252,7 +259,7 @@ Key Provider::Open(const KeyOptions& options) const {
 }
 
 std::wstring TitleOf(const std::wstring& name) {
-  if (name.empty()) return L"the key without a name";
+  if (name.empty()) return L"without a name";
   const std::wstring hex = HexText(name);
   return Quoted(name) + (hex.empty() ? L"" : L" (" + hex + L")");
 }

@@ -388,9 +388,12 @@ void HealthCheck::CheckSettings() {
 }
 
 void HealthCheck::CheckProvider() {
-  const bool registered = status_.registered && library_ != nullptr;
+  // Without a token there is nothing to open, and the provider might ask for a reader.
+  const bool registered = status_.registered && library_ != nullptr && !module_.tokens.empty();
   const bool open = Step("provider_opens", L"Programs can open the provider", registered, [&] {
-    provider_.emplace(ProviderOptions());
+    ProviderOptions options;
+    options.silent = !options_.sign;
+    provider_.emplace(options);
     return Ok(L"by CNG");
   });
   Step("provider_name", L"It tells its name", open, [&] {
@@ -435,7 +438,7 @@ Finding HealthCheck::CertificateOf(const std::wstring& name, const std::optional
     if (key && certificate.key != key) {
       return Failed(
           L"the certificate of " + Quoted(certificate.subject) + L" points at this key and belongs to another",
-          L"Take it away (keldactl certificate --key " + HexText(name) + L" --uninstall) and " + install);
+          L"Take it away: keldactl certificates --remove " + certificate.thumbprint + L".");
     }
     if (certificate.expired)
       return Warning(Quoted(certificate.subject) + L" ended on " + certificate.not_after, install);

@@ -28,8 +28,8 @@ struct HealthCheckOptions {
   bool sign = false;                // log in and sign with it
 };
 
-// Takes the steps and hands each to `tell` when it is done. Only signing logs in, and only it may bring up a dialog
-// for the PIN. Returns true when no step failed.
+// Takes the steps and hands each to `tell` when it is done. Only with signing may
+// dialogs come up. Returns true when no step failed.
 bool CheckHealth(const HealthCheckOptions& options, const std::function<void(const HealthStep&)>& tell);
 
 }  // namespace keldactl

@@ -75,6 +75,7 @@ std::string ProgramHelp(const CLI::App& app) {
 
 std::string Name(const CLI::Option& option) {
   std::string name = option.get_name(option.get_positional());
+  if (!option.get_snames().empty()) name.insert(0, "-" + option.get_snames()[0] + ", ");
   return option.get_positional() || option.get_type_name().empty() ? name : name + " " + option.get_type_name();
 }
 

@@ -218,8 +218,8 @@ NcryptHandle BeginKey(const Provider& provider, const CreateOptions& options, co
 ExitStatus CreateKey(const CreateOptions& options) {
   const Provider provider(options.provider);
   provider.RefuseUnfitName(options.key);
-  const std::vector<ListedKey> before = provider.Keys();
-  const NcryptHandle key = BeginKey(provider, options, before);
+  const std::optional<std::vector<ListedKey>> before = KeysBefore(provider);
+  const NcryptHandle key = BeginKey(provider, options, before.value_or(std::vector<ListedKey>()));
   if (options.length) {
     DWORD length = *options.length;
     Check(NCryptSetProperty(key.get(), NCRYPT_LENGTH_PROPERTY, reinterpret_cast<PBYTE>(&length), sizeof length, 0),
@@ -229,10 +229,7 @@ ExitStatus CreateKey(const CreateOptions& options) {
     const Progress progress(L"Generating the key pair");
     Check(NCryptFinalizeKey(key.get(), provider.flags()), L"Generating the key pair");
   }
-  const std::vector<ListedKey> after = provider.Keys();
-  SayNewcomers(before, after, options.key, L"Created the key " + Quoted(options.key));
-  for (const ListedKey& lost : Newcomers(after, before))
-    Say(L"The key " + TitleOf(lost.name) + L" is lost.");
+  SayNewcomers(provider, before, options.key, L"Created the key " + Quoted(options.key));
   return ExitStatus::kDone;
 }
 

@@ -71,9 +71,23 @@ std::vector<ListedKey> Newcomers(const std::vector<ListedKey>& before, const std
   return fresh;
 }
 
-void SayNewcomers(const std::vector<ListedKey>& before, const std::vector<ListedKey>& after, const std::wstring& name,
-                  const std::wstring& done) {
-  const std::vector<ListedKey> fresh = Newcomers(before, after);
+std::optional<std::vector<ListedKey>> KeysBefore(const Provider& provider) {
+  try {
+    return provider.Keys();
+  } catch (const Failure&) {
+    if (provider.KeepsKeysOnToken()) throw;
+    return std::nullopt;
+  }
+}
+
+void SayNewcomers(const Provider& provider, const std::optional<std::vector<ListedKey>>& before,
+                  const std::wstring& name, const std::wstring& done) {
+  if (!before) {
+    Say(done + L".");
+    return;
+  }
+  const std::vector<ListedKey> after = provider.Keys();
+  const std::vector<ListedKey> fresh = Newcomers(*before, after);
   const bool listed = std::any_of(after.begin(), after.end(), [&](const ListedKey& key) { return key.name == name; });
   const bool renamed = std::any_of(fresh.begin(), fresh.end(), [&](const ListedKey& key) { return key.name != name; });
   if (fresh.empty() && !listed) {
@@ -84,6 +98,8 @@ void SayNewcomers(const std::vector<ListedKey>& before, const std::vector<Listed
     Say(L"From now on it is found under this name or hex text:");
     SayKeys(fresh);
   }
+  for (const ListedKey& lost : Newcomers(after, *before))
+    Say(L"The key " + TitleOf(lost.name) + L" is lost.");
   WarnOfNameless(after);
 }
 

@@ -20,9 +20,13 @@ void WarnOfNameless(const std::vector<ListedKey>& keys);
 // The keys of `after` that `before` lacks.
 std::vector<ListedKey> Newcomers(const std::vector<ListedKey>& before, const std::vector<ListedKey>& after);
 
+// The list as it is before a key is made, to tell the newcomer by. Nothing when a provider that keeps its keys
+// elsewhere than on a token lists none: its keys are found by the names they were made with. Throws Failure otherwise.
+std::optional<std::vector<ListedKey>> KeysBefore(const Provider& provider);
+
 // Says `done` and, when the list shows the new key under another name than `name`, which one. Throws Failure when the
 // list shows neither a new key nor `name`: the provider only said that it made one.
-void SayNewcomers(const std::vector<ListedKey>& before, const std::vector<ListedKey>& after, const std::wstring& name,
-                  const std::wstring& done);
+void SayNewcomers(const Provider& provider, const std::optional<std::vector<ListedKey>>& before,
+                  const std::wstring& name, const std::wstring& done);
 
 }  // namespace keldactl

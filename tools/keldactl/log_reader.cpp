@@ -167,8 +167,10 @@ void LogReader::TakeEnd(std::string_view rest) {
 void LogReader::NoteKey(std::string_view line) {
   if (const auto name = ValueOf(line, "pszKeyName")) {
     open_->key = *name;
-  } else if (const auto made = ValueOf(line, "Key handle")) {
-    names_[std::string(*made)] = open_->key;
+  } else if (const auto created = ValueOf(line, "Key handle")) {
+    names_[std::string(*created)] = open_->key;
+  } else if (const auto opened = ValueOf(line, "Key opened. Handle")) {
+    names_[std::string(*opened)] = open_->key;
   } else if (const auto handle = ValueOf(line, "hKey")) {
     handle_ = *handle;
     const auto known = names_.find(handle_);

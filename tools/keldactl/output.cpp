@@ -103,6 +103,8 @@ bool Confirm(std::wstring_view question) {
     if (!seen) first = c;
     seen = true;
   }
+  // A person's line end ends the question's line too.
+  if (DWORD mode = 0; !GetConsoleMode(input, &mode)) Write(STD_ERROR_HANDLE, L"\n");
   return first == 'y' || first == 'Y';
 }
 

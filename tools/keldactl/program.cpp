@@ -56,9 +56,12 @@ std::wstring InOurWords(const CLI::ParseError& error) {
   if (kind == "ExcludesError") ours = Subject(error) + " and " + LastWord(error) + " do not go together";
   if (kind == "RequiresError") ours = Subject(error) + " needs " + LastWord(error);
   if (kind == "ArgumentMismatch") {
-    ours = Subject(error) + (text.find("received") != std::string::npos   ? " was given more than once"
-                             : text.find("override") != std::string::npos ? " takes no value"
-                                                                          : " needs a value");
+    // Switches are named without their dashes there.
+    const std::string subject = Subject(error);
+    ours = (subject.starts_with("-") ? "" : "--") + subject +
+           (text.find("received") != std::string::npos   ? " was given more than once"
+            : text.find("override") != std::string::npos ? " takes no value"
+                                                         : " needs a value");
   }
   return Printable(Wide(ours));
 }
@@ -94,6 +97,7 @@ Program::Program() : app_("keldactl works with the keys of a CNG key storage pro
 CLI::App& Program::NewCommand(Heading heading, const char* name, const char* meaning) {
   CLI::App& command = *app_.add_subcommand(name, meaning);
   command.group(kHeadings[static_cast<size_t>(heading)]);
+  command.footer("");  // not the program's
   return command;
 }
 

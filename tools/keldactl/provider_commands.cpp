@@ -55,10 +55,13 @@ struct Algorithm {
   std::wstring operations;
 };
 
-std::vector<Algorithm> Algorithms(const Provider& provider) {
+// Nothing when the provider does not list them.
+std::optional<std::vector<Algorithm>> Algorithms(const Provider& provider) {
   DWORD count = 0;
   NCryptAlgorithmName* list = nullptr;
-  Check(NCryptEnumAlgorithms(provider.handle(), 0, &count, &list, provider.flags()), L"Listing the algorithms");
+  if (NCryptEnumAlgorithms(provider.handle(), 0, &count, &list, provider.flags()) != ERROR_SUCCESS) {
+    return std::nullopt;
+  }
   std::vector<Algorithm> algorithms;
   for (DWORD i = 0; i < count; ++i) {
     algorithms.push_back({list[i].pszName ? list[i].pszName : L"", Operations(list[i].dwAlgOperations)});
@@ -83,17 +86,19 @@ ExitStatus ShowProvider(const ShowProviderOptions& options) {
   table.Number(L"Longest key name", "longest_key_name", NCRYPT_MAX_NAME_LENGTH_PROPERTY, Characters);
   table.Flags(L"Access rights", "security_descriptors", NCRYPT_SECURITY_DESCR_SUPPORT_PROPERTY, DescriptorSupport);
   table.Text(L"Context", "context", NCRYPT_USE_CONTEXT_PROPERTY);
-  const std::vector<Algorithm> algorithms = Algorithms(provider);
+  const std::optional<std::vector<Algorithm>> algorithms = Algorithms(provider);
   if (options.json) {
     Json json = table.InJson();
-    json["algorithms"] = InJson(algorithms);
+    json["algorithms"] = algorithms ? InJson(*algorithms) : Json();
     SayJson(json);
     return ExitStatus::kDone;
   }
+  if (!algorithms) table.Line(L"Algorithms", "algorithms", L"- the provider does not list them", nullptr);
   SayTable(table.rows());
+  if (!algorithms) return ExitStatus::kDone;
   Say(L"");
   std::vector<std::vector<std::wstring>> rows = {{L"ALGORITHM", L"FOR"}};
-  for (const Algorithm& algorithm : algorithms)
+  for (const Algorithm& algorithm : *algorithms)
     rows.push_back({Printable(algorithm.name), algorithm.operations});
   SayTable(rows);
   return ExitStatus::kDone;

@@ -1,4 +1,4 @@
-#include "settings_rules.h"
+#include "keldactl/settings_rules.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "log_reader.h"
+#include "keldactl/log_reader.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -31,7 +31,7 @@ const std::string kOpenKey = Call(
     "hProvider       : 0x00C80750\n"
     "phKey           : 0x0021F918\n"
     "pszKeyName      : Key1\n"
-    "Key handle: 0x00CD05A0\n"
+    "Key opened. Handle: 0x00CD05A0\n"
     "KELDAKSPOpenKey - Exit0x00000000\n");
 
 TEST(LogReader, HasNothingToSayAboutNothing) {
@@ -50,7 +50,7 @@ TEST(LogReader, ReadsACall) {
   EXPECT_TRUE(records[0].finished);
   EXPECT_FALSE(records[0].Failed());
   EXPECT_THAT(records[0].lines, ElementsAre("hProvider       : 0x00C80750", "phKey           : 0x0021F918",
-                                            "pszKeyName      : Key1", "Key handle: 0x00CD05A0"));
+                                            "pszKeyName      : Key1", "Key opened. Handle: 0x00CD05A0"));
 }
 
 TEST(LogReader, ReadsLinesThatEndAsWindowsEndsThem) {
@@ -157,6 +157,15 @@ TEST(LogReader, NamesKeysByTheirHandles) {
   for (const LogRecord& record : records)
     keys.push_back(record.key);
   EXPECT_THAT(keys, ElementsAre("0x00CD05A0", "Key1", "Key1", "Key1", "0x00CD05A0", "Key1", "", "0x00CD05A0"));
+}
+
+TEST(LogReader, NamesANewKeyByItsHandle) {
+  const auto records =
+      Read(Call("KELDAKSPCreatePersistedKey - Entry\npszKeyName      : New key\nKey handle: 0x00000004\n"
+                "KELDAKSPCreatePersistedKey - Exit: 0x00000000\n") +
+           Call("KELDAKSPFinalizeKey - Entry\nhKey      : 0x00000004\nKELDAKSPFinalizeKey - Exit: 0x00000000\n"));
+  EXPECT_EQ(records.at(0).key, "New key");
+  EXPECT_EQ(records.at(1).key, "New key");
 }
 
 TEST(LogReader, TellsThatACallWasBrokenOff) {
