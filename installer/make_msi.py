@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""make_msi.py ARCH VERSION FILES ACTIONS ICON EPOCH MSI: makes a package of Windows Installer.
+"""make_msi.py ARCH VERSION FILE_VERSION FILES ACTIONS ICON MSI: makes a package of Windows Installer.
 
-FILES is a folder with what is laid down, ACTIONS the DLL with the custom actions. wixl packs the files; the tables that it
-knows nothing of, or too little, are imported afterwards. The same input gives the same bytes."""
+FILE_VERSION is what DLLs and programs say of themselves, FILES is a folder with what is laid down, ACTIONS the DLL with the custom actions. wixl packs the files; the tables that it
+knows nothing of, or too little, are imported afterwards. The same input gives the
+same bytes; times are SOURCE_DATE_EPOCH."""
 
 import hashlib
 import os
@@ -224,7 +225,8 @@ def digest_of(paths):
 
 
 def main():
-    arch, version, files, actions, icon, epoch, msi = sys.argv[1:]
+    arch, version, file_version, files, actions, icon, msi = sys.argv[1:]
+    epoch = int(os.environ["SOURCE_DATE_EPOCH"])
     files, actions, icon, msi = (pathlib.Path(p).resolve() for p in (files, actions, icon, msi))
     win64 = "yes" if arch == "x64" else "no"
     content = sorted(p for p in files.rglob("*") if p.is_file())
@@ -236,7 +238,7 @@ def main():
         shutil.copy(actions, work / "actions.dll")
         shutil.copy(icon, work / "kelda.ico")
         for path in work.rglob("*"):
-            os.utime(path, (int(epoch), int(epoch)))
+            os.utime(path, (epoch, epoch))
         text, references = documents(files, arch, win64)
         group = [f'<ComponentRef Id="{name}" />' for name in references]
         product = (HERE / "product.wxs").read_text(encoding="utf-8")
@@ -257,11 +259,11 @@ def main():
             if name == "Property":
                 rows = sorted(dict([tuple(row) for row in exported(fresh, name)] + rows).items())
             replace_table(fresh, name, idt(name, columns, types, keys, rows))
-        give_versions(fresh, version)
+        give_versions(fresh, file_version)
         platform = "x64;1033" if arch == "x64" else "Intel;1033"
         run("msibuild", fresh, "-s", "Norvale Token Works KSP", "Norvale Token Works Ltd.", platform,
             guid("package", arch, version, mark))
-        settle(fresh, int(epoch))
+        settle(fresh, epoch)
         msi.write_bytes(fresh.read_bytes())
 
 
