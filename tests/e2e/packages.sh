@@ -6,8 +6,8 @@
 source "$(dirname "$0")/common.sh"
 
 work=$BUILD/e2e-packages
-rm -rf "$work/out" "$work/first" "$work/second" "$work/older" "$work/failing"
-mkdir -p "$work/out"
+rm -rf "$work"/{out,first,first-again,second,older,signing}
+mkdir -p "$work/out" "$work/signing/tokens"
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$BUILD/x64/CMakeCache.txt")
 [[ -f $BUILD/x86/bin/keldaksp.dll ]] || die "the packages need the x86 build too: scripts/build.sh --without-tests x86"
 
@@ -39,6 +39,34 @@ for arch in "x64", "x86":
 assert all(part["versionInfo"] for part in bill["packages"])
 PYTHON
 
+# ---- Signing them, with a throw-away certificate ----
+check "unsigned packages say so" bash -c '"$1" --out "$2" x64 | grep -q "They are not signed"' - "$ROOT/scripts/package.sh" "$work/first-again"
+(
+  cd "$work/signing" && openssl req -x509 -newkey rsa:2048 -nodes -keyout key.pem -out certificate.pem -days 30 \
+    -subj "/CN=Throw-away" -addext extendedKeyUsage=codeSigning && echo secret >password && echo 1234 >pin &&
+    openssl pkcs12 -export -inkey key.pem -in certificate.pem -out signer.p12 -passout file:password &&
+    printf 'directories.tokendir = %s\nobjectstore.backend = file\n' "$PWD/tokens" >softhsm2.conf &&
+    softhsm2-util --init-token --free --label signing --pin 1234 --so-pin 12345678 &&
+    softhsm2-util --import key.pem --token signing --label signer --id 01 --pin 1234
+) >"$work/signing/preparation.log" 2>&1 || cat "$work/signing/preparation.log"
+# signed DIR: package, DLLs and client carry a signature of that certificate.
+signed() {
+  local file
+  rm -rf "$work/signing/files"
+  python3 -m zipfile -e "$1/keldaksp-$version-x64.zip" "$work/signing/files"
+  for file in "$1"/*.msi "$work/signing/files"/*/{keldaksp.dll,x86/keldaksp.dll,keldactl.exe}; do
+    osslsigncode verify -CAfile "$work/signing/certificate.pem" -in "$file" || return 1
+  done
+}
+check "packages are signed with a PKCS#12 file" "$ROOT/scripts/package.sh" --out "$work/signing/file" \
+  --sign-with "$work/signing/signer.p12" --password-file "$work/signing/password" x64
+check "and their signatures are right" signed "$work/signing/file"
+check "a signed package is whole" msiinfo export "$work/signing/file/keldaksp-$version-x64.msi" CustomAction
+check "packages are signed with a key on a token" env SOFTHSM2_CONF="$work/signing/softhsm2.conf" \
+  "$ROOT/scripts/package.sh" --out "$work/signing/token" --sign-with 'pkcs11:token=signing;object=signer;type=private' \
+  --certificate "$work/signing/certificate.pem" --module "$softhsm" --password-file "$work/signing/pin" x64
+check "and their signatures are right (token)" signed "$work/signing/token"
+
 environment=$("$ROOT/scripts/soft-token.sh" "$work/token" --reader "Norvale Reader 0=demo" --key Key1)
 eval "$environment"
 start_display
@@ -60,6 +88,7 @@ value_is() { [[ $(value "$1" "$2") == "$3" ]] || { echo "$2 is \"$(value "$1" "$
 # the PATH.
 system_state() {
   local key
+  on "$arch" wineserver -w
   {
     for key in 'HKLM\Software\Norvale Token Works Ltd.' 'HKLM\Software\WOW6432Node\Norvale Token Works Ltd.' "$crypto" \
       'HKLM\System\CurrentControlSet\Control\Session Manager\Environment' \
@@ -79,6 +108,7 @@ msi() {
   on "$arch" timeout -k 10 300 "$WINE" msiexec "$action" "$(windows_path "$package")" /qn \
     /l*v "$(windows_path "$work/out/msi.txt")" "$@" </dev/null >/dev/null 2>&1 || status=$?
 }
+repair=(REINSTALL=ALL REINSTALLMODE=amus)
 succeeded() { ((status == 0)) || { tail -n 40 msi.txt; return 1; }; }
 refused() { ((status != 0)); }
 log_says() { tr -d '\r' <msi.txt | grep -qE -e "$1" || { tail -n 40 msi.txt; return 1; }; }
@@ -122,22 +152,12 @@ echo data >data.txt
 package=$work/first/keldaksp-$version-x64.msi
 older=$work/older/keldaksp-4.1.9.0-x64.msi
 
-# ---- x64: refusals, which leave everything as it is ----
+# ---- x64: a refusal, which leaves everything as it is ----
 prepare_system x64
 system=$WINEPREFIX/drive_c/windows
 msi /i "$package" PINCACHE=perhaps
 check "a setting that means nothing is refused" refused
 check "and changes nothing" unchanged
-# Without its stand-in, Wine's own bcrypt.dll takes a registration and keeps nothing.
-mv "$installed/bcrypt.dll" .
-system_state before-x64.txt
-msi /i "$package" PINCACHE=off
-check "a registration that fails ends the installation" refused
-check "the log says why" log_says '"keldactl register" ended with status [0-9]+'
-check "with keldactl's words" log_says 'did not keep it'
-check "the machine is as it was" unchanged
-mv bcrypt.dll "$installed"
-system_state before-x64.txt
 
 # ---- x64: installation of the lower version, with settings ----
 msi /i "$older" PINCACHE=off PROVIDERCACHE=off KEYLENGTH=3072 'LOGFILE=C:\logs\ksp.log'
@@ -181,11 +201,13 @@ check "the provider is registered after an upgrade" says 'is registered\.$'
 system_state upgraded.txt
 msi /i "$older"
 check "a lower version is refused" refused
-check "and the installed one stays" bash -c 'diff upgraded.txt now.txt' < <(system_state now.txt)
+system_state now.txt
+check "and the installed one stays" diff upgraded.txt now.txt
 
 # ---- x64: repair ----
 rm "$system/system32/keldaksp.dll" "$installed/docs/registry.md"
-msi /fa "$package"
+# What "/fa" means to Windows; Wine understands the long form only.
+msi /i "$package" "${repair[@]}"
 check "a repair" succeeded
 check "brings the DLL back" cmp "$BUILD/x64/bin/keldaksp.dll" "$system/system32/keldaksp.dll"
 check "and the document" cmp "$ROOT/docs/registry.md" "$installed/docs/registry.md"
@@ -213,8 +235,35 @@ check "the provider is registered (x86)" says 'is registered\.$'
 keldactl readers || true
 check "the installed provider is loaded and lists readers (x86)" says 'Norvale Reader 0'
 rm "$WINEPREFIX/drive_c/windows/system32/keldaksp.dll"
-msi /fa "$work/first/keldaksp-$version-x86.msi"
+msi /i "$work/first/keldaksp-$version-x86.msi" "${repair[@]}"
 check "a repair (x86)" cmp "$BUILD/x86/bin/keldaksp.dll" "$WINEPREFIX/drive_c/windows/system32/keldaksp.dll"
 msi /x "$work/first/keldaksp-$version-x86.msi"
 check "a silent removal (x86)" succeeded
 check "nothing is left (x86)" unchanged
+
+# ---- x64: an installation that fails ----
+# Wine's Windows Installer ends with the failure and rolls nothing back, so that two things are tested by themselves: that
+# a failing registration is the end and is told, and what the actions bring back when they are run.
+prepare_system x64
+set_value "$sdk" PINCACHE REG_SZ mine
+system_state before-x64.txt
+# The actions of a rollback, as ordinary ones behind those that they undo.
+cp "$package" undoing.msi
+msibuild undoing.msi -q "UPDATE CustomAction SET Type = 3137 WHERE Action = 'RestoreRegistration'"
+msibuild undoing.msi -q "UPDATE InstallExecuteSequence SET Sequence = 6056 WHERE Action = 'RestoreRegistration'"
+msi /i undoing.msi PINCACHE=off PROVIDERCACHE=off KEYLENGTH=1024
+check "an installation with the actions of a rollback at its end" succeeded
+registration_of() { sed -n '/Cryptography/,/Session Manager/p; /Norvale Token Works Ltd/,/^$/p' "$1" | grep -v -e Setup -e InstallDir; }
+system_state now.txt
+check "they restore registration and settings" diff <(registration_of before-x64.txt) <(registration_of now.txt)
+msi /x undoing.msi
+check "a removal without a registration" succeeded
+check "a setting from before stays" value_is "$sdk" PINCACHE mine
+check "the machine is as it was" unchanged
+
+# Without its stand-in, Wine's own bcrypt.dll takes a registration and keeps nothing.
+mv "$installed/bcrypt.dll" .
+msi /i "$package" PINCACHE=off
+check "a registration that fails ends the installation" refused
+check "the log says why" log_says '"keldactl register" ended with status [0-9]+'
+check "with keldactl's words" log_says 'did not keep it'
