@@ -1,5 +1,5 @@
-// The custom actions. All but CheckTokenModule's warning are deferred, run with the system's rights and get what they need
-// as "NAME=text|…": CLIENT, keldactl's path, and the settings.
+// The custom actions. All but CheckTokenModule's warning are deferred, run with the system's rights and get what they
+// need as "NAME=text|…": CLIENT, keldactl's path, and the settings.
 #include "client.h"
 #include "journal.h"
 #include "registry.h"
@@ -40,9 +40,10 @@ bool WarnAboutTokenModule(const Journal& journal, const ActionWords& words) {
     missing += (missing.empty() ? L"" : L" and ") + width;
   }
   if (!missing.empty()) {
-    journal.Warn(L"The token maker's module keldapkcs11.dll was not found for " + missing +
-                 L" programs. The provider is installed and needs it to reach a token; \"keldactl check\" tells what to "
-                 L"do.");
+    journal.Warn(
+        L"The token maker's module keldapkcs11.dll was not found for " + missing +
+        L" programs. The provider is installed and needs it to reach a token; \"keldactl check\" tells what to "
+        L"do.");
   }
   return true;
 }

@@ -1,5 +1,7 @@
 #include "client.h"
 
+#include <algorithm>
+
 namespace installer {
 namespace {
 

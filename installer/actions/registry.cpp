@@ -12,9 +12,9 @@ void Need(LSTATUS status) {
 }  // namespace
 
 const std::vector<View>& Views() {
-  static const std::vector<View> views =
-      sizeof(void*) == 8 ? std::vector<View>{{L"x64", KEY_WOW64_64KEY}, {L"x86", KEY_WOW64_32KEY}}
-                         : std::vector<View>{{L"x86", 0}};
+  static const std::vector<View> views = sizeof(void*) == 8
+                                             ? std::vector<View>{{L"x64", KEY_WOW64_64KEY}, {L"x86", KEY_WOW64_32KEY}}
+                                             : std::vector<View>{{L"x86", 0}};
   return views;
 }
 
@@ -55,7 +55,7 @@ Value NumberValue(const std::wstring& name, DWORD number) {
 
 std::vector<Value> ValuesOf(const Key& key) {
   std::vector<Value> values;
-  wchar_t name[16384]; // the longest that there is
+  wchar_t name[16384];  // the longest that there is
   for (DWORD index = 0;; ++index) {
     DWORD length = static_cast<DWORD>(std::size(name));
     if (RegEnumValueW(key.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) break;

@@ -3,6 +3,7 @@
 #include "client.h"
 #include "registry.h"
 
+#include <algorithm>
 #include <cwchar>
 
 namespace installer {
