@@ -110,4 +110,7 @@ def main():
     return 1 if problems else 0
 
 
+if sys.argv[1:] == ["--help"]:
+    print(__doc__)
+    sys.exit()
 sys.exit(main())

@@ -148,6 +148,7 @@ small() {
 check "sources are formatted" formatted
 check "scripts pass shellcheck" shell_scripts
 check "rooms include only what they link, and are drawn so" scripts/check-rooms.py "$BUILD/x64"
+check "pages agree with what they speak of" scripts/check-docs.py
 for arch in x64 x86; do
   triplet=x86_64
   [[ $arch == x64 ]] || triplet=i686

@@ -65,4 +65,7 @@ def main():
     return 0 if functions and not idle and not unexplained and not needless else 1
 
 
+if sys.argv[1:] == ["--help"]:
+    print(__doc__)
+    sys.exit()
 sys.exit(main())

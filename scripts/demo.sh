@@ -20,10 +20,6 @@ while (($#)); do
       readers=$2
       shift
       ;;
-    -h | --help)
-      sed -n '2,/^# shellcheck/{/^# shellcheck/d;s/^# \{0,1\}//p}' "$0"
-      exit 0
-      ;;
     -*) die "unknown option $1" ;;
     *)
       [[ ! $file ]] || die "only one file can be signed at a time"

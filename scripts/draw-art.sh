@@ -1,17 +1,10 @@
 #!/usr/bin/env bash
-# Draws the dialogs' logo and icon from their SVG sources. The results are committed, so a build needs none of the
-# drawing tools; run this after a change to an SVG.
-set -euo pipefail
-cd "$(dirname "$0")/../src/ui/res"
-
-missing=()
-command -v rsvg-convert >/dev/null || missing+=(librsvg2-bin)
-command -v convert >/dev/null || missing+=(imagemagick)
-if ((${#missing[@]})); then
-  echo "== Installing ${missing[*]}"
-  apt-get update -qq
-  apt-get install -y --no-install-recommends "${missing[@]}"
-fi
+# draw-art.sh: draws the dialogs' logo and icon from their SVG sources. The results are committed, so a build needs none of
+# the drawing tools; run this after a change to an SVG.
+# shellcheck source=scripts/lib.sh
+source "$(dirname "$0")/lib.sh"
+need_packages librsvg2-bin imagemagick
+cd "$ROOT/src/ui/res"
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# in-i386-root.sh I386_ROOT SOURCES BUILD FOLDER USER:GROUP COMMAND...
-# Runs COMMAND inside the private i386 root, in FOLDER. Called by lib.sh in a mount namespace of its own, so that nothing
-# mounted here outlives the command.
-set -euo pipefail
+# in-i386-root.sh I386_ROOT SOURCES BUILD FOLDER USER:GROUP COMMAND...: runs COMMAND inside the private i386 root, in
+# FOLDER. Called by lib.sh in a mount namespace of its own, so that nothing mounted here outlives the command.
+# shellcheck source=scripts/lib.sh
+source "$(dirname "$0")/lib.sh"
 root=$1 sources=$2 build=$3 folder=$4 user=$5
 shift 5
 

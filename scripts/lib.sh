@@ -2,6 +2,14 @@
 # Shared by the scripts in this folder; sourced, not run.
 set -euo pipefail
 
+# --help of each script is the comment at its head.
+case ${1-} in
+  -h | --help)
+    sed -n '2,/^# shellcheck/{/^# shellcheck/d;s/^# \{0,1\}//p}' "$0"
+    exit 0
+    ;;
+esac
+
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # Everything that is built or made while running goes here.
 BUILD=$(realpath -m "${KELDA_BUILD:-$ROOT/build}")

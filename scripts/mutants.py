@@ -331,7 +331,7 @@ def is_harmless(mutant, source, rows):
 
 
 def main():
-    parser = argparse.ArgumentParser()
+    parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--count", type=int, required=True)
     parser.add_argument("--seed", type=int, required=True)
     parser.add_argument("--numbers", default="", help="only these mutants of the seed, separated by commas")

@@ -1,5 +1,6 @@
 #!/bin/sh
-# Makes a fresh soft token (or several) in a folder of its own and tells the environment that programs need to see it.
+# soft-token.sh: makes a fresh soft token (or several) in a folder of its own and tells the environment that programs need
+# to see it.
 #
 #   eval "$(scripts/soft-token.sh DIR [options])"
 #

@@ -85,4 +85,7 @@ def main():
         file.writelines(f"failed {failure}\n" for failure in failures)
 
 
-main()
+if sys.argv[1:] == ["--help"]:
+    print(__doc__)
+else:
+    main()

@@ -77,9 +77,10 @@ SECURITY_STATUS Crypt(const Direction& direction, NCRYPT_PROV_HANDLE hProvider, 
     status = CheckFinishedAndLogin(provider, key);
     if (status != ERROR_SUCCESS) return status;
 
-    const auto pair = NewOn<RSAPair>(*provider);
-    direction.useKey(*pair, *key);
-    status = direction.run(*pair, pbInput, cbInput, pbOutput, pbOutput != nullptr ? &cbOutput : pcbResult);
+    RSAPair pair;
+    pair.BindTo(*provider);
+    direction.useKey(pair, *key);
+    status = direction.run(pair, pbInput, cbInput, pbOutput, pbOutput != nullptr ? &cbOutput : pcbResult);
     if (status != ERROR_SUCCESS) direction.logFailure(status);
     if (pbOutput == nullptr) {
       g_Log->WriteInt("pbOutput is NULL. Data length: ", static_cast<std::int32_t>(*pcbResult));

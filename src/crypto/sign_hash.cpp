@@ -34,11 +34,12 @@ SECURITY_STATUS WINAPI KELDAKSPSignHash(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY
     status = CheckFinishedAndLogin(provider, key);
     if (status != ERROR_SUCCESS) return status;
 
-    const auto pair = NewOn<RSAPair>(*provider);
-    pair->SetPrivateKeyHandle(key->hPrivateKeyObject);
+    RSAPair pair;
+    pair.BindTo(*provider);
+    pair.SetPrivateKeyHandle(key->hPrivateKeyObject);
     g_Log->WriteBytes("Hash\t\t: ", pbHashValue, cbHashValue);
     const DWORD cbRoom = cbSignature;
-    status = Sign(*pair, pbHashValue, cbHashValue, pbSignature, pbSignature != nullptr ? &cbSignature : pcbResult);
+    status = Sign(pair, pbHashValue, cbHashValue, pbSignature, pbSignature != nullptr ? &cbSignature : pcbResult);
     if (status != ERROR_SUCCESS) g_Log->WriteLine("Signing failed. Check PKCS logs for detailed information");
     if (pbSignature == nullptr) {
       g_Log->WriteInt("pbSignature is NULL. Signature length: ", static_cast<std::int32_t>(*pcbResult));

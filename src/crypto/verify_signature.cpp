@@ -33,9 +33,10 @@ SECURITY_STATUS WINAPI KELDAKSPVerifySignature(NCRYPT_PROV_HANDLE hProvider, NCR
     status = CheckFinishedAndLogin(provider, key);
     if (status != ERROR_SUCCESS) return status;
 
-    const auto pair = NewOn<RSAPair>(*provider);
-    pair->SetPublicKeyHandle(key->hPublicKeyObject);
-    status = Verify(*pair, pbHashValue, cbHashValue, pbSignature, cbSignature);
+    RSAPair pair;
+    pair.BindTo(*provider);
+    pair.SetPublicKeyHandle(key->hPublicKeyObject);
+    status = Verify(pair, pbHashValue, cbHashValue, pbSignature, cbSignature);
     if (status != ERROR_SUCCESS) g_Log->WriteLine("Verify failed. Check PKCS logs for detailed information");
     return status;
   });

@@ -13,6 +13,14 @@ LogPointer g_KeyNameLog;
 LogPointer g_Log;
 LogPointer g_PinLog;
 
+namespace {
+
+// Characters of a line with a value: labels are texts of this DLL, and the longest value is a dump.
+constexpr std::size_t kLongestLabel = 256;
+constexpr std::size_t kLongestValue = logformat::kMaxDumpedBytes * 3;
+
+}  // namespace
+
 DebugClass::DebugClass(std::int32_t level, std::int32_t writeStartLine) noexcept {
   OutputDebugStringW(L"DebugClass ctor - Enter");
   cbLogSwitch_ = sizeof(logSwitch_);
@@ -74,33 +82,47 @@ void DebugClass::WriteLine(const char* text) noexcept {
   std::fclose(file);
 }
 
-void DebugClass::WriteText(const char* label, const char* text) noexcept {
-  const std::size_t cbLabel = std::strlen(label);
-  const std::size_t cbText = std::strlen(text) + 1;
-  char* line = new (std::nothrow) char[cbLabel + cbText];
-  if (line == nullptr) return;
-  std::copy_n(text, cbText, std::copy_n(label, cbLabel, line));
+// The line is put together on the stack: when there is no memory on the heap, lines are missed most. No label of this
+// DLL is longer than there is room for; one that were would ask the heap, and be cut without it.
+void DebugClass::WriteText(const char* label, const char* text, std::size_t cchText) noexcept {
+  char room[kLongestLabel + kLongestValue + 1];
+  std::size_t cchLabel = std::strlen(label);
+  WipedArray<char> longer;
+  if (cchLabel + cchText >= sizeof(room)) longer = WipedArray<char>::Try(cchLabel + cchText + 1);
+  char* line = room;
+  if (!longer.empty()) {
+    line = longer.data();
+  } else {
+    cchLabel = std::min(cchLabel, sizeof(room) - 1 - cchText);
+  }
+  *std::copy_n(text, cchText, std::copy_n(label, cchLabel, line)) = '\0';
   WriteLine(line);
-  SecureWipe(line, cbLabel + cbText);
-  delete[] line;
+  SecureWipe(line, cchLabel + cchText);
+}
+
+void DebugClass::WriteText(const char* label, const char* text) noexcept {
+  WriteText(label, text, std::strlen(text));
 }
 
 void DebugClass::WriteHex32(const char* label, std::uint32_t value) noexcept {
   char text[logformat::kHex32Size];
   logformat::Hex32(text, value);
-  WriteText(label, text);
+  WriteText(label, text, sizeof(text) - 1);
 }
 
 void DebugClass::WriteBytes(const char* label, const void* data, std::size_t length) noexcept {
-  char text[logformat::kMaxDumpedBytes * 3 + 1];
+  char text[kLongestValue + 1];
   logformat::HexDump(text, data, length);
-  WriteText(label, text);
+  const std::size_t cchText = logformat::HexDumpSize(data, length) - 1;
+  WriteText(label, text, cchText);
+  SecureWipe(text, cchText);
 }
 
 void DebugClass::WriteWide(const char* label, const wchar_t* text) noexcept {
   char narrow[512] = {};
-  NarrowText(narrow, sizeof(narrow), text);
+  const std::size_t written = NarrowText(narrow, sizeof(narrow), text);
   WriteText(label, narrow);
+  SecureWipe(narrow, written);
 }
 
 LogPointer LogPointer::Create(std::int32_t level, std::int32_t writeStartLine) noexcept {

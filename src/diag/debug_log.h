@@ -31,10 +31,11 @@ class DebugClass {
   // Label followed by the text (zero-terminated or null) in narrow characters; a text of more than 511 characters or
   // with a character above 0xFF leaves the value empty.
   void WriteWide(const char* label, const wchar_t* text) noexcept;
-  // Label followed by text.
+  // Label followed by text of at most 1500 characters.
   void WriteText(const char* label, const char* text) noexcept;
 
  private:
+  void WriteText(const char* label, const char* text, std::size_t cchText) noexcept;
   bool OpenFile() noexcept;
   void CloseFile() noexcept;
   void Start(std::int32_t level, std::int32_t writeStartLine) noexcept;

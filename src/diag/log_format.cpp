@@ -1,6 +1,8 @@
 #include "diag/log_format.h"
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 
@@ -13,6 +15,14 @@ namespace {
 constexpr char kDigits[] = "0123456789ABCDEF";
 constexpr char kNoData[] = "NULL";
 constexpr std::size_t kCharactersPerByte = 3;
+
+// The text of each byte, and a terminator that the next one takes the place of: dumps are most of what the log writes.
+constexpr auto kByteTexts = [] {
+  std::array<std::array<char, kCharactersPerByte + 1>, 256> texts = {};
+  for (std::size_t byte = 0; byte < texts.size(); ++byte)
+    texts[byte] = {kDigits[byte >> 4], kDigits[byte & 0x0F], ' ', '\0'};
+  return texts;
+}();
 
 }  // namespace
 
@@ -27,12 +37,9 @@ void HexDump(char* text, const void* data, std::size_t length) noexcept {
     return;
   }
   const auto* bytes = static_cast<const unsigned char*>(data);
-  for (std::size_t i = 0; i < std::min(length, kMaxDumpedBytes); ++i) {
-    *text++ = kDigits[bytes[i] >> 4];
-    *text++ = kDigits[bytes[i] & 0x0F];
-    *text++ = ' ';
-  }
-  *text = '\0';
+  const std::size_t count = std::min(length, kMaxDumpedBytes);
+  for (std::size_t i = 0; i < count; ++i)
+    std::memcpy(text + i * kCharactersPerByte, kByteTexts[bytes[i]].data(), kByteTexts[bytes[i]].size());
 }
 
 void Hex32(char (&text)[kHex32Size], std::uint32_t value) noexcept {
@@ -44,7 +51,7 @@ void Hex32(char (&text)[kHex32Size], std::uint32_t value) noexcept {
 }
 
 void Decimal(char (&text)[kDecimalSize], std::int32_t value) noexcept {
-  std::snprintf(text, sizeof(text), "%d", static_cast<int>(value));
+  *std::to_chars(text, text + kDecimalSize - 1, value).ptr = '\0';
 }
 
 void StartLine(char (&text)[kStartLineSize], const char* ctimeText) noexcept {

@@ -64,7 +64,7 @@ SECURITY_STATUS WINAPI KELDAKSPImportKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KE
     if (status != ERROR_SUCCESS) return status;
 
     // The record owns the modulus only from here on: a failure before releases it with the blob's other parts.
-    WipedBytes modulus = RecordComponent(blob.Modulus(), key->dwKeyBitLength / 8);
+    WipedBytes modulus = RecordComponent(blob.Modulus());
     key->pbModulus = modulus.data();
     if (isPublic) {
       status = CreateImportedPublicKey(key.get(), provider);

@@ -15,8 +15,6 @@
 
 namespace {
 
-// Bytes of the largest component that the length property can ask a record for later (4096 bits).
-constexpr std::size_t kLargestComponent = 512;
 // Bytes of a wrapped blob that go before what was encrypted.
 constexpr DWORD kClearBytes = 8;
 
@@ -97,16 +95,15 @@ SECURITY_STATUS FillRecord(const ImportData& data, const KELDAKSP_PROVIDER* prov
   return ERROR_SUCCESS;
 }
 
-WipedBytes RecordComponent(const WipedBytes& part, std::size_t needed) {
-  WipedBytes component(std::max({part.size(), needed, kLargestComponent}));
-  if (part.size() != 0) std::memcpy(component.data(), part.data(), part.size());
+WipedBytes RecordComponent(const WipedBytes& part) {
+  WipedBytes component(kLargestComponent);
+  std::copy_n(part.data(), std::min(part.size(), component.size()), component.data());
   return component;
 }
 
 void KeepPrivateParts(KELDAKSP_KEY* key, const PrivateKeyBlob& blob, WipedBytes working) {
-  const std::size_t cbHalf = key->dwKeyBitLength / 16;
-  WipedBytes prime1 = RecordComponent(blob.Prime1(), cbHalf);
-  WipedBytes prime2 = RecordComponent(blob.Prime2(), cbHalf);
+  WipedBytes prime1 = RecordComponent(blob.Prime1());
+  WipedBytes prime2 = RecordComponent(blob.Prime2());
   key->pbPrime1 = prime1.Release();
   key->pbPrime2 = prime2.Release();
   key->cbPrivateKey = static_cast<DWORD>(working.size());

@@ -19,9 +19,9 @@ struct ImportData {
 SECURITY_STATUS FillRecord(const ImportData& data, const KELDAKSP_PROVIDER* provider, KELDAKSP_KEY* key,
                            PrivateKeyBlob& blob, WipedBytes& working);
 
-// A component as the record keeps it: at least needed bytes and as long as the record's bit length may ever say, zero
-// behind its end.
-WipedBytes RecordComponent(const WipedBytes& part, std::size_t needed);
+// A component as the record keeps it: as long as any setter will read, whatever the record's bit length says or the
+// length property makes of it later, and zero behind its end. Throws std::bad_alloc.
+WipedBytes RecordComponent(const WipedBytes& part);
 
 // Keeps the parts of a private blob in the record. Import does not read the parts behind the primes, so that these stay
 // absent. Throws std::bad_alloc.

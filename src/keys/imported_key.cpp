@@ -9,16 +9,12 @@
 
 namespace {
 
-// A component of an imported key; zeros of the stated length when the blob did not have it.
-class Component {
- public:
-  Component(const BYTE* bytes, CK_ULONG length) : zeros_(bytes != nullptr ? 0 : length), bytes_(bytes) {}
-  operator const BYTE*() const noexcept { return bytes_ != nullptr ? bytes_ : zeros_.data(); }
+constexpr BYTE kZeros[kLargestComponent] = {};
 
- private:
-  WipedBytes zeros_;
-  const BYTE* bytes_;
-};
+// A component of an imported key; zeros when the blob did not have it.
+const BYTE* Component(const BYTE* bytes) noexcept {
+  return bytes != nullptr ? bytes : kZeros;
+}
 
 bool UsageFromAlgId(DWORD dwAlgID, KeyUsage& usage) noexcept {
   switch (dwAlgID) {
@@ -57,10 +53,10 @@ SECURITY_STATUS WriteImportedKey(KELDAKSP_KEY* key, const KELDAKSP_PROVIDER* pro
   g_Log->WriteLine("Initializing private key attributes");
   privateKey->SetModulus(key->pbModulus, cbWhole);
   privateKey->SetPublicExponent(key->PublicExponent, sizeof(key->PublicExponent));
-  privateKey->SetPrivateExponent(Component(key->pbPrivateExponent, cbWhole), cbWhole);
-  privateKey->SetPrimes(Component(key->pbPrime1, cbHalf), cbHalf, Component(key->pbPrime2, cbHalf), cbHalf);
-  privateKey->SetExponents(Component(key->pbExponent1, cbHalf), cbHalf, Component(key->pbExponent2, cbHalf), cbHalf);
-  privateKey->SetCoefficient(Component(key->pbCoefficient, cbHalf), cbHalf);
+  privateKey->SetPrivateExponent(Component(key->pbPrivateExponent), cbWhole);
+  privateKey->SetPrimes(Component(key->pbPrime1), cbHalf, Component(key->pbPrime2), cbHalf);
+  privateKey->SetExponents(Component(key->pbExponent1), cbHalf, Component(key->pbExponent2), cbHalf);
+  privateKey->SetCoefficient(Component(key->pbCoefficient), cbHalf);
   privateKey->SetId(id, sizeof(id));
 
   KeyUsage usage;

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstring>
 #include <exception>
-#include <memory>
 #include <new>
+#include <optional>
 
 #include "diag/debug_log.h"
 #include "login/pin_cache/pin_manager.h"
@@ -69,7 +69,7 @@ SECURITY_STATUS LoginFromCache(const KELDAKSP_PROVIDER& provider, const unsigned
   return NTE_INTERNAL_ERROR;
 }
 
-SECURITY_STATUS LoginToToken(const KELDAKSP_PROVIDER& provider, std::unique_ptr<CLogin>& dialog, PinBuffer& pin) {
+SECURITY_STATUS LoginToToken(const KELDAKSP_PROVIDER& provider, std::optional<CLogin>& dialog, PinBuffer& pin) {
   g_PinLog->WriteLine("Retrieving token info");
   CK_TOKEN_INFO info = {};
   if (g_Cryptoki->Functions().C_GetTokenInfo(provider.slotId, &info) != CKR_OK) {
@@ -77,7 +77,7 @@ SECURITY_STATUS LoginToToken(const KELDAKSP_PROVIDER& provider, std::unique_ptr<
   }
 
   // Made even when the cached PIN will do.
-  dialog = std::make_unique<CLogin>(reinterpret_cast<HWND>(static_cast<std::uintptr_t>(provider.hWnd)));
+  dialog.emplace(reinterpret_cast<HWND>(static_cast<std::uintptr_t>(provider.hWnd)));
   dialog->SetCryptoki(g_Cryptoki);
   dialog->SetSession(provider.hSession);
   dialog->SetPinManager(g_PinManager);
@@ -112,7 +112,7 @@ SECURITY_STATUS Login(KELDAKSP_PROVIDER* provider) noexcept {
   }
 
   PinBuffer pin;
-  std::unique_ptr<CLogin> dialog;
+  std::optional<CLogin> dialog;
   SECURITY_STATUS status = NTE_INTERNAL_ERROR;
   try {
     status = LoginToToken(*provider, dialog, pin);
@@ -125,7 +125,7 @@ SECURITY_STATUS Login(KELDAKSP_PROVIDER* provider) noexcept {
   }
 
   g_PinLog->WriteLine("Initiating cleanup routine - Login");
-  if (dialog != nullptr) {
+  if (dialog.has_value()) {
     g_PinLog->WriteLine("Deleting Login Dialog");
     dialog.reset();
   }

@@ -1,16 +1,28 @@
 #include "provider/process_objects.h"
+#include "support/exceptions.h"
 #include "support/windows.h"
 
-extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID) {
-  if (reason == DLL_PROCESS_ATTACH) {
-    try {
-      CreateProcessObjects(module);
-    } catch (...) {
+extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID processEnds) {
+  switch (reason) {
+    case DLL_PROCESS_ATTACH:
+      PrepareExceptions(module);
+      if (CreateProcessObjects(module)) return TRUE;
       // Without the token module there is nothing to provide: the load of this DLL fails.
+      ReleaseProcessObjects();
+      EndExceptions();
       return FALSE;
-    }
-  } else if (reason == DLL_PROCESS_DETACH) {
-    DestroyProcessObjects();
+    case DLL_THREAD_DETACH:
+      EndThreadExceptions();
+      return TRUE;
+    case DLL_PROCESS_DETACH:
+      if (processEnds != nullptr) {
+        DestroyProcessObjects();
+      } else {
+        ReleaseProcessObjects();
+        EndExceptions();
+      }
+      return TRUE;
+    default:
+      return TRUE;
   }
-  return TRUE;
 }

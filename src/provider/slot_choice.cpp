@@ -1,6 +1,7 @@
 #include "provider/slot_choice.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <memory>
 #include <stdexcept>
 
@@ -76,7 +77,9 @@ SECURITY_STATUS ChooseReader(wchar_t (&chosen)[kSelectedReaderSize]) {
   try {
     selection = SelectReader(chosen);
   } catch (const std::runtime_error& error) {
-    return g_Log->Refuse(NTE_FAIL, error.what());
+    char line[128];  // more than any of the dialog's texts takes
+    std::snprintf(line, sizeof(line), "NTE_FAIL: %s", error.what());
+    return g_Log->Refuse(NTE_FAIL, line);
   }
   if (selection == SCARD_E_CANCELLED || selection == SCARD_W_CANCELLED_BY_USER) {
     return g_Log->Refuse(ERROR_CANCELLED, "ERROR_CANCELLED: The operation was cancelled.");

@@ -5,7 +5,7 @@
 // maximum then ends in NTE_NO_MEMORY instead of in a copy from far behind the caller's buffer.
 //
 // The runtime library needs memory of its own to report that there is none: the exception object, each thread's list of
-// exceptions, the lock of its own emergency pool. Without it, it ends the host process. The linker (--wrap) therefore
+// exceptions. Without it, it ends the host process. The linker (--wrap) therefore
 // sends its calls of malloc through here, where a reserve stands in for a heap that has nothing left.
 #include "support/allocator.h"
 

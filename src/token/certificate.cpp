@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <iterator>
 #include <memory>
+#include <new>
 
+#include "support/limits.h"
 #include "support/text.h"
 
 namespace {
@@ -58,13 +60,13 @@ WipedArray<char> Certificate::TakeLabel(PCCERT_CONTEXT context) {
 
 SECURITY_STATUS Certificate::CreateFromEncoded(const unsigned char* bytes, DWORD length) {
   if (module_ == nullptr || session_ == 0) return NTE_INVALID_PARAMETER;
-  WipedBytes encoded(length);
+  // A length that no certificate has is not given to the platform, which would believe it.
+  if (length > kLargestBlock) throw std::bad_alloc();
   const CertificateContext context(
       CertCreateCertificateContext(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, bytes, length));
   if (context == nullptr) return NTE_FAIL;
   WipedArray<char> label = TakeLabel(context.get());
-  std::copy_n(bytes, length, encoded.data());
-  encoded_ = std::move(encoded);
+  encoded_.Assign(bytes, length);
 
   CK_RV idResult = CKR_OK;
   if (ReadKeyId(idResult) != CKR_OK || idResult != CKR_OK) return NTE_INTERNAL_ERROR;

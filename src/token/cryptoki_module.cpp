@@ -1,25 +1,40 @@
 #include "token/cryptoki_module.h"
 
 #include <cstring>
-#include <stdexcept>
+
+#include "token/missing_functions.h"
 
 CryptokiModule* g_Cryptoki = nullptr;
 
-CryptokiModule::CryptokiModule() : log_(LogPointer::Create(-1, 0)) {
-  // cppcheck-suppress useInitializationList ; the log has to be there before the module is loaded
+CryptokiModule::CryptokiModule() noexcept : log_(LogPointer::Create(-1, 0)) {
+  ready_ = Load();
+}
+
+CryptokiModule::~CryptokiModule() {
+  log_.Destroy();
+}
+
+bool CryptokiModule::Load() noexcept {
   module_ = LoadLibraryW(L"keldapkcs11.dll");
   if (module_ == nullptr) {
     log_->WriteLine("Failed to load PKCS#11 Library.\n");
-    throw std::runtime_error("Failed to load PKCS#11 Library.");
+    return false;
   }
   log_->WriteLine("PKCS#11 library loaded successfully");
-  if (!LoadFunctionList()) Fail("Failed to retrieve middleware function list.");
+  if (!LoadFunctionList()) {
+    log_->WriteLine("Failed to retrieve middleware function list.");
+    return false;
+  }
   log_->WriteLine("PKCS#11 library function list retrieved");
 
   // No arguments: the module is not asked for locking. Another component of the process may have been first.
   const CK_RV result = Functions().C_Initialize(nullptr);
-  if (result != CKR_OK && result != CKR_CRYPTOKI_ALREADY_INITIALIZED) Fail("Failed to intialize PKCS middleware.");
+  if (result != CKR_OK && result != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
+    log_->WriteLine("Failed to intialize PKCS middleware.");
+    return false;
+  }
   log_->WriteLine("PKCS#11 library initialized successfully");
+  return true;
 }
 
 bool CryptokiModule::LoadFunctionList() noexcept {
@@ -39,13 +54,13 @@ bool CryptokiModule::LoadFunctionList() noexcept {
     return false;
   }
   functionList_ = reinterpret_cast<TokenFunctionList*>(list);
+  if (HasMissingFunctions(*functionList_)) {
+    completed_ = *functionList_;
+    FillMissingFunctions(completed_);
+    functionList_ = &completed_;
+  }
   log_->WriteLine("Load Function List success");
   return true;
-}
-
-void CryptokiModule::Fail(const char* text) const {
-  log_->WriteLine(text);
-  throw std::runtime_error(text);
 }
 
 CK_RV CryptokiModule::Login(CK_SESSION_HANDLE session, const unsigned char* pin, CK_ULONG pinLength) const {

@@ -10,13 +10,18 @@
 // The loaded module. Read-only after construction and shared by all threads; never finalised or unloaded.
 class CryptokiModule {
  public:
-  // Loads keldapkcs11.dll, gets its function list and initialises it. Throws std::runtime_error with a text that tells
-  // which step failed.
-  CryptokiModule();
+  // Loads keldapkcs11.dll, gets its function list and initialises it, and logs which step failed. Nothing is thrown: a
+  // load of this DLL that fails must leave nothing behind, and the first exception in a DLL makes the runtime library
+  // allocate what it never releases.
+  CryptokiModule() noexcept;
+  ~CryptokiModule();
   CryptokiModule(const CryptokiModule&) = delete;
   CryptokiModule& operator=(const CryptokiModule&) = delete;
 
-  // The module's table; owned by the module.
+  // Whether every step succeeded; nothing else may be asked of a module that is not ready.
+  bool Ready() const noexcept { return ready_; }
+
+  // The module's table, owned by the module; or a copy of it whose gaps are filled.
   const CK_FUNCTION_LIST& Functions() const noexcept { return functionList_->standard; }
 
   // The maker's login entry: 0, a CK_RV, or 1 to 14 for a wrong PIN (tries left). pin has pinLength bytes.
@@ -24,14 +29,16 @@ class CryptokiModule {
 
  private:
   bool LoadFunctionList() noexcept;
-  [[noreturn]] void Fail(const char* text) const;
+  bool Load() noexcept;
 
   HMODULE module_ = nullptr;
   std::uint32_t getListStatus_ = 0;
   CK_C_GetFunctionList getFunctionList_ = nullptr;
-  TokenFunctionList* functionList_ = nullptr;
+  const TokenFunctionList* functionList_ = nullptr;
+  TokenFunctionList completed_ = {};  // the module's list, when that has gaps
+  bool ready_ = false;
   LogPointer log_;
 };
 
-// Null when there was no memory for the object at load.
+// Null when there was no memory for the object at load; ready otherwise.
 extern CryptokiModule* g_Cryptoki;

@@ -8,6 +8,7 @@
 #include "support/allocator.h"
 #include "support/bounded_copy.h"
 #include "support/text.h"
+#include "support/wipe.h"
 
 namespace {
 
@@ -16,16 +17,15 @@ SECURITY_STATUS NewKeyName(const KELDAKSP_KEY& entry, NCryptKeyName** ppKeyName)
   AllocatedBlock<void> record(AllocateBlock(sizeof(NCryptKeyName)));
   if (record == nullptr) return NTE_NO_MEMORY;
   const std::size_t cchName = WideLength(entry.pszKeyName) + 1;
-  AllocatedBlock<void> name(AllocateBlock(cchName * sizeof(wchar_t)));
-  if (name == nullptr) return NTE_NO_MEMORY;
-  auto* pszName = static_cast<wchar_t*>(name.get());
-  BoundedCopy(pszName, cchName, entry.pszKeyName);
-  g_KeyNameLog->WriteWide("KeyName = ", pszName);
+  auto name = WipedArray<wchar_t>::Try(cchName);  // an identifier, as a rule: wiped unless it is handed out
+  if (name.empty()) return NTE_NO_MEMORY;
+  BoundedCopy(name.data(), cchName, entry.pszKeyName);
+  g_KeyNameLog->WriteWide("KeyName = ", name.data());
   auto* pszAlgid = static_cast<wchar_t*>(HeapAlloc(GetProcessHeap(), 0, sizeof(L"RSA")));
   if (pszAlgid == nullptr) return NTE_NO_MEMORY;
   std::memcpy(pszAlgid, L"RSA", sizeof(L"RSA"));
   auto* keyName = static_cast<NCryptKeyName*>(record.release());
-  keyName->pszName = static_cast<wchar_t*>(name.release());
+  keyName->pszName = name.Release();
   keyName->pszAlgid = pszAlgid;
   keyName->dwLegacyKeySpec = 0;
   keyName->dwFlags = 0;

@@ -14,13 +14,17 @@ inline constexpr std::size_t kDeclaredIdSize = 128;
 // Bytes of a public exponent that a key keeps.
 inline constexpr std::size_t kStoredExponentSize = 4;
 
+// Bytes of the longest part of a key that a token takes (4096 bits). A setter that is told of more keeps this much:
+// such a key is refused by its length, and what it is made of goes nowhere.
+inline constexpr std::size_t kLargestComponent = 512;
+
 inline void AssignBytes(WipedBytes& field, const unsigned char* bytes, CK_ULONG length) {
-  if (bytes != nullptr && length != 0) field.Assign(bytes, length);
+  if (bytes != nullptr && length != 0) field.Assign(bytes, std::min<std::size_t>(length, kLargestComponent));
 }
 
 inline void AssignModulus(WipedBytes& field, CK_ULONG& bits, const unsigned char* bytes, CK_ULONG length) {
   if (bytes == nullptr || length == 0) return;
-  field.Assign(bytes, length);
+  AssignBytes(field, bytes, length);
   bits = length * 8;
 }
 
@@ -42,6 +46,6 @@ inline void AssignId(WipedBytes& field, const unsigned char* bytes, CK_ULONG len
 inline void AssignBoth(WipedBytes& field1, const unsigned char* bytes1, CK_ULONG length1, WipedBytes& field2,
                        const unsigned char* bytes2, CK_ULONG length2) {
   if (bytes1 == nullptr || length1 == 0 || bytes2 == nullptr || length2 == 0) return;
-  field1.Assign(bytes1, length1);
-  field2.Assign(bytes2, length2);
+  AssignBytes(field1, bytes1, length1);
+  AssignBytes(field2, bytes2, length2);
 }

@@ -56,12 +56,11 @@ void CheckForTerminator(const wchar_t* name) noexcept {
   g_KeyNameLog->WriteLine("Overflow!");  // told, not refused
 }
 
-bool EntryMatches(const KELDAKSP_KEY& entry, const wchar_t* keyName) {
+bool EntryMatches(const KELDAKSP_KEY& entry, const wchar_t* keyName, HexNameForm& hexForm) {
   g_KeyNameLog->WriteWide("Compare name to: ", entry.pszKeyName);
   if (KeyNameMatches(keyName, entry.pszKeyName)) return true;
   g_KeyNameLog->WriteLine("Checking hex string equivalent of key name");
-  const WideName converted = KeyNameFromHexText(keyName);
-  return KeyNameMatches(converted.data(), entry.pszKeyName);
+  return KeyNameMatches(hexForm.Get(), entry.pszKeyName);
 }
 
 SECURITY_STATUS FindKey(KELDAKSP_PROVIDER* provider, const CryptokiModule* module, const wchar_t* keyName,
@@ -78,10 +77,11 @@ SECURITY_STATUS FindKey(KELDAKSP_PROVIDER* provider, const CryptokiModule* modul
   CheckForTerminator(keyName);
   g_KeyNameLog->WriteWide("Searching KeyName = ", keyName);
   g_KeyNameLog->WriteInt("Starting iteration. Count: ", static_cast<std::int32_t>(provider->cKeyObjects));
+  HexNameForm hexForm(keyName);
   for (DWORD i = 0; i < provider->cKeyObjects; ++i) {
     g_KeyNameLog->WriteHex32("Iteration: ", i);
     const KELDAKSP_KEY& entry = provider->pKeyObjects[i];
-    if (EntryMatches(entry, keyName)) {
+    if (EntryMatches(entry, keyName, hexForm)) {
       g_KeyNameLog->WriteLine("Key name match found");
       CopyEntry(entry, target);
       g_KeyNameLog->WriteLine("Key was reconstructed");

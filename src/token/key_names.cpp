@@ -33,11 +33,14 @@ SECURITY_STATUS KeyNameFromAttributes(const unsigned char* id, DWORD cbId, const
   return ERROR_SUCCESS;
 }
 
-WideName KeyNameFromHexText(const wchar_t* name) {
-  const std::size_t length = WideLength(name);
-  WideName converted(length / 2 + 1);
-  if (!ParseHexName(name, length, converted.data())) SetLastError(static_cast<DWORD>(NTE_INVALID_PARAMETER));
-  return converted;
+const wchar_t* HexNameForm::Get() {
+  if (converted_.empty()) {
+    const std::size_t length = WideLength(text_);
+    converted_ = WideName(length / 2 + 1);
+    valid_ = ParseHexName(text_, length, converted_.data());
+  }
+  if (!valid_) SetLastError(static_cast<DWORD>(NTE_INVALID_PARAMETER));
+  return converted_.data();
 }
 
 bool KeyNameMatches(const wchar_t* searched, const wchar_t* stored) noexcept {

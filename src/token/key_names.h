@@ -12,9 +12,20 @@ using WideName = WipedArray<wchar_t>;
 SECURITY_STATUS KeyNameFromAttributes(const unsigned char* id, DWORD cbId, const unsigned char* label, DWORD cbLabel,
                                       WideName& name);
 
-// Converts a name given as hexadecimal text (zero-terminated). The result is empty on error, and the thread's last
-// error is then NTE_INVALID_PARAMETER; an empty name gives an empty result without error. Throws std::bad_alloc.
-WideName KeyNameFromHexText(const wchar_t* name);
+// The name that a name given as hexadecimal text (zero-terminated, not owned) stands for.
+class HexNameForm {
+ public:
+  explicit HexNameForm(const wchar_t* text) noexcept : text_(text) {}
+  // The converted name, zero-terminated; converted when it is asked for first. Empty on error, and then the thread's
+  // last error becomes NTE_INVALID_PARAMETER, each time; an empty text gives an empty name without error. Throws
+  // std::bad_alloc.
+  const wchar_t* Get();
+
+ private:
+  const wchar_t* text_;
+  WideName converted_;
+  bool valid_ = false;
+};
 
 // Whether a searched name names the key of the stored name: they compare equal, ignoring case, over the length of the
 // stored name. A longer searched name therefore matches as well, and an empty stored name matches all. Kept on purpose.

@@ -10,11 +10,12 @@
 #include "support/wipe.h"
 #include "token/key_names.h"
 #include "token/object_search.h"
+#include "token/prefix_index.h"
 
 namespace {
 
 constexpr CK_ULONG kAttributeSize = 200;
-static_assert(kAttributeSize == kMaxKeyIdSize);
+static_assert(kAttributeSize == kMaxKeyIdSize && kAttributeSize == PrefixIndex::kMaxLength);
 
 // What is read of one token key. The buffers are not cleared between keys: a short identifier is followed by what an
 // earlier key left behind, and that counts when it is held against a longer one. Kept on purpose.
@@ -34,30 +35,76 @@ struct KeyAttributes {
   }
 };
 
-// Grows the list by one record, whose buffers the list takes over. False when there is no memory.
-bool AppendKeyObject(KELDAKSP_PROVIDER* provider, const KELDAKSP_KEY& key) noexcept {
-  const std::size_t count = provider->cKeyObjects;
-  auto* grown = static_cast<KELDAKSP_KEY*>(AllocateBlock((count + 1) * sizeof(KELDAKSP_KEY)));
-  if (grown == nullptr) return false;
-  if (count != 0) std::memcpy(grown, provider->pKeyObjects, count * sizeof(KELDAKSP_KEY));
-  grown[count] = key;
-  for (std::size_t i = 0; i <= count; ++i)
-    ClearList(&grown[i].PropertyList);
-  SecureWipe(provider->pKeyObjects, count * sizeof(KELDAKSP_KEY));
-  std::free(provider->pKeyObjects);
-  ++provider->cKeyObjects;
-  provider->pKeyObjects = grown;
-  return true;
+// From so many keys on an index of their identifiers is worth its memory.
+constexpr std::size_t kManyKeys = 32;
+
+PrefixIndex::Bytes IdentifierOf(const KELDAKSP_KEY& entry) noexcept {
+  return {entry.KeyId, entry.cbKeyId};
 }
 
-KELDAKSP_KEY* FindById(const KELDAKSP_PROVIDER* provider, const unsigned char (&id)[kAttributeSize]) noexcept {
-  for (DWORD i = 0; i < provider->cKeyObjects; ++i) {
-    KELDAKSP_KEY& entry = provider->pKeyObjects[i];
-    // The entry's own length decides: an entry whose identifier begins the new one matches.
-    if (std::memcmp(id, entry.KeyId, entry.cbKeyId) == 0) return &entry;
+// The provider's list while it is built. How much room its array has is known only here: the record counts what the
+// array holds.
+class GrowingList {
+ public:
+  explicit GrowingList(KELDAKSP_PROVIDER* provider) noexcept : provider_(provider) {}
+
+  // So many keys may follow. Without memory for the index the list is walked.
+  void Expect(std::size_t keys) noexcept {
+    if (keys >= kManyKeys) index_.Reserve(keys);
   }
-  return nullptr;
-}
+  // So many keys of the class that is being read may follow, the next one counted.
+  void ExpectOfClass(std::size_t keys) noexcept { following_ = keys; }
+
+  // Takes a record in at the end, with its buffers. False when there is no memory.
+  bool Append(const KELDAKSP_KEY& key) noexcept {
+    const std::size_t count = provider_->cKeyObjects;
+    if (count == room_ && !Grow(count + following_) && !Grow(count + 1)) return false;
+    KELDAKSP_KEY& entry = provider_->pKeyObjects[count];
+    entry = key;
+    ClearList(&entry.PropertyList);
+    ++provider_->cKeyObjects;
+    if (index_.usable()) index_.Add(IdentifierOf(entry), count);
+    return true;
+  }
+
+  // The first entry whose identifier the new one begins with: the entry's own length decides.
+  KELDAKSP_KEY* FindById(const unsigned char (&id)[kAttributeSize]) const noexcept {
+    if (index_.usable()) {
+      const std::size_t found = index_.FirstPrefixOf(id, provider_->pKeyObjects, &IdentifierAt);
+      return found != PrefixIndex::kNotFound ? &provider_->pKeyObjects[found] : nullptr;
+    }
+    for (DWORD i = 0; i < provider_->cKeyObjects; ++i) {
+      KELDAKSP_KEY& entry = provider_->pKeyObjects[i];
+      if (std::memcmp(id, entry.KeyId, entry.cbKeyId) == 0) return &entry;
+    }
+    return nullptr;
+  }
+
+ private:
+  static PrefixIndex::Bytes IdentifierAt(const void* entries, std::size_t position) noexcept {
+    return IdentifierOf(static_cast<const KELDAKSP_KEY*>(entries)[position]);
+  }
+
+  // Moves the entries into an array with this room; the old one is wiped. False when there is no memory.
+  bool Grow(std::size_t room) noexcept {
+    const std::size_t count = provider_->cKeyObjects;
+    auto* grown = static_cast<KELDAKSP_KEY*>(AllocateBlock(room * sizeof(KELDAKSP_KEY)));
+    if (grown == nullptr) return false;
+    if (count != 0) std::memcpy(grown, provider_->pKeyObjects, count * sizeof(KELDAKSP_KEY));
+    for (std::size_t i = 0; i < count; ++i)
+      ClearList(&grown[i].PropertyList);
+    SecureWipe(provider_->pKeyObjects, count * sizeof(KELDAKSP_KEY));
+    std::free(provider_->pKeyObjects);
+    provider_->pKeyObjects = grown;
+    room_ = room;
+    return true;
+  }
+
+  KELDAKSP_PROVIDER* provider_;
+  std::size_t room_ = 0;
+  std::size_t following_ = 1;
+  PrefixIndex index_;
+};
 
 void Pair(CK_OBJECT_HANDLE& place, CK_OBJECT_HANDLE object, const char* paired) noexcept {
   if (place != 0) {
@@ -70,10 +117,10 @@ void Pair(CK_OBJECT_HANDLE& place, CK_OBJECT_HANDLE object, const char* paired) 
 
 // Pairs a token key with the entry of its identifier, or makes an entry for it. Always 0: a key that cannot be taken in
 // is left out.
-SECURITY_STATUS AddKeyToObjectList(KELDAKSP_PROVIDER* provider, CK_OBJECT_HANDLE object, CK_OBJECT_CLASS objectClass,
+SECURITY_STATUS AddKeyToObjectList(GrowingList& list, CK_OBJECT_HANDLE object, CK_OBJECT_CLASS objectClass,
                                    const KeyAttributes& attributes) {
   const bool isPublic = objectClass == CKO_PUBLIC_KEY;
-  if (KELDAKSP_KEY* entry = FindById(provider, attributes.id)) {
+  if (KELDAKSP_KEY* entry = list.FindById(attributes.id)) {
     if (isPublic) {
       Pair(entry->hPublicKeyObject, object, "Public key paired with private key in object list");
     } else {
@@ -96,7 +143,7 @@ SECURITY_STATUS AddKeyToObjectList(KELDAKSP_PROVIDER* provider, CK_OBJECT_HANDLE
   key->cbKeyId = attributes.cbId;
   key->dwKeyBitLength = attributes.modulusBits;
   key->fFinished = 1;
-  if (AppendKeyObject(provider, *key)) key->pszKeyName = nullptr;  // the list has it now
+  if (list.Append(*key)) key->pszKeyName = nullptr;  // the list has it now
   DestroyKeyObject(key);
   return ERROR_SUCCESS;
 }
@@ -143,9 +190,11 @@ bool ReadKey(const KELDAKSP_PROVIDER* provider, const CryptokiModule& module, CK
   return true;
 }
 
-bool AddKeys(KELDAKSP_PROVIDER* provider, const CryptokiModule& module, const ClassTexts& texts,
-             const ObjectHandles& handles, KeyAttributes& attributes) {
+bool AddKeys(const KELDAKSP_PROVIDER* provider, const CryptokiModule& module, const ClassTexts& texts,
+             const ObjectHandles& handles, KeyAttributes& attributes, GrowingList& list) {
+  std::size_t following = handles.count();
   for (const CK_OBJECT_HANDLE object : handles) {
+    list.ExpectOfClass(following--);
     g_KeyNameLog->WriteLine(texts.read);
     if (!ReadKey(provider, module, object, attributes)) {
       g_KeyNameLog->WriteLine(texts.readError);
@@ -154,7 +203,7 @@ bool AddKeys(KELDAKSP_PROVIDER* provider, const CryptokiModule& module, const Cl
     g_KeyNameLog->WriteBytes("CKA_ID\t\t: ", attributes.id, attributes.cbId);
     g_KeyNameLog->WriteBytes("CKA_LABEL\t: ", attributes.label, attributes.cbLabel);
     g_KeyNameLog->WriteInt("CKA_MODULUS_BITS: ", static_cast<std::int32_t>(attributes.modulusBits));
-    AddKeyToObjectList(provider, object, texts.objectClass, attributes);
+    AddKeyToObjectList(list, object, texts.objectClass, attributes);
   }
   return true;
 }
@@ -165,10 +214,14 @@ bool BuildObjectList(KELDAKSP_PROVIDER* provider, const CryptokiModule* module) 
   ObjectHandles publicKeys;
   ObjectHandles privateKeys;
   KeyAttributes attributes;
-  return FindKeys(provider, *module, kPublicKeys, publicKeys) &&
-         FindKeys(provider, *module, kPrivateKeys, privateKeys) &&
-         AddKeys(provider, *module, kPublicKeys, publicKeys, attributes) &&
-         AddKeys(provider, *module, kPrivateKeys, privateKeys, attributes);
+  GrowingList list(provider);
+  if (!FindKeys(provider, *module, kPublicKeys, publicKeys) ||
+      !FindKeys(provider, *module, kPrivateKeys, privateKeys)) {
+    return false;
+  }
+  list.Expect(std::size_t{publicKeys.count()} + privateKeys.count());
+  return AddKeys(provider, *module, kPublicKeys, publicKeys, attributes, list) &&
+         AddKeys(provider, *module, kPrivateKeys, privateKeys, attributes, list);
 }
 
 }  // namespace

@@ -18,8 +18,9 @@ bool ObjectHandles::Find(const CK_FUNCTION_LIST& token, CK_SESSION_HANDLE sessio
       {CKA_CLASS, &objectClass, sizeof(objectClass)},
   };
   if (!Pass(token, session, search, nullptr, kMaxObjects)) return false;
-  const CK_ULONG room = std::min(count_, kMaxObjects);
-  handles_.reset(static_cast<CK_OBJECT_HANDLE*>(AllocateBlock(std::max<CK_ULONG>(room, 1) * sizeof(CK_OBJECT_HANDLE))));
+  // One object is asked for even when there is none: many modules refuse a maximum of 0.
+  const CK_ULONG room = std::clamp(count_, CK_ULONG{1}, kMaxObjects);
+  handles_.reset(static_cast<CK_OBJECT_HANDLE*>(AllocateBlock(room * sizeof(CK_OBJECT_HANDLE))));
   if (handles_ == nullptr) {
     g_KeyNameLog->WriteLine("NTE_INTERNAL_ERROR: Object memory allocation error");
     return false;

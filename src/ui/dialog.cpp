@@ -4,15 +4,39 @@
 
 #include "support/module_handle.h"
 
+namespace {
+
+constinit WindowList<CDialog> g_Dialogs;
+
+}  // namespace
+
 void CDataExchange::Control(int id, CWnd& member) noexcept {
   if (member.Handle() == nullptr) member.Subclass(GetDlgItem(dialog_.Handle(), id), &dialog_);
 }
 
+bool CDialog::HasVisibleDesktop() noexcept {
+  USEROBJECTFLAGS flags = {};
+  // Nothing is known of a station that cannot be asked: the dialog is tried.
+  if (!GetUserObjectInformationW(GetProcessWindowStation(), UOI_FLAGS, &flags, sizeof(flags), nullptr)) return true;
+  return (flags.dwFlags & WSF_VISIBLE) != 0;
+}
+
 INT_PTR CDialog::DoModal() {
+  if (!HasVisibleDesktop()) {
+    // Services and scheduled tasks: the dialog would wait for ever where nobody sees it.
+    SetLastError(ERROR_REQUIRES_INTERACTIVE_WINDOWSTATION);
+    return -1;
+  }
+  // A window that no longer exists is no owner.
+  const HWND owner = IsWindow(parent_) ? parent_ : nullptr;
+  initialised_ = false;
+  g_Dialogs.Add(entry_, nullptr);
   const INT_PTR result =
-      DialogBoxParamW(g_hModule, MAKEINTRESOURCEW(templateId_), parent_, &Procedure, reinterpret_cast<LPARAM>(this));
+      DialogBoxParamW(g_hModule, MAKEINTRESOURCEW(templateId_), owner, &Procedure, reinterpret_cast<LPARAM>(this));
+  g_Dialogs.Remove(entry_);
   if (failure_) std::rethrow_exception(std::exchange(failure_, nullptr));
-  return result;
+  // For an owner that has gone just now the platform answers 0, which is no failure to the callers.
+  return result == 0 && !initialised_ ? -1 : result;
 }
 
 void CDialog::Fail(std::exception_ptr failure) noexcept {
@@ -49,12 +73,13 @@ HBRUSH CDialog::OnCtlColor(HDC context, HWND control) {
 }
 
 INT_PTR CALLBACK CDialog::Procedure(HWND window, UINT message, WPARAM wParam, LPARAM lParam) noexcept {
-  auto* self = reinterpret_cast<CDialog*>(GetWindowLongPtrW(window, DWLP_USER));
+  CDialog* self = g_Dialogs.Find(window);
   if (message == WM_INITDIALOG) {
-    // Only the platform's own message carries the object; another program that sends one later is not believed.
+    // Only the platform's own message carries the object that waits for it; another program's is not believed, whether
+    // it comes before or after.
     if (self != nullptr) return FALSE;
-    self = reinterpret_cast<CDialog*>(lParam);
-    SetWindowLongPtrW(window, DWLP_USER, lParam);
+    self = g_Dialogs.Bind(reinterpret_cast<CDialog*>(lParam), window);
+    if (self == nullptr) return FALSE;
     self->handle_ = window;
   }
   if (self == nullptr) return FALSE;  // messages that come before WM_INITDIALOG
@@ -70,6 +95,9 @@ INT_PTR CALLBACK CDialog::Procedure(HWND window, UINT message, WPARAM wParam, LP
 INT_PTR CDialog::OnMessage(UINT message, WPARAM wParam, LPARAM lParam) {
   switch (message) {
     case WM_INITDIALOG:
+      initialised_ = true;
+      // The program that asks may have been in the background all the time.
+      SetForegroundWindow(handle_);
       return OnInitDialog() ? TRUE : FALSE;
     case WM_COMMAND: {
       const int id = LOWORD(wParam);
@@ -87,6 +115,7 @@ INT_PTR CDialog::OnMessage(UINT message, WPARAM wParam, LPARAM lParam) {
     case WM_CTLCOLORSTATIC:
       return reinterpret_cast<INT_PTR>(OnCtlColor(reinterpret_cast<HDC>(wParam), reinterpret_cast<HWND>(lParam)));
     case WM_NCDESTROY:  // the last message of a window
+      g_Dialogs.Remove(entry_);
       handle_ = nullptr;
       return FALSE;
     default:

@@ -28,8 +28,11 @@ class CDialog : public CWnd {
   // parent may be null.
   CDialog(WORD templateId, HWND parent) noexcept : templateId_(templateId), parent_(parent) {}
 
-  // Shows the dialog and waits for its end. Returns what EndDialog was given, or -1 (GetLastError tells why) or 0 when
-  // it could not be shown. An exception that ended the dialog is thrown again here.
+  // Whether a window of this process can be seen by anybody: not so in services and scheduled tasks.
+  static bool HasVisibleDesktop() noexcept;
+
+  // Shows the dialog and waits for its end. Returns what EndDialog was given, or -1 (GetLastError tells why) when it
+  // could not be shown. An exception that ended the dialog is thrown again here.
   INT_PTR DoModal();
 
   // Ends the dialog because of an exception; the first one counts.
@@ -56,5 +59,7 @@ class CDialog : public CWnd {
 
   WORD templateId_;
   HWND parent_;
+  bool initialised_ = false;
+  WindowList<CDialog>::Entry entry_{this};
   std::exception_ptr failure_;
 };

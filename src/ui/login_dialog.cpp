@@ -5,7 +5,6 @@
 
 #include "diag/debug_log.h"
 #include "login/pin_cache/pin_manager.h"
-#include "support/module_handle.h"
 #include "support/text.h"
 #include "support/ck_rv_status.h"
 #include "token/cryptoki_module.h"
@@ -38,6 +37,7 @@ bool CachingIsForbidden() noexcept {
 CLogin::CLogin(HWND parent) : CDialog(IDD_LOGIN, parent) {}
 
 CLogin::~CLogin() {
+  SecureWipe(serial_, sizeof(serial_));
   // A dialog that neither button has ended (its owner was destroyed, or an exception ended it) must not keep all later
   // ones from opening.
   if (holdsDialogFlag_) pinManager_->DialogFlag() = 0;
@@ -49,7 +49,8 @@ void CLogin::SetSerialNumber(const unsigned char* serial) {
     g_PinLog->WriteLine("NTE_INVALID_PARAMETER - Serial number is NULL");
     throw StatusError("Failed to set slot serial number", NTE_INVALID_PARAMETER);
   }
-  serial_.Assign(serial, kSerialLength);
+  std::memcpy(serial_, serial, sizeof(serial_));
+  hasSerial_ = true;
 }
 
 void CLogin::DoDataExchange(CDataExchange& exchange) {
@@ -62,9 +63,10 @@ void CLogin::DoDataExchange(CDataExchange& exchange) {
 
 bool CLogin::OnInitDialog() {
   CDialog::OnInitDialog();
-  icon_ = LoadIconW(g_hModule, MAKEINTRESOURCEW(IDI_KELDA));
-  Send(WM_SETICON, ICON_BIG, reinterpret_cast<LPARAM>(icon_));
-  Send(WM_SETICON, ICON_SMALL, reinterpret_cast<LPARAM>(icon_));
+  icon_.Load(IDI_KELDA, SM_CXICON, SM_CYICON);
+  smallIcon_.Load(IDI_KELDA, SM_CXSMICON, SM_CYSMICON);
+  Send(WM_SETICON, ICON_BIG, reinterpret_cast<LPARAM>(icon_.Handle()));
+  Send(WM_SETICON, ICON_SMALL, reinterpret_cast<LPARAM>(smallIcon_.Handle()));
 
   LOGFONTW font = {};
   font.lfHeight = 16;
@@ -160,7 +162,7 @@ SECURITY_STATUS CLogin::CheckContext() const noexcept {
   if (session_ == 0) {
     return g_PinLog->Refuse(NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE - cryptoki session handle is not set");
   }
-  if (serial_.empty()) {
+  if (!hasSerial_) {
     return g_PinLog->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR - slot serial number is not set");
   }
   if (pinManager_ == nullptr) {
@@ -273,12 +275,12 @@ SECURITY_STATUS CLogin::StorePinToCache(const unsigned char* pin, DWORD pinLengt
 
   g_PinLog->WriteLine("Storing PIN to PIN cache");
   if (pinManager_ == nullptr) return g_PinLog->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR - pin cache is not set");
-  if (serial_.empty()) {
+  if (!hasSerial_) {
     return g_PinLog->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR - slot serial number is not set");
   }
   if (pin == nullptr) return g_PinLog->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER - PIN is NULL");
   if (pinLength == 0) return g_PinLog->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER - PIN length is zero");
-  if (pinManager_->SetPin(serial_.data(), kSerialLength, pin, pinLength) == 0) {
+  if (pinManager_->SetPin(serial_, kSerialLength, pin, pinLength) == 0) {
     // not reached: the cache answers 1 or a failure, never 0
     return g_PinLog->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: Failed to store pin to cache.");
   }

@@ -3,6 +3,7 @@
 
 #include <stdexcept>
 
+#include "login/pin_cache/pin_cache_entry.h"
 #include "support/windows.h"
 #include "support/wipe.h"
 #include "support/pkcs11.h"
@@ -35,7 +36,7 @@ class CLogin : public CDialog {
   void SetCryptoki(const CryptokiModule* cryptoki) noexcept { cryptoki_ = cryptoki; }
   void SetSession(CK_SESSION_HANDLE session) noexcept { session_ = session; }
   void SetPinManager(PinManager* pinManager) noexcept { pinManager_ = pinManager; }
-  // Copies 16 bytes. Throws StatusError (NTE_INVALID_PARAMETER) for null, std::bad_alloc.
+  // Copies 16 bytes. Throws StatusError (NTE_INVALID_PARAMETER) for null.
   void SetSerialNumber(const unsigned char* serial);
   // The token's name for the caption, terminated.
   void SetTokenLabel(WipedArray<wchar_t> label) noexcept { label_ = static_cast<WipedArray<wchar_t>&&>(label); }
@@ -66,7 +67,8 @@ class CLogin : public CDialog {
   SECURITY_STATUS CheckContext() const noexcept;
   void SetStatusLine(const char* text) noexcept;
 
-  HICON icon_ = nullptr;
+  CIcon icon_;
+  CIcon smallIcon_;
   CFont statusFont_;
   CStatic status_;
   CStatic logo_;
@@ -74,7 +76,8 @@ class CLogin : public CDialog {
   const CryptokiModule* cryptoki_ = nullptr;
   PinManager* pinManager_ = nullptr;
   CK_SESSION_HANDLE session_ = 0;
-  WipedBytes serial_;
+  unsigned char serial_[kSerialLength] = {};
+  bool hasSerial_ = false;
   WipedArray<wchar_t> label_;
   bool holdsDialogFlag_ = false;
 };

@@ -5,7 +5,6 @@
 #include <stdexcept>
 
 #include "diag/debug_log.h"
-#include "support/module_handle.h"
 #include "support/text.h"
 #include "support/wipe.h"
 #include "ui/dialog.h"
@@ -48,13 +47,13 @@ class CSelectCard : public CDialog {
   SCARDCONTEXT hContext_ = 0;
   WipedArray<wchar_t> selected_;  // with its length in characters, the terminator counted
   CComboBox readerList_;
+  CIcon icon_;
 };
 
 bool CSelectCard::OnInitDialog() {
   CDialog::OnInitDialog();
-  HANDLE icon = LoadImageW(g_hModule, MAKEINTRESOURCEW(IDI_KELDA), IMAGE_ICON, GetSystemMetrics(SM_CXSMICON),
-                           GetSystemMetrics(SM_CYSMICON), LR_SHARED);
-  Send(WM_SETICON, ICON_SMALL, reinterpret_cast<LPARAM>(icon));
+  icon_.Load(IDI_KELDA, SM_CXSMICON, SM_CYSMICON);
+  Send(WM_SETICON, ICON_SMALL, reinterpret_cast<LPARAM>(icon_.Handle()));
 
   const LONG result = SCardEstablishContext(SCARD_SCOPE_USER, nullptr, nullptr, &hContext_);
   if (result != SCARD_S_SUCCESS) {
@@ -111,6 +110,8 @@ SECURITY_STATUS SelectReader(wchar_t* buffer) {
   g_KeyNameLog->WriteLine("Loading Dialog");
   CSelectCard dialog;
   g_KeyNameLog->WriteLine("Dialog Loaded");
+  // Nobody has cancelled what nobody could see.
+  if (!CDialog::HasVisibleDesktop()) Throw("Dialog", ERROR_REQUIRES_INTERACTIVE_WINDOWSTATION);
   if (dialog.DoModal() == IDOK) return TakeSelection(dialog, buffer);
   g_KeyNameLog->WriteLine("Action was cancelled by the user");
   return SCARD_W_CANCELLED_BY_USER;

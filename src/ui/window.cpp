@@ -2,7 +2,14 @@
 
 #include <exception>
 
+#include "support/module_handle.h"
 #include "ui/dialog.h"
+
+namespace {
+
+constinit WindowList<CWnd> g_Controls;
+
+}  // namespace
 
 CWnd::~CWnd() {
   Unsubclass();
@@ -12,7 +19,7 @@ void CWnd::Subclass(HWND control, CDialog* dialog) noexcept {
   if (control == nullptr || handle_ != nullptr) return;
   handle_ = control;
   dialog_ = dialog;
-  SetWindowLongPtrW(control, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(this));
+  g_Controls.Add(entry_, control);
   previous_ =
       reinterpret_cast<WNDPROC>(SetWindowLongPtrW(control, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(&Procedure)));
 }
@@ -20,7 +27,7 @@ void CWnd::Subclass(HWND control, CDialog* dialog) noexcept {
 void CWnd::Unsubclass() noexcept {
   if (handle_ == nullptr || previous_ == nullptr) return;
   SetWindowLongPtrW(handle_, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(previous_));
-  SetWindowLongPtrW(handle_, GWLP_USERDATA, 0);
+  g_Controls.Remove(entry_);
   previous_ = nullptr;
   handle_ = nullptr;
 }
@@ -45,7 +52,7 @@ LRESULT CWnd::Default(UINT message, WPARAM wParam, LPARAM lParam) noexcept {
 }
 
 LRESULT CALLBACK CWnd::Procedure(HWND window, UINT message, WPARAM wParam, LPARAM lParam) noexcept {
-  auto* self = reinterpret_cast<CWnd*>(GetWindowLongPtrW(window, GWLP_USERDATA));
+  CWnd* self = g_Controls.Find(window);
   if (self == nullptr) return DefWindowProcW(window, message, wParam, lParam);
   if (message == WM_NCDESTROY) {
     const WNDPROC previous = self->previous_;
@@ -59,4 +66,9 @@ LRESULT CALLBACK CWnd::Procedure(HWND window, UINT message, WPARAM wParam, LPARA
     if (self->dialog_ != nullptr) self->dialog_->Fail(std::current_exception());
     return 0;
   }
+}
+
+void CIcon::Load(WORD id, int widthMetric, int heightMetric) noexcept {
+  handle_ = static_cast<HICON>(LoadImageW(g_hModule, MAKEINTRESOURCEW(id), IMAGE_ICON, GetSystemMetrics(widthMetric),
+                                          GetSystemMetrics(heightMetric), LR_DEFAULTCOLOR));
 }

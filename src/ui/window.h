@@ -5,6 +5,7 @@
 
 #include "support/windows.h"
 #include "support/wipe.h"
+#include "ui/window_list.h"
 
 class CDialog;
 
@@ -49,6 +50,7 @@ class CWnd {
 
   WNDPROC previous_ = nullptr;
   CDialog* dialog_ = nullptr;
+  WindowList<CWnd>::Entry entry_{this};
 };
 
 class CStatic : public CWnd {};
@@ -67,6 +69,24 @@ class CComboBox : public CWnd {
   void Add(const wchar_t* text) noexcept { Send(CB_ADDSTRING, 0, reinterpret_cast<LPARAM>(text)); }
   void Choose(std::size_t index) noexcept { Send(CB_SETCURSEL, index); }
   void Reset() noexcept { Send(CB_RESETCONTENT); }
+};
+
+class CIcon {
+ public:
+  CIcon() noexcept = default;
+  ~CIcon() {
+    if (handle_ != nullptr) DestroyIcon(handle_);
+  }
+  CIcon(const CIcon&) = delete;
+  CIcon& operator=(const CIcon&) = delete;
+
+  // Loads the icon of this DLL's resources in the size that the two system metrics tell. Each size is an icon of its
+  // own: a shared one comes in the size that was asked for first.
+  void Load(WORD id, int widthMetric, int heightMetric) noexcept;
+  HICON Handle() const noexcept { return handle_; }
+
+ private:
+  HICON handle_ = nullptr;
 };
 
 class CFont {

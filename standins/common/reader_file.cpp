@@ -32,11 +32,11 @@ void ParseDirective(std::string_view line, ReaderFile& file) {
   const auto name = line.substr(0, blank);
   const auto value = Trim(line.substr(blank));
   if (name == "!establish") {
-    file.establish_failure = ParseHex(value);
+    file.establishFailure = ParseHex(value);
   } else if (name == "!list" && value == "empty") {
-    file.list_without_names = true;
+    file.listWithoutNames = true;
   } else if (name == "!list") {
-    file.list_failure = ParseHex(value);
+    file.listFailure = ParseHex(value);
   }
 }
 
@@ -56,7 +56,7 @@ ReaderFile ParseReaderFile(std::string_view text) {
     const auto equals = line.find('=');
     Reader reader;
     reader.name = Trim(line.substr(0, equals));
-    if (equals != std::string_view::npos) reader.token_label = Trim(line.substr(equals + 1));
+    if (equals != std::string_view::npos) reader.tokenLabel = Trim(line.substr(equals + 1));
     if (!reader.name.empty()) file.readers.push_back(std::move(reader));
   }
   return file;

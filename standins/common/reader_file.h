@@ -13,8 +13,7 @@
 //
 // Somebody who changes the file while programs run replaces it as a whole: write another file, then rename it (from
 // Windows code again and again while the old one is in use).
-#ifndef KELDA_STANDINS_COMMON_READER_FILE_H_
-#define KELDA_STANDINS_COMMON_READER_FILE_H_
+#pragma once
 
 #include <cstdint>
 #include <optional>
@@ -27,23 +26,21 @@ namespace standins {
 inline constexpr char kReaderFileVariable[] = "KELDA_READERS";
 
 struct Reader {
-  std::string name;         // UTF-8
-  std::string token_label;  // empty: no token in the reader
+  std::string name;        // UTF-8
+  std::string tokenLabel;  // empty: no token in the reader
 };
 
 struct ReaderFile {
   std::vector<Reader> readers;
-  std::optional<std::uint32_t> establish_failure;
-  std::optional<std::uint32_t> list_failure;
-  bool list_without_names = false;
+  std::optional<std::uint32_t> establishFailure;
+  std::optional<std::uint32_t> listFailure;
+  bool listWithoutNames = false;
 };
 
 // Parses the text of a reader file. Lines that say nothing known are ignored.
 ReaderFile ParseReaderFile(std::string_view text);
 
-// Reads and parses the file at `path`. A file that cannot be read tells of no reader.
+// Reads and parses the file at path. A file that cannot be read tells of no reader.
 ReaderFile ReadReaderFile(const std::string& path);
 
 }  // namespace standins
-
-#endif  // KELDA_STANDINS_COMMON_READER_FILE_H_

@@ -32,20 +32,23 @@ std::wstring PathOf(const std::wstring& image) {
 
 }  // namespace
 
-SECURITY_STATUS LoadProviderTable(const Registration& registration, const KeyStorageFunctionTable** table) {
-  // Never released: a provider's state (PINs it caches, its token module) is meant to last as long as the process.
-  // Loading it again only counts, which does not matter then.
-  const HMODULE module = LoadLibraryW(PathOf(registration.image).c_str());
-  if (module == nullptr) return NTE_PROVIDER_DLL_FAIL;
+ProviderModule::~ProviderModule() {
+  // Loading counts: a DLL that an earlier opening kept stays.
+  if (module_ != nullptr) FreeLibrary(module_);
+}
+
+SECURITY_STATUS ProviderModule::Load(const Registration& registration, const KeyStorageFunctionTable** table) {
+  module_ = LoadLibraryW(PathOf(registration.image).c_str());
+  if (module_ == nullptr) return NTE_PROVIDER_DLL_FAIL;
   // Through a plain function pointer: FARPROC and the real type differ in everything.
-  const auto get_interface = reinterpret_cast<GetKeyStorageInterfaceFn>(
-      reinterpret_cast<void*>(GetProcAddress(module, "GetKeyStorageInterface")));
-  if (get_interface == nullptr) return NTE_PROVIDER_DLL_FAIL;
-  KeyStorageFunctionTable* provider_table = nullptr;
-  const NTSTATUS status = get_interface(registration.name.c_str(), &provider_table, 0);
+  const auto getInterface = reinterpret_cast<GetKeyStorageInterfaceFn>(
+      reinterpret_cast<void*>(GetProcAddress(module_, "GetKeyStorageInterface")));
+  if (getInterface == nullptr) return NTE_PROVIDER_DLL_FAIL;
+  KeyStorageFunctionTable* providerTable = nullptr;
+  const NTSTATUS status = getInterface(registration.name.c_str(), &providerTable, 0);
   if (status != 0) return FromNtStatus(status);
-  if (provider_table == nullptr || provider_table->Version.Major != kInterfaceMajor) return NTE_BAD_PROVIDER;
-  *table = provider_table;
+  if (providerTable == nullptr || providerTable->Version.Major != kInterfaceMajor) return NTE_BAD_PROVIDER;
+  *table = providerTable;
   return ERROR_SUCCESS;
 }
 

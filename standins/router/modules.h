@@ -1,17 +1,28 @@
 // Loading of provider DLLs.
-#ifndef KELDA_STANDINS_ROUTER_MODULES_H_
-#define KELDA_STANDINS_ROUTER_MODULES_H_
+#pragma once
 
 #include "router/key_storage_interface.h"
 #include "router/registration.h"
 
 namespace router {
 
-// Loads the provider's DLL (once per process; it stays loaded) and gets its function table, which stays valid as long
-// as the process lives. NTE_PROVIDER_DLL_FAIL: no such DLL or export; NTE_BAD_PROVIDER: a table of another version;
-// else what the provider answered, as a SECURITY_STATUS.
-SECURITY_STATUS LoadProviderTable(const Registration& registration, const KeyStorageFunctionTable** table);
+// A provider's DLL while it is tried. It is unloaded again unless Keep says that the provider was opened: then it stays
+// for the life of the process, with its state (PINs it caches, its token module).
+class ProviderModule {
+ public:
+  ProviderModule() = default;
+  ~ProviderModule();
+  ProviderModule(const ProviderModule&) = delete;
+  ProviderModule& operator=(const ProviderModule&) = delete;
+
+  // Loads the DLL and gets its function table, which is valid as long as the DLL is loaded. NTE_PROVIDER_DLL_FAIL: no
+  // such DLL or export; NTE_BAD_PROVIDER: a table of another version; else what the provider answered, as a
+  // SECURITY_STATUS.
+  SECURITY_STATUS Load(const Registration& registration, const KeyStorageFunctionTable** table);
+  void Keep() { module_ = nullptr; }
+
+ private:
+  HMODULE module_ = nullptr;
+};
 
 }  // namespace router
-
-#endif  // KELDA_STANDINS_ROUTER_MODULES_H_

@@ -2,8 +2,7 @@
 //
 // A handle is a number that the router draws; the provider's own handles never reach a caller. Numbers are not used
 // again, so a freed handle stays refused. All operations may be called from any thread.
-#ifndef KELDA_STANDINS_ROUTER_OBJECTS_H_
-#define KELDA_STANDINS_ROUTER_OBJECTS_H_
+#pragma once
 
 #include <map>
 #include <memory>
@@ -50,7 +49,7 @@ class ObjectTable {
  public:
   NCRYPT_HANDLE Add(Object object);
 
-  // The object behind `handle`, or nullptr when there is none or it is of another kind.
+  // The object behind handle, or nullptr when there is none or it is of another kind.
   std::shared_ptr<Provider> FindProvider(NCRYPT_HANDLE handle) const { return Find<Provider>(handle); }
   std::shared_ptr<Key> FindKey(NCRYPT_HANDLE handle) const { return Find<Key>(handle); }
   std::shared_ptr<Secret> FindSecret(NCRYPT_HANDLE handle) const { return Find<Secret>(handle); }
@@ -76,7 +75,7 @@ class ObjectTable {
 // Who releases a buffer that NCryptFreeBuffer is given.
 class BufferTable {
  public:
-  // `table` is the provider that allocated the buffer; nullptr stands for the router's process heap.
+  // table is the provider that allocated the buffer; nullptr stands for the router's process heap.
   void Add(void* buffer, const KeyStorageFunctionTable* table);
   bool IsOwnedBy(const void* buffer, const KeyStorageFunctionTable* table) const;
   SECURITY_STATUS Free(void* buffer);
@@ -87,5 +86,3 @@ class BufferTable {
 };
 
 }  // namespace router
-
-#endif  // KELDA_STANDINS_ROUTER_OBJECTS_H_

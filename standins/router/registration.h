@@ -1,6 +1,5 @@
 // The registered key storage providers, as the registry tells them.
-#ifndef KELDA_STANDINS_ROUTER_REGISTRATION_H_
-#define KELDA_STANDINS_ROUTER_REGISTRATION_H_
+#pragma once
 
 #include <optional>
 #include <string>
@@ -17,9 +16,7 @@ struct Registration {
 // The registered providers that offer key storage in the default context, in the context's order.
 std::vector<Registration> RegisteredProviders();
 
-// The provider that is registered as `name`, or has it among its aliases (case ignored, as the registry does).
+// The provider that is registered as name, or has it among its aliases (case ignored, as the registry does).
 std::optional<Registration> FindRegistration(const std::wstring& name);
 
 }  // namespace router
-
-#endif  // KELDA_STANDINS_ROUTER_REGISTRATION_H_

@@ -75,11 +75,11 @@ NCRYPT_KEY_HANDLE AddKey(const std::shared_ptr<Provider>& provider, NCRYPT_KEY_H
 }
 
 // The handle of a key's provider is the one key property that only the router can know.
-SECURITY_STATUS GetProviderHandle(const Key& key, PBYTE output, DWORD output_size, DWORD* result) {
+SECURITY_STATUS GetProviderHandle(const Key& key, PBYTE output, DWORD outputSize, DWORD* result) {
   if (result == nullptr) return NTE_INVALID_PARAMETER;
   *result = sizeof(NCRYPT_PROV_HANDLE);
   if (output == nullptr) return ERROR_SUCCESS;
-  if (output_size < sizeof(NCRYPT_PROV_HANDLE)) return NTE_BUFFER_TOO_SMALL;
+  if (outputSize < sizeof(NCRYPT_PROV_HANDLE)) return NTE_BUFFER_TOO_SMALL;
   // A handle of its own, which the caller has to free.
   const NCRYPT_PROV_HANDLE handle = Objects().Add(key.provider);
   std::memcpy(output, &handle, sizeof(handle));
@@ -112,11 +112,13 @@ SECURITY_STATUS WINAPI NCryptOpenStorageProvider(NCRYPT_PROV_HANDLE* phProvider,
     const auto registration = router::FindRegistration(name);
     if (!registration) return NTE_NOT_FOUND;
     const router::KeyStorageFunctionTable* table = nullptr;
-    if (const auto status = router::LoadProviderTable(*registration, &table); status != ERROR_SUCCESS) return status;
+    router::ProviderModule module;
+    if (const auto status = module.Load(*registration, &table); status != ERROR_SUCCESS) return status;
     NCRYPT_PROV_HANDLE handle = 0;
     if (const auto status = table->OpenProvider(&handle, name.c_str(), dwFlags); status != ERROR_SUCCESS) {
       return status;
     }
+    module.Keep();
     *phProvider = Objects().Add(std::make_shared<router::Provider>(*table, handle));
     return ERROR_SUCCESS;
   });
@@ -273,10 +275,10 @@ SECURITY_STATUS WINAPI NCryptImportKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_
                                        DWORD cbData, DWORD dwFlags) {
   return WithProvider(hProvider, [&](const auto& provider) -> SECURITY_STATUS {
     if (phKey == nullptr) return NTE_INVALID_PARAMETER;
-    const auto import_key = OwnHandle(provider, hImportKey);
-    if (!import_key) return NTE_INVALID_HANDLE;
+    const auto importKey = OwnHandle(provider, hImportKey);
+    if (!importKey) return NTE_INVALID_HANDLE;
     NCRYPT_KEY_HANDLE key = 0;
-    const auto status = provider->table().ImportKey(provider->handle(), *import_key, pszBlobType, pParameterList, &key,
+    const auto status = provider->table().ImportKey(provider->handle(), *importKey, pszBlobType, pParameterList, &key,
                                                     pbData, cbData, dwFlags);
     if (status == ERROR_SUCCESS) *phKey = AddKey(provider, key);
     return status;
@@ -287,9 +289,9 @@ SECURITY_STATUS WINAPI NCryptExportKey(NCRYPT_KEY_HANDLE hKey, NCRYPT_KEY_HANDLE
                                        NCryptBufferDesc* pParameterList, PBYTE pbOutput, DWORD cbOutput,
                                        DWORD* pcbResult, DWORD dwFlags) {
   return WithKey(hKey, [&](const auto& key) -> SECURITY_STATUS {
-    const auto export_key = OwnHandle(key.provider, hExportKey);
-    if (!export_key) return NTE_INVALID_HANDLE;
-    return key.provider->table().ExportKey(key.provider->handle(), key.handle, *export_key, pszBlobType, pParameterList,
+    const auto exportKey = OwnHandle(key.provider, hExportKey);
+    if (!exportKey) return NTE_INVALID_HANDLE;
+    return key.provider->table().ExportKey(key.provider->handle(), key.handle, *exportKey, pszBlobType, pParameterList,
                                            pbOutput, cbOutput, pcbResult, dwFlags);
   });
 }
@@ -360,11 +362,11 @@ SECURITY_STATUS WINAPI NCryptSecretAgreement(NCRYPT_KEY_HANDLE hPrivKey, NCRYPT_
                                              NCRYPT_SECRET_HANDLE* phAgreedSecret, DWORD dwFlags) {
   return WithKey(hPrivKey, [&](const auto& key) -> SECURITY_STATUS {
     if (phAgreedSecret == nullptr) return NTE_INVALID_PARAMETER;
-    const auto public_key = OwnHandle(key.provider, hPubKey);
-    if (!public_key || *public_key == 0) return NTE_INVALID_HANDLE;
+    const auto publicKey = OwnHandle(key.provider, hPubKey);
+    if (!publicKey || *publicKey == 0) return NTE_INVALID_HANDLE;
     NCRYPT_SECRET_HANDLE handle = 0;
     const auto status =
-        key.provider->table().SecretAgreement(key.provider->handle(), key.handle, *public_key, &handle, dwFlags);
+        key.provider->table().SecretAgreement(key.provider->handle(), key.handle, *publicKey, &handle, dwFlags);
     if (status != ERROR_SUCCESS) return status;
     auto secret = std::make_shared<router::Secret>();
     secret->provider = key.provider;

@@ -1,6 +1,5 @@
 // Attribute templates and mechanisms between the Windows layout and the native one, and what SoftHSM wants different.
-#ifndef KELDA_STANDINS_SOFTTOKEN_ATTRIBUTES_H_
-#define KELDA_STANDINS_SOFTTOKEN_ATTRIBUTES_H_
+#pragma once
 
 #include <p11-kit/pkcs11.h>
 
@@ -14,6 +13,8 @@ namespace softtoken {
 
 // Does this attribute's value consist of CK_ULONG numbers (and so change its length between the layouts)?
 bool HoldsNumbers(CK_ATTRIBUTE_TYPE type);
+// Is this attribute's value one CK_BBOOL?
+bool HoldsFlag(CK_ATTRIBUTE_TYPE type);
 
 // A template of attribute values in the native layout, with its values.
 class Template {
@@ -22,11 +23,14 @@ class Template {
   // length.
   CK_RV Assign(const win::Attribute* attributes, win::Ulong count);
 
+  // CKR_ATTRIBUTE_VALUE_INVALID: a number or a flag that is not of its one length (4 or 1 bytes for the caller).
+  CK_RV CheckLengths() const;
+
   // What the module behind keldapkcs11.dll accepts and SoftHSM refuses is dropped or completed here:
   // attributes that only the token may set or that do not belong to the class, and the types SoftHSM insists on.
   void AdaptForCreation();
-  // `object_class`: CKO_PUBLIC_KEY or CKO_PRIVATE_KEY.
-  void AdaptForGeneration(CK_OBJECT_CLASS object_class);
+  // objectClass: CKO_PUBLIC_KEY or CKO_PRIVATE_KEY.
+  void AdaptForGeneration(CK_OBJECT_CLASS objectClass);
 
   // The template as SoftHSM takes it; valid until the template changes.
   std::vector<CK_ATTRIBUTE> Native();
@@ -39,7 +43,7 @@ class Template {
   struct Entry {
     CK_ATTRIBUTE_TYPE type = 0;
     std::vector<std::uint8_t> value;
-    bool has_value = false;  // false: a null pointer, with whatever length
+    bool hasValue = false;  // false: a null pointer, with whatever length
   };
 
   void Drop(CK_ATTRIBUTE_TYPE type);
@@ -74,5 +78,3 @@ class AttributeRead {
 CK_RV ToNative(const win::Mechanism* mechanism, CK_MECHANISM* native);
 
 }  // namespace softtoken
-
-#endif  // KELDA_STANDINS_SOFTTOKEN_ATTRIBUTES_H_

@@ -37,8 +37,8 @@ KELDA_WINDOWS_CALL Ulong GetInfo(win::Info* info) {
   return Module::Instance().Run([=](Module& module) { return module.GetInfo(info); });
 }
 
-KELDA_WINDOWS_CALL Ulong GetSlotList(std::uint8_t with_token, Ulong* slots, Ulong* count) {
-  return Module::Instance().Run([=](Module& module) { return module.GetSlotList(with_token != 0, slots, count); });
+KELDA_WINDOWS_CALL Ulong GetSlotList(std::uint8_t withToken, Ulong* slots, Ulong* count) {
+  return Module::Instance().Run([=](Module& module) { return module.GetSlotList(withToken != 0, slots, count); });
 }
 
 KELDA_WINDOWS_CALL Ulong GetSlotInfo(Ulong slot, win::SlotInfo* info) {
@@ -73,12 +73,12 @@ KELDA_WINDOWS_CALL Ulong GetSessionInfo(Ulong session, win::SessionInfo* info) {
   return Module::Instance().Run([=](Module& module) { return module.GetSessionInfo(session, info); });
 }
 
-KELDA_WINDOWS_CALL Ulong Login(Ulong session, Ulong user, Bytes pin, Ulong pin_len) {
-  return Module::Instance().Run([=](Module& module) { return module.Login(session, user, pin, pin_len); });
+KELDA_WINDOWS_CALL Ulong Login(Ulong session, Ulong user, Bytes pin, Ulong pinLen) {
+  return Module::Instance().Run([=](Module& module) { return module.Login(session, user, pin, pinLen); });
 }
 
-KELDA_WINDOWS_CALL Ulong LoginCounted(Ulong session, Ulong user, Bytes pin, Ulong pin_len) {
-  return Module::Instance().Run([=](Module& module) { return module.LoginCounted(session, user, pin, pin_len); });
+KELDA_WINDOWS_CALL Ulong LoginCounted(Ulong session, Ulong user, Bytes pin, Ulong pinLen) {
+  return Module::Instance().Run([=](Module& module) { return module.LoginCounted(session, user, pin, pinLen); });
 }
 
 KELDA_WINDOWS_CALL Ulong Logout(Ulong session) {
@@ -123,22 +123,22 @@ KELDA_WINDOWS_CALL Ulong InitOperation(Ulong session, win::Mechanism* mechanism,
 }
 
 template <Operation kOperation>
-KELDA_WINDOWS_CALL Ulong RunOperation(Ulong session, Bytes input, Ulong input_len, Bytes output, Ulong* output_len) {
+KELDA_WINDOWS_CALL Ulong RunOperation(Ulong session, Bytes input, Ulong inputLen, Bytes output, Ulong* outputLen) {
   return Module::Instance().Run(
-      [=](Module& module) { return module.RunOperation(kOperation, session, input, input_len, output, output_len); });
+      [=](Module& module) { return module.RunOperation(kOperation, session, input, inputLen, output, outputLen); });
 }
 
-KELDA_WINDOWS_CALL Ulong Verify(Ulong session, Bytes data, Ulong data_len, Bytes signature, Ulong signature_len) {
+KELDA_WINDOWS_CALL Ulong Verify(Ulong session, Bytes data, Ulong dataLen, Bytes signature, Ulong signatureLen) {
   return Module::Instance().Run(
-      [=](Module& module) { return module.Verify(session, data, data_len, signature, signature_len); });
+      [=](Module& module) { return module.Verify(session, data, dataLen, signature, signatureLen); });
 }
 
-KELDA_WINDOWS_CALL Ulong GenerateKeyPair(Ulong session, win::Mechanism* mechanism, win::Attribute* public_attributes,
-                                         Ulong public_count, win::Attribute* private_attributes, Ulong private_count,
-                                         Ulong* public_key, Ulong* private_key) {
+KELDA_WINDOWS_CALL Ulong GenerateKeyPair(Ulong session, win::Mechanism* mechanism, win::Attribute* publicAttributes,
+                                         Ulong publicCount, win::Attribute* privateAttributes, Ulong privateCount,
+                                         Ulong* publicKey, Ulong* privateKey) {
   return Module::Instance().Run([=](Module& module) {
-    return module.GenerateKeyPair(session, mechanism, public_attributes, public_count, private_attributes,
-                                  private_count, public_key, private_key);
+    return module.GenerateKeyPair(session, mechanism, publicAttributes, publicCount, privateAttributes, privateCount,
+                                  publicKey, privateKey);
   });
 }
 

@@ -58,11 +58,12 @@ CK_RV HandOutNumbers(const std::vector<win::Ulong>& numbers, win::Ulong* target,
 
 }  // namespace
 
-// Logs in under the directory's PIN for as long as it lives, unless the user is logged in already.
+// Logs in under the directory's PIN for as long as it lives, unless the user is logged in already or may see nothing
+// before.
 class Module::BorrowedLogin {
  public:
   BorrowedLogin(Module& module, win::Ulong session, const Session& record) : module_(module), session_(session) {
-    if (module.IsLoggedIn(session)) return;
+    if (module.IsStrict() || module.IsLoggedIn(session)) return;
     auto pin = DirectoryPin(record.serial);
     if (!pin.empty()) {
       borrowed_ =
@@ -93,8 +94,8 @@ CK_RV Module::Initialize() {
     const char* named = std::getenv(kLibraryVariable);
     library_ = dlopen(named != nullptr ? named : kDefaultLibrary, RTLD_NOW | RTLD_LOCAL);
     if (library_ == nullptr) return CKR_GENERAL_ERROR;
-    const auto get_list = reinterpret_cast<CK_C_GetFunctionList>(dlsym(library_, "C_GetFunctionList"));
-    if (get_list == nullptr || get_list(&softhsm_) != CKR_OK) return CKR_GENERAL_ERROR;
+    const auto getList = reinterpret_cast<CK_C_GetFunctionList>(dlsym(library_, "C_GetFunctionList"));
+    if (getList == nullptr || getList(&softhsm_) != CKR_OK) return CKR_GENERAL_ERROR;
   }
   // Programs call from several threads whether they say so or not.
   CK_C_INITIALIZE_ARGS arguments{};
@@ -105,7 +106,7 @@ CK_RV Module::Initialize() {
 CK_RV Module::Finalize() {
   if (softhsm_ == nullptr) return CKR_CRYPTOKI_NOT_INITIALIZED;
   sessions_.clear();
-  private_objects_.clear();
+  privateObjects_.clear();
   return softhsm_->C_Finalize(nullptr);
 }
 
@@ -115,10 +116,10 @@ CK_RV Module::GetInfo(win::Info* info) {
   CK_INFO native{};
   if (const CK_RV rv = softhsm_->C_GetInfo(&native); rv != CKR_OK) return rv;
   win::Info target{};
-  target.cryptoki_version = ToWindows(native.cryptokiVersion);
-  StorePadded(target.manufacturer_id, kMaker);
-  StorePadded(target.library_description, kDescription);
-  target.library_version = ToWindows(native.libraryVersion);
+  target.cryptokiVersion = ToWindows(native.cryptokiVersion);
+  StorePadded(target.manufacturerId, kMaker);
+  StorePadded(target.libraryDescription, kDescription);
+  target.libraryVersion = ToWindows(native.libraryVersion);
   win::Store(info, target);
   return CKR_OK;
 }
@@ -128,9 +129,9 @@ std::vector<Module::Slot> Module::ReadSlots() {
   std::vector<Slot> slots;
   if (path == nullptr) return slots;
   for (auto& reader : standins::ReadReaderFile(path).readers) {
-    auto known = std::find(reader_names_.begin(), reader_names_.end(), reader.name);
-    if (known == reader_names_.end()) known = reader_names_.insert(known, reader.name);
-    slots.push_back({static_cast<win::Ulong>(known - reader_names_.begin()), std::move(reader)});
+    auto known = std::find(readerNames_.begin(), readerNames_.end(), reader.name);
+    if (known == readerNames_.end()) known = readerNames_.insert(known, reader.name);
+    slots.push_back({static_cast<win::Ulong>(known - readerNames_.begin()), std::move(reader)});
   }
   return slots;
 }
@@ -146,28 +147,35 @@ CK_RV Module::FindSlot(win::Ulong id, Slot* slot) {
 }
 
 CK_RV Module::FindNativeSlot(const standins::Reader& reader, CK_SLOT_ID* native, CK_TOKEN_INFO* info) {
-  if (reader.token_label.empty()) return CKR_TOKEN_NOT_PRESENT;
+  if (reader.tokenLabel.empty()) return CKR_TOKEN_NOT_PRESENT;
   CK_ULONG count = 0;
   if (const CK_RV rv = softhsm_->C_GetSlotList(CK_TRUE, nullptr, &count); rv != CKR_OK) return rv;
   std::vector<CK_SLOT_ID> slots(count);
   if (const CK_RV rv = softhsm_->C_GetSlotList(CK_TRUE, slots.data(), &count); rv != CKR_OK) return rv;
   slots.resize(count);
   for (const auto slot : slots) {
-    if (softhsm_->C_GetTokenInfo(slot, info) != CKR_OK || LoadPadded(info->label) != reader.token_label) continue;
+    if (softhsm_->C_GetTokenInfo(slot, info) != CKR_OK || LoadPadded(info->label) != reader.tokenLabel) continue;
     *native = slot;
     return CKR_OK;
   }
   return CKR_TOKEN_NOT_PRESENT;
 }
 
-CK_RV Module::GetSlotList(bool with_token, win::Ulong* slots, win::Ulong* count) {
+CK_RV Module::FindToken(win::Ulong slot, Token* token) {
+  Slot record;
+  if (const CK_RV rv = FindSlot(slot, &record); rv != CKR_OK) return rv;
+  token->reader = std::move(record.reader);
+  return FindNativeSlot(token->reader, &token->native, &token->info);
+}
+
+CK_RV Module::GetSlotList(bool withToken, win::Ulong* slots, win::Ulong* count) {
   if (softhsm_ == nullptr) return CKR_CRYPTOKI_NOT_INITIALIZED;
   if (count == nullptr) return CKR_ARGUMENTS_BAD;
   std::vector<win::Ulong> ids;
   for (const auto& slot : ReadSlots()) {
     CK_SLOT_ID native = 0;
     CK_TOKEN_INFO info{};
-    if (!with_token || FindNativeSlot(slot.reader, &native, &info) == CKR_OK) ids.push_back(slot.id);
+    if (!withToken || FindNativeSlot(slot.reader, &native, &info) == CKR_OK) ids.push_back(slot.id);
   }
   return HandOutNumbers(ids, slots, count);
 }
@@ -179,8 +187,8 @@ CK_RV Module::GetSlotInfo(win::Ulong slot, win::SlotInfo* info) {
   CK_SLOT_ID native = 0;
   CK_TOKEN_INFO token{};
   win::SlotInfo target{};
-  StorePadded(target.slot_description, record.reader.name);
-  StorePadded(target.manufacturer_id, kMaker);
+  StorePadded(target.slotDescription, record.reader.name);
+  StorePadded(target.manufacturerId, kMaker);
   target.flags = CKF_REMOVABLE_DEVICE | CKF_HW_SLOT;
   if (FindNativeSlot(record.reader, &native, &token) == CKR_OK) target.flags |= CKF_TOKEN_PRESENT;
   win::Store(info, target);
@@ -189,67 +197,58 @@ CK_RV Module::GetSlotInfo(win::Ulong slot, win::SlotInfo* info) {
 
 CK_RV Module::GetTokenInfo(win::Ulong slot, win::TokenInfo* info) {
   if (info == nullptr) return CKR_ARGUMENTS_BAD;
-  Slot record;
-  if (const CK_RV rv = FindSlot(slot, &record); rv != CKR_OK) return rv;
-  CK_SLOT_ID native = 0;
-  CK_TOKEN_INFO token{};
-  if (const CK_RV rv = FindNativeSlot(record.reader, &native, &token); rv != CKR_OK) return rv;
+  Token token;
+  if (const CK_RV rv = FindToken(slot, &token); rv != CKR_OK) return rv;
   constexpr CK_FLAGS kPinFlags =
       CKF_USER_PIN_COUNT_LOW | CKF_USER_PIN_FINAL_TRY | CKF_USER_PIN_LOCKED | CKF_USER_PIN_TO_BE_CHANGED;
-  const std::string serial = LoadPadded(token.serialNumber);
+  const std::string serial = LoadPadded(token.info.serialNumber);
   const Tries tries = TriesFile(serial).tries();
   win::TokenInfo target{};
-  StorePadded(target.label, LoadPadded(token.label));
-  StorePadded(target.manufacturer_id, kMaker);
+  StorePadded(target.label, LoadPadded(token.info.label));
+  StorePadded(target.manufacturerId, kMaker);
   StorePadded(target.model, kDescription);
-  StorePadded(target.serial_number, serial);
-  target.flags = static_cast<win::Ulong>(token.flags & ~kPinFlags);
+  StorePadded(target.serialNumber, serial);
+  target.flags = static_cast<win::Ulong>(token.info.flags & ~kPinFlags);
   if (tries.left < tries.max) target.flags |= CKF_USER_PIN_COUNT_LOW;
   if (tries.left == 1) target.flags |= CKF_USER_PIN_FINAL_TRY;
   if (tries.left == 0) target.flags |= CKF_USER_PIN_LOCKED;
-  target.max_session_count = static_cast<win::Ulong>(token.ulMaxSessionCount);
-  target.session_count = static_cast<win::Ulong>(token.ulSessionCount);
-  target.max_rw_session_count = static_cast<win::Ulong>(token.ulMaxRwSessionCount);
-  target.rw_session_count = static_cast<win::Ulong>(token.ulRwSessionCount);
-  target.max_pin_len = static_cast<win::Ulong>(token.ulMaxPinLen);
-  target.min_pin_len = static_cast<win::Ulong>(token.ulMinPinLen);
-  target.total_public_memory = static_cast<win::Ulong>(token.ulTotalPublicMemory);
-  target.free_public_memory = static_cast<win::Ulong>(token.ulFreePublicMemory);
-  target.total_private_memory = static_cast<win::Ulong>(token.ulTotalPrivateMemory);
-  target.free_private_memory = static_cast<win::Ulong>(token.ulFreePrivateMemory);
-  target.hardware_version = ToWindows(token.hardwareVersion);
-  target.firmware_version = ToWindows(token.firmwareVersion);
-  std::copy(std::begin(token.utcTime), std::end(token.utcTime), std::begin(target.utc_time));
+  target.maxSessionCount = static_cast<win::Ulong>(token.info.ulMaxSessionCount);
+  target.sessionCount = static_cast<win::Ulong>(token.info.ulSessionCount);
+  target.maxRwSessionCount = static_cast<win::Ulong>(token.info.ulMaxRwSessionCount);
+  target.rwSessionCount = static_cast<win::Ulong>(token.info.ulRwSessionCount);
+  target.maxPinLen = static_cast<win::Ulong>(token.info.ulMaxPinLen);
+  target.minPinLen = static_cast<win::Ulong>(token.info.ulMinPinLen);
+  target.totalPublicMemory = static_cast<win::Ulong>(token.info.ulTotalPublicMemory);
+  target.freePublicMemory = static_cast<win::Ulong>(token.info.ulFreePublicMemory);
+  target.totalPrivateMemory = static_cast<win::Ulong>(token.info.ulTotalPrivateMemory);
+  target.freePrivateMemory = static_cast<win::Ulong>(token.info.ulFreePrivateMemory);
+  target.hardwareVersion = ToWindows(token.info.hardwareVersion);
+  target.firmwareVersion = ToWindows(token.info.firmwareVersion);
+  std::copy(std::begin(token.info.utcTime), std::end(token.info.utcTime), std::begin(target.utcTime));
   win::Store(info, target);
   return CKR_OK;
 }
 
 CK_RV Module::GetMechanismList(win::Ulong slot, win::Ulong* mechanisms, win::Ulong* count) {
   if (count == nullptr) return CKR_ARGUMENTS_BAD;
-  Slot record;
-  if (const CK_RV rv = FindSlot(slot, &record); rv != CKR_OK) return rv;
-  CK_SLOT_ID native = 0;
-  CK_TOKEN_INFO token{};
-  if (const CK_RV rv = FindNativeSlot(record.reader, &native, &token); rv != CKR_OK) return rv;
-  CK_ULONG native_count = 0;
-  if (const CK_RV rv = softhsm_->C_GetMechanismList(native, nullptr, &native_count); rv != CKR_OK) return rv;
-  std::vector<CK_MECHANISM_TYPE> types(native_count);
-  if (const CK_RV rv = softhsm_->C_GetMechanismList(native, types.data(), &native_count); rv != CKR_OK) return rv;
+  Token token;
+  if (const CK_RV rv = FindToken(slot, &token); rv != CKR_OK) return rv;
+  CK_ULONG nativeCount = 0;
+  if (const CK_RV rv = softhsm_->C_GetMechanismList(token.native, nullptr, &nativeCount); rv != CKR_OK) return rv;
+  std::vector<CK_MECHANISM_TYPE> types(nativeCount);
+  if (const CK_RV rv = softhsm_->C_GetMechanismList(token.native, types.data(), &nativeCount); rv != CKR_OK) return rv;
   std::vector<win::Ulong> numbers;
-  for (CK_ULONG i = 0; i < native_count; ++i)
+  for (CK_ULONG i = 0; i < nativeCount; ++i)
     numbers.push_back(static_cast<win::Ulong>(types[i]));
   return HandOutNumbers(numbers, mechanisms, count);
 }
 
 CK_RV Module::GetMechanismInfo(win::Ulong slot, win::Ulong mechanism, win::MechanismInfo* info) {
   if (info == nullptr) return CKR_ARGUMENTS_BAD;
-  Slot record;
-  if (const CK_RV rv = FindSlot(slot, &record); rv != CKR_OK) return rv;
-  CK_SLOT_ID native = 0;
-  CK_TOKEN_INFO token{};
-  if (const CK_RV rv = FindNativeSlot(record.reader, &native, &token); rv != CKR_OK) return rv;
+  Token token;
+  if (const CK_RV rv = FindToken(slot, &token); rv != CKR_OK) return rv;
   CK_MECHANISM_INFO source{};
-  if (const CK_RV rv = softhsm_->C_GetMechanismInfo(native, mechanism, &source); rv != CKR_OK) return rv;
+  if (const CK_RV rv = softhsm_->C_GetMechanismInfo(token.native, mechanism, &source); rv != CKR_OK) return rv;
   win::Store(info,
              win::MechanismInfo{static_cast<win::Ulong>(source.ulMinKeySize),
                                 static_cast<win::Ulong>(source.ulMaxKeySize), static_cast<win::Ulong>(source.flags)});
@@ -258,13 +257,10 @@ CK_RV Module::GetMechanismInfo(win::Ulong slot, win::Ulong mechanism, win::Mecha
 
 CK_RV Module::OpenSession(win::Ulong slot, win::Ulong flags, win::Ulong* session) {
   if (session == nullptr) return CKR_ARGUMENTS_BAD;
-  Slot record;
-  if (const CK_RV rv = FindSlot(slot, &record); rv != CKR_OK) return rv;
-  CK_SLOT_ID native = 0;
-  CK_TOKEN_INFO token{};
-  if (const CK_RV rv = FindNativeSlot(record.reader, &native, &token); rv != CKR_OK) return rv;
+  Token token;
+  if (const CK_RV rv = FindToken(slot, &token); rv != CKR_OK) return rv;
   CK_SESSION_HANDLE handle = 0;
-  if (const CK_RV rv = softhsm_->C_OpenSession(native, flags, nullptr, nullptr, &handle); rv != CKR_OK) return rv;
+  if (const CK_RV rv = softhsm_->C_OpenSession(token.native, flags, nullptr, nullptr, &handle); rv != CKR_OK) return rv;
   if (handle > std::numeric_limits<win::Ulong>::max()) {
     softhsm_->C_CloseSession(handle);
     return CKR_GENERAL_ERROR;
@@ -272,14 +268,14 @@ CK_RV Module::OpenSession(win::Ulong slot, win::Ulong flags, win::Ulong* session
   Session created;
   // SoftHSM lets a session do one thing at a time, a card searches while a signature is half made: searches and reads
   // have a session of their own beside the caller's.
-  if (const CK_RV rv = softhsm_->C_OpenSession(native, CKF_SERIAL_SESSION, nullptr, nullptr, &created.reading);
+  if (const CK_RV rv = softhsm_->C_OpenSession(token.native, CKF_SERIAL_SESSION, nullptr, nullptr, &created.reading);
       rv != CKR_OK) {
     softhsm_->C_CloseSession(handle);
     return rv;
   }
   created.slot = slot;
-  created.reader = record.reader;
-  created.serial = LoadPadded(token.serialNumber);
+  created.reader = token.reader;
+  created.serial = LoadPadded(token.info.serialNumber);
   sessions_.insert_or_assign(static_cast<win::Ulong>(handle), std::move(created));
   win::Store(session, static_cast<win::Ulong>(handle));
   return CKR_OK;
@@ -290,11 +286,12 @@ CK_RV Module::FindSession(win::Ulong handle, Session** session) {
   const auto found = sessions_.find(handle);
   if (found == sessions_.end()) return CKR_SESSION_HANDLE_INVALID;
   const auto slots = ReadSlots();
-  const bool in_place = std::any_of(slots.begin(), slots.end(), [&](const Slot& slot) {
-    return slot.id == found->second.slot && slot.reader.token_label == found->second.reader.token_label;
+  const bool inPlace = std::any_of(slots.begin(), slots.end(), [&](const Slot& slot) {
+    return slot.id == found->second.slot && slot.reader.tokenLabel == found->second.reader.tokenLabel;
   });
-  if (!in_place) {
+  if (!inPlace) {
     // The token was drawn or its reader unplugged: its sessions are gone for good.
+    ForgetPrivateObjects(found->second.serial);
     softhsm_->C_CloseSession(found->second.reading);
     softhsm_->C_CloseSession(handle);
     sessions_.erase(found);
@@ -309,7 +306,12 @@ CK_RV Module::CloseSession(win::Ulong session) {
   const auto found = sessions_.find(session);
   if (found == sessions_.end()) return CKR_SESSION_HANDLE_INVALID;
   softhsm_->C_CloseSession(found->second.reading);
+  const std::string serial = found->second.serial;
   sessions_.erase(found);
+  // The last session takes the login with it (PKCS#11 v2.40 5.6, C_CloseSession).
+  const bool last = std::none_of(sessions_.begin(), sessions_.end(),
+                                 [&](const auto& entry) { return entry.second.serial == serial; });
+  if (last) ForgetPrivateObjects(serial);
   return softhsm_->C_CloseSession(session);
 }
 
@@ -318,6 +320,7 @@ CK_RV Module::CloseAllSessions(win::Ulong slot) {
   if (const CK_RV rv = FindSlot(slot, &record); rv != CKR_OK) return rv;
   std::erase_if(sessions_, [&](const auto& entry) {
     if (entry.second.slot != slot) return false;
+    ForgetPrivateObjects(entry.second.serial);
     softhsm_->C_CloseSession(entry.second.reading);
     softhsm_->C_CloseSession(entry.first);
     return true;
@@ -342,7 +345,7 @@ bool Module::IsLoggedIn(win::Ulong session) {
          (info.state == CKS_RW_USER_FUNCTIONS || info.state == CKS_RO_USER_FUNCTIONS);
 }
 
-CK_RV Module::TryPin(win::Ulong session, win::Ulong user, std::uint8_t* pin, win::Ulong pin_len, unsigned* left) {
+CK_RV Module::TryPin(win::Ulong session, win::Ulong user, std::uint8_t* pin, win::Ulong pinLen, unsigned* left) {
   Session* record = nullptr;
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
   if (pin == nullptr) return CKR_ARGUMENTS_BAD;
@@ -350,7 +353,7 @@ CK_RV Module::TryPin(win::Ulong session, win::Ulong user, std::uint8_t* pin, win
   if (IsLoggedIn(session)) return CKR_USER_ALREADY_LOGGED_IN;
   TriesFile file(record->serial);
   if (file.tries().left == 0) return CKR_PIN_LOCKED;
-  const CK_RV rv = softhsm_->C_Login(session, user, pin, pin_len);
+  const CK_RV rv = softhsm_->C_Login(session, user, pin, pinLen);
   switch (rv) {
     case CKR_OK:
       file.SetLeft(file.tries().max);
@@ -366,21 +369,31 @@ CK_RV Module::TryPin(win::Ulong session, win::Ulong user, std::uint8_t* pin, win
   }
 }
 
-CK_RV Module::LoginCounted(win::Ulong session, win::Ulong user, std::uint8_t* pin, win::Ulong pin_len) {
+CK_RV Module::LoginCounted(win::Ulong session, win::Ulong user, std::uint8_t* pin, win::Ulong pinLen) {
   unsigned left = 0;
-  const CK_RV rv = TryPin(session, user, pin, pin_len, &left);
+  const CK_RV rv = TryPin(session, user, pin, pinLen, &left);
   return rv == CKR_PIN_INCORRECT ? left : rv;
 }
 
-CK_RV Module::Login(win::Ulong session, win::Ulong user, std::uint8_t* pin, win::Ulong pin_len) {
+CK_RV Module::Login(win::Ulong session, win::Ulong user, std::uint8_t* pin, win::Ulong pinLen) {
   unsigned left = 0;
-  return TryPin(session, user, pin, pin_len, &left);
+  return TryPin(session, user, pin, pinLen, &left);
 }
 
 CK_RV Module::Logout(win::Ulong session) {
   Session* record = nullptr;
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
-  return IsLoggedIn(session) ? softhsm_->C_Logout(session) : CKR_USER_NOT_LOGGED_IN;
+  if (!IsLoggedIn(session)) return CKR_USER_NOT_LOGGED_IN;
+  ForgetPrivateObjects(record->serial);
+  return softhsm_->C_Logout(session);
+}
+
+// With a logout, handles of private objects are void for good (PKCS#11 v2.40 5.6, C_Logout). A card does not mind.
+void Module::ForgetPrivateObjects(const std::string& serial) {
+  if (!IsStrict()) return;
+  for (auto& object : privateObjects_) {
+    if (object.serial == serial) object.serial.clear();
+  }
 }
 
 CK_RV Module::Search(const Session& session, std::vector<CK_ATTRIBUTE>& attributes,
@@ -413,7 +426,7 @@ bool Module::IsPrivate(const Session& session, CK_OBJECT_HANDLE native) {
 Module::ObjectEntry Module::Describe(const Session& session, CK_OBJECT_HANDLE native) {
   ObjectEntry object;
   object.serial = session.serial;
-  object.object_class = ReadBytes(session, native, CKA_CLASS);
+  object.objectClass = ReadBytes(session, native, CKA_CLASS);
   object.id = ReadBytes(session, native, CKA_ID);
   object.label = ReadBytes(session, native, CKA_LABEL);
   object.modulus = ReadBytes(session, native, CKA_MODULUS);
@@ -426,7 +439,7 @@ std::vector<CK_OBJECT_HANDLE> Module::FindTwins(const Session& session, const Ob
   const auto add = [&attributes](CK_ATTRIBUTE_TYPE type, std::vector<std::uint8_t>& value) {
     if (!value.empty()) attributes.push_back({type, value.data(), value.size()});
   };
-  add(CKA_CLASS, copy.object_class);
+  add(CKA_CLASS, copy.objectClass);
   add(CKA_ID, copy.id);
   add(CKA_LABEL, copy.label);
   add(CKA_MODULUS, copy.modulus);
@@ -437,7 +450,12 @@ std::vector<CK_OBJECT_HANDLE> Module::FindTwins(const Session& session, const Ob
 }
 
 bool Module::IsPrivateHandle(win::Ulong handle) const {
-  return handle >= kFirstPrivateHandle && handle - kFirstPrivateHandle < private_objects_.size();
+  return handle >= kFirstPrivateHandle && handle - kFirstPrivateHandle < privateObjects_.size();
+}
+
+// A private object that is seen without a login, and only seen.
+bool Module::IsGuarded(win::Ulong session, win::Ulong handle) {
+  return !IsStrict() && IsPrivateHandle(handle) && !IsLoggedIn(session);
 }
 
 // 0 for an object whose handle cannot be told to a Windows program.
@@ -446,19 +464,25 @@ win::Ulong Module::ToHandle(const Session& session, CK_OBJECT_HANDLE native) {
   auto object = Describe(session, native);
   const auto twins = FindTwins(session, object);
   object.ordinal = static_cast<std::size_t>(std::find(twins.begin(), twins.end(), native) - twins.begin());
-  auto known = std::find(private_objects_.begin(), private_objects_.end(), object);
-  if (known == private_objects_.end()) known = private_objects_.insert(known, std::move(object));
-  return kFirstPrivateHandle + static_cast<win::Ulong>(known - private_objects_.begin());
+  auto known = std::find(privateObjects_.begin(), privateObjects_.end(), object);
+  if (known == privateObjects_.end()) known = privateObjects_.insert(known, std::move(object));
+  return kFirstPrivateHandle + static_cast<win::Ulong>(known - privateObjects_.begin());
 }
 
 CK_RV Module::ToNativeObject(const Session& session, win::Ulong handle, CK_OBJECT_HANDLE* native) {
   *native = handle;
   if (!IsPrivateHandle(handle)) return CKR_OK;
-  const auto& object = private_objects_[handle - kFirstPrivateHandle];
+  const auto& object = privateObjects_[handle - kFirstPrivateHandle];
+  if (object.serial.empty()) return CKR_OBJECT_HANDLE_INVALID;
   const auto twins = FindTwins(session, object);
   if (object.ordinal >= twins.size()) return CKR_OBJECT_HANDLE_INVALID;
   *native = twins[object.ordinal];
   return CKR_OK;
+}
+
+CK_RV Module::ReadTemplate(const win::Attribute* attributes, win::Ulong count, Template* values) const {
+  if (const CK_RV rv = values->Assign(attributes, count); rv != CKR_OK) return rv;
+  return IsStrict() ? values->CheckLengths() : CKR_OK;
 }
 
 CK_RV Module::CreateObject(win::Ulong session, const win::Attribute* attributes, win::Ulong count, win::Ulong* object) {
@@ -466,8 +490,8 @@ CK_RV Module::CreateObject(win::Ulong session, const win::Attribute* attributes,
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
   if (object == nullptr) return CKR_ARGUMENTS_BAD;
   Template values;
-  if (const CK_RV rv = values.Assign(attributes, count); rv != CKR_OK) return rv;
-  values.AdaptForCreation();
+  if (const CK_RV rv = ReadTemplate(attributes, count, &values); rv != CKR_OK) return rv;
+  if (Adapts()) values.AdaptForCreation();
   auto native = values.Native();
   CK_OBJECT_HANDLE handle = 0;
   const CK_RV rv = softhsm_->C_CreateObject(session, native.data(), native.size(), &handle);
@@ -479,7 +503,7 @@ CK_RV Module::DestroyObject(win::Ulong session, win::Ulong object) {
   Session* record = nullptr;
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
   // Seeing a private object is everybody's right, destroying it the user's.
-  if (IsPrivateHandle(object) && !IsLoggedIn(session)) return CKR_USER_NOT_LOGGED_IN;
+  if (IsGuarded(session, object)) return CKR_USER_NOT_LOGGED_IN;
   CK_OBJECT_HANDLE native = 0;
   if (const CK_RV rv = ToNativeObject(*record, object, &native); rv != CKR_OK) return rv;
   return softhsm_->C_DestroyObject(session, native);
@@ -502,7 +526,7 @@ CK_RV Module::GetAttributeValue(win::Ulong session, win::Ulong object, win::Attr
   if (const CK_RV rv = ToNativeObject(*record, object, &native); rv != CKR_OK) return rv;
   AttributeRead read(attributes, count);
   CK_RV rv = softhsm_->C_GetAttributeValue(record->reading, native, read.native().data(), read.native().size());
-  if (rv == CKR_ATTRIBUTE_TYPE_INVALID && read.Lacks(CKA_MODULUS_BITS)) {
+  if (rv == CKR_ATTRIBUTE_TYPE_INVALID && Adapts() && read.Lacks(CKA_MODULUS_BITS)) {
     if (const auto bits = ModulusBits(*record, native)) rv = read.Supply(CKA_MODULUS_BITS, *bits);
   }
   if (rv == CKR_OK || rv == CKR_ATTRIBUTE_SENSITIVE || rv == CKR_ATTRIBUTE_TYPE_INVALID || rv == CKR_BUFFER_TOO_SMALL) {
@@ -515,28 +539,29 @@ CK_RV Module::SetAttributeValue(win::Ulong session, win::Ulong object, const win
                                 win::Ulong count) {
   Session* record = nullptr;
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
-  if (IsPrivateHandle(object) && !IsLoggedIn(session)) return CKR_USER_NOT_LOGGED_IN;
-  CK_OBJECT_HANDLE native_object = 0;
-  if (const CK_RV rv = ToNativeObject(*record, object, &native_object); rv != CKR_OK) return rv;
+  if (IsGuarded(session, object)) return CKR_USER_NOT_LOGGED_IN;
+  CK_OBJECT_HANDLE nativeObject = 0;
+  if (const CK_RV rv = ToNativeObject(*record, object, &nativeObject); rv != CKR_OK) return rv;
   Template values;
-  if (const CK_RV rv = values.Assign(attributes, count); rv != CKR_OK) return rv;
+  if (const CK_RV rv = ReadTemplate(attributes, count, &values); rv != CKR_OK) return rv;
   auto native = values.Native();
-  return softhsm_->C_SetAttributeValue(session, native_object, native.data(), native.size());
+  return softhsm_->C_SetAttributeValue(session, nativeObject, native.data(), native.size());
 }
 
 CK_RV Module::FindObjectsInit(win::Ulong session, const win::Attribute* attributes, win::Ulong count) {
   Session* record = nullptr;
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
   if (record->searching) return CKR_OPERATION_ACTIVE;
+  if (IsStrict() && record->operation != Operation::kNone) return CKR_OPERATION_ACTIVE;
   Template values;
-  if (const CK_RV rv = values.Assign(attributes, count); rv != CKR_OK) return rv;
+  if (const CK_RV rv = ReadTemplate(attributes, count, &values); rv != CKR_OK) return rv;
   auto native = values.Native();
   // The whole search is made here: what it finds has to be described while the login is borrowed.
   const BorrowedLogin login(*this, session, *record);
   std::vector<CK_OBJECT_HANDLE> objects;
   if (const CK_RV rv = Search(*record, native, &objects); rv != CKR_OK) return rv;
   record->found.clear();
-  record->next_found = 0;
+  record->nextFound = 0;
   // SoftHSM's order differs from process to process, a card's does not.
   std::vector<std::pair<ObjectEntry, CK_OBJECT_HANDLE>> listed;
   listed.reserve(objects.size());
@@ -555,13 +580,15 @@ CK_RV Module::FindObjects(win::Ulong session, win::Ulong* objects, win::Ulong ma
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
   if (count == nullptr) return CKR_ARGUMENTS_BAD;
   if (!record->searching) return CKR_OPERATION_NOT_INITIALIZED;
-  const auto left = record->found.size() - record->next_found;
+  if (IsStrict() && max == 0) return CKR_ARGUMENTS_BAD;
+  if (!Adapts() && objects == nullptr) return CKR_ARGUMENTS_BAD;
+  const auto left = record->found.size() - record->nextFound;
   const auto taken = std::min<std::size_t>(left, max);
   win::Store(count, static_cast<win::Ulong>(taken));
   // Without an array the matches are only counted, and the search stays where it is.
   if (objects == nullptr || taken == 0) return CKR_OK;
-  std::memcpy(objects, &record->found[record->next_found], taken * sizeof(win::Ulong));
-  record->next_found += taken;
+  std::memcpy(objects, &record->found[record->nextFound], taken * sizeof(win::Ulong));
+  record->nextFound += taken;
   return CKR_OK;
 }
 
@@ -603,13 +630,17 @@ CK_RV Module::InitOperation(Operation operation, win::Ulong session, const win::
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
   CK_MECHANISM native{};
   if (const CK_RV rv = ToNative(mechanism, &native); rv != CKR_OK) return rv;
-  if (IsPrivateHandle(key) && !IsLoggedIn(session)) return CKR_USER_NOT_LOGGED_IN;
+  if (IsGuarded(session, key)) return CKR_USER_NOT_LOGGED_IN;
   CK_OBJECT_HANDLE object = 0;
   if (const CK_RV rv = ToNativeObject(*record, key, &object); rv != CKR_OK) {
     return rv == CKR_OBJECT_HANDLE_INVALID ? CKR_KEY_HANDLE_INVALID : rv;
   }
-  // A new operation takes the place of one that was not finished.
-  Abandon(session, *record);
+  if (IsStrict()) {
+    if (record->searching || record->operation != Operation::kNone) return CKR_OPERATION_ACTIVE;
+  } else {
+    // A new operation takes the place of one that was not finished.
+    Abandon(session, *record);
+  }
   CK_RV rv = CKR_OK;
   switch (operation) {
     case Operation::kEncrypt:
@@ -631,55 +662,64 @@ CK_RV Module::InitOperation(Operation operation, win::Ulong session, const win::
   return rv == CKR_OBJECT_HANDLE_INVALID ? CKR_KEY_HANDLE_INVALID : rv;
 }
 
-CK_RV Module::RunOperation(Operation operation, win::Ulong session, std::uint8_t* input, win::Ulong input_len,
-                           std::uint8_t* output, win::Ulong* output_len) {
+CK_RV Module::RunOperation(Operation operation, win::Ulong session, std::uint8_t* input, win::Ulong inputLen,
+                           std::uint8_t* output, win::Ulong* outputLen) {
   Session* record = nullptr;
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
-  if (output_len == nullptr) return CKR_ARGUMENTS_BAD;
-  CK_ULONG length = win::Load<win::Ulong>(output_len);
+  if (outputLen == nullptr) return CKR_ARGUMENTS_BAD;
+  if (record->operation != operation) return CKR_OPERATION_NOT_INITIALIZED;
+  CK_ULONG length = win::Load<win::Ulong>(outputLen);
   CK_RV rv = CKR_OPERATION_NOT_INITIALIZED;
-  if (operation == Operation::kEncrypt) rv = softhsm_->C_Encrypt(session, input, input_len, output, &length);
-  if (operation == Operation::kDecrypt) rv = softhsm_->C_Decrypt(session, input, input_len, output, &length);
-  if (operation == Operation::kSign) rv = softhsm_->C_Sign(session, input, input_len, output, &length);
-  const bool asked_for_length = rv == CKR_OK && output == nullptr;
-  if (!asked_for_length && rv != CKR_BUFFER_TOO_SMALL) record->operation = Operation::kNone;
-  if (rv == CKR_OK || rv == CKR_BUFFER_TOO_SMALL) win::Store(output_len, static_cast<win::Ulong>(length));
+  if (operation == Operation::kEncrypt) rv = softhsm_->C_Encrypt(session, input, inputLen, output, &length);
+  if (operation == Operation::kDecrypt) rv = softhsm_->C_Decrypt(session, input, inputLen, output, &length);
+  if (operation == Operation::kSign) rv = softhsm_->C_Sign(session, input, inputLen, output, &length);
+  const bool askedForLength = rv == CKR_OK && output == nullptr;
+  // SoftHSM has no better name for an input that is too long for the key, and no other reason to give this one.
+  const bool makesBlock = operation == Operation::kEncrypt || operation == Operation::kSign;
+  if (IsStrict() && makesBlock && rv == CKR_GENERAL_ERROR) rv = CKR_DATA_LEN_RANGE;
+  // SoftHSM keeps an operation open whose arguments it refused.
+  if (rv == CKR_ARGUMENTS_BAD) Abandon(session, *record);
+  if (!askedForLength && rv != CKR_BUFFER_TOO_SMALL) record->operation = Operation::kNone;
+  if (rv == CKR_OK || rv == CKR_BUFFER_TOO_SMALL) win::Store(outputLen, static_cast<win::Ulong>(length));
   return rv;
 }
 
-CK_RV Module::Verify(win::Ulong session, std::uint8_t* data, win::Ulong data_len, std::uint8_t* signature,
-                     win::Ulong signature_len) {
+CK_RV Module::Verify(win::Ulong session, std::uint8_t* data, win::Ulong dataLen, std::uint8_t* signature,
+                     win::Ulong signatureLen) {
   Session* record = nullptr;
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
+  if (record->operation != Operation::kVerify) return CKR_OPERATION_NOT_INITIALIZED;
+  const CK_RV rv = softhsm_->C_Verify(session, data, dataLen, signature, signatureLen);
+  if (rv == CKR_ARGUMENTS_BAD) Abandon(session, *record);
   record->operation = Operation::kNone;
-  return softhsm_->C_Verify(session, data, data_len, signature, signature_len);
+  return rv;
 }
 
 CK_RV Module::GenerateKeyPair(win::Ulong session, const win::Mechanism* mechanism,
-                              const win::Attribute* public_attributes, win::Ulong public_count,
-                              const win::Attribute* private_attributes, win::Ulong private_count,
-                              win::Ulong* public_key, win::Ulong* private_key) {
+                              const win::Attribute* publicAttributes, win::Ulong publicCount,
+                              const win::Attribute* privateAttributes, win::Ulong privateCount, win::Ulong* publicKey,
+                              win::Ulong* privateKey) {
   Session* record = nullptr;
   if (const CK_RV rv = FindSession(session, &record); rv != CKR_OK) return rv;
-  if (public_key == nullptr || private_key == nullptr) return CKR_ARGUMENTS_BAD;
-  CK_MECHANISM native_mechanism{};
-  if (const CK_RV rv = ToNative(mechanism, &native_mechanism); rv != CKR_OK) return rv;
-  Template public_values;
-  if (const CK_RV rv = public_values.Assign(public_attributes, public_count); rv != CKR_OK) return rv;
-  public_values.AdaptForGeneration(CKO_PUBLIC_KEY);
-  Template private_values;
-  if (const CK_RV rv = private_values.Assign(private_attributes, private_count); rv != CKR_OK) return rv;
-  private_values.AdaptForGeneration(CKO_PRIVATE_KEY);
-  auto native_public = public_values.Native();
-  auto native_private = private_values.Native();
-  CK_OBJECT_HANDLE public_handle = 0;
-  CK_OBJECT_HANDLE private_handle = 0;
+  if (publicKey == nullptr || privateKey == nullptr) return CKR_ARGUMENTS_BAD;
+  CK_MECHANISM nativeMechanism{};
+  if (const CK_RV rv = ToNative(mechanism, &nativeMechanism); rv != CKR_OK) return rv;
+  Template publicValues;
+  if (const CK_RV rv = ReadTemplate(publicAttributes, publicCount, &publicValues); rv != CKR_OK) return rv;
+  if (Adapts()) publicValues.AdaptForGeneration(CKO_PUBLIC_KEY);
+  Template privateValues;
+  if (const CK_RV rv = ReadTemplate(privateAttributes, privateCount, &privateValues); rv != CKR_OK) return rv;
+  if (Adapts()) privateValues.AdaptForGeneration(CKO_PRIVATE_KEY);
+  auto nativePublic = publicValues.Native();
+  auto nativePrivate = privateValues.Native();
+  CK_OBJECT_HANDLE publicHandle = 0;
+  CK_OBJECT_HANDLE privateHandle = 0;
   const CK_RV rv =
-      softhsm_->C_GenerateKeyPair(session, &native_mechanism, native_public.data(), native_public.size(),
-                                  native_private.data(), native_private.size(), &public_handle, &private_handle);
+      softhsm_->C_GenerateKeyPair(session, &nativeMechanism, nativePublic.data(), nativePublic.size(),
+                                  nativePrivate.data(), nativePrivate.size(), &publicHandle, &privateHandle);
   if (rv != CKR_OK) return rv;
-  win::Store(public_key, ToHandle(*record, public_handle));
-  win::Store(private_key, ToHandle(*record, private_handle));
+  win::Store(publicKey, ToHandle(*record, publicHandle));
+  win::Store(privateKey, ToHandle(*record, privateHandle));
   return CKR_OK;
 }
 

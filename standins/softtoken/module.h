@@ -2,8 +2,7 @@
 //
 // Every public operation takes and returns the numbers that Windows programs use; CK_RV values are passed through
 // as they are. One lock lets one call in at a time, as a card does.
-#ifndef KELDA_STANDINS_SOFTTOKEN_MODULE_H_
-#define KELDA_STANDINS_SOFTTOKEN_MODULE_H_
+#pragma once
 
 #include <p11-kit/pkcs11.h>
 
@@ -17,6 +16,7 @@
 
 #include "common/reader_file.h"
 #include "softtoken/attributes.h"
+#include "softtoken/strictness.h"
 #include "softtoken/win_layout.h"
 
 namespace softtoken {
@@ -44,7 +44,7 @@ class Module {
   CK_RV Finalize();
   CK_RV GetInfo(win::Info* info);
 
-  CK_RV GetSlotList(bool with_token, win::Ulong* slots, win::Ulong* count);
+  CK_RV GetSlotList(bool withToken, win::Ulong* slots, win::Ulong* count);
   CK_RV GetSlotInfo(win::Ulong slot, win::SlotInfo* info);
   CK_RV GetTokenInfo(win::Ulong slot, win::TokenInfo* info);
   CK_RV GetMechanismList(win::Ulong slot, win::Ulong* mechanisms, win::Ulong* count);
@@ -57,9 +57,9 @@ class Module {
 
   // The maker's login: a wrong PIN is answered with the number of tries left (1 to 14), the last one with
   // CKR_PIN_LOCKED.
-  CK_RV LoginCounted(win::Ulong session, win::Ulong user, std::uint8_t* pin, win::Ulong pin_len);
+  CK_RV LoginCounted(win::Ulong session, win::Ulong user, std::uint8_t* pin, win::Ulong pinLen);
   // The standard login, on the same count.
-  CK_RV Login(win::Ulong session, win::Ulong user, std::uint8_t* pin, win::Ulong pin_len);
+  CK_RV Login(win::Ulong session, win::Ulong user, std::uint8_t* pin, win::Ulong pinLen);
   CK_RV Logout(win::Ulong session);
 
   CK_RV CreateObject(win::Ulong session, const win::Attribute* attributes, win::Ulong count, win::Ulong* object);
@@ -72,20 +72,27 @@ class Module {
 
   CK_RV InitOperation(Operation operation, win::Ulong session, const win::Mechanism* mechanism, win::Ulong key);
   // Encrypt, Decrypt and Sign: one input, one output, PKCS#11 v2.40 5.2 for its length.
-  CK_RV RunOperation(Operation operation, win::Ulong session, std::uint8_t* input, win::Ulong input_len,
-                     std::uint8_t* output, win::Ulong* output_len);
-  CK_RV Verify(win::Ulong session, std::uint8_t* data, win::Ulong data_len, std::uint8_t* signature,
-               win::Ulong signature_len);
+  CK_RV RunOperation(Operation operation, win::Ulong session, std::uint8_t* input, win::Ulong inputLen,
+                     std::uint8_t* output, win::Ulong* outputLen);
+  CK_RV Verify(win::Ulong session, std::uint8_t* data, win::Ulong dataLen, std::uint8_t* signature,
+               win::Ulong signatureLen);
 
-  CK_RV GenerateKeyPair(win::Ulong session, const win::Mechanism* mechanism, const win::Attribute* public_attributes,
-                        win::Ulong public_count, const win::Attribute* private_attributes, win::Ulong private_count,
-                        win::Ulong* public_key, win::Ulong* private_key);
+  CK_RV GenerateKeyPair(win::Ulong session, const win::Mechanism* mechanism, const win::Attribute* publicAttributes,
+                        win::Ulong publicCount, const win::Attribute* privateAttributes, win::Ulong privateCount,
+                        win::Ulong* publicKey, win::Ulong* privateKey);
   CK_RV GenerateRandom(win::Ulong session, std::uint8_t* bytes, win::Ulong count);
 
  private:
   struct Slot {
     win::Ulong id = 0;
     standins::Reader reader;
+  };
+
+  // The token in a slot, as SoftHSM knows it.
+  struct Token {
+    standins::Reader reader;
+    CK_SLOT_ID native = 0;
+    CK_TOKEN_INFO info{};
   };
 
   struct Session {
@@ -95,15 +102,15 @@ class Module {
     std::string serial;
     bool searching = false;
     std::vector<win::Ulong> found;
-    std::size_t next_found = 0;
+    std::size_t nextFound = 0;
     Operation operation = Operation::kNone;
   };
 
   // An object by what a card's directory tells of it. SoftHSM's own handles of private objects end with every logout,
   // the handles that programs hold do not.
   struct ObjectEntry {
-    std::string serial;
-    std::vector<std::uint8_t> object_class;
+    std::string serial;  // the token's; empty: the handle is void
+    std::vector<std::uint8_t> objectClass;
     std::vector<std::uint8_t> id;
     std::vector<std::uint8_t> label;
     std::vector<std::uint8_t> modulus;
@@ -115,9 +122,15 @@ class Module {
 
   Module() = default;
 
+  bool IsStrict() const { return strictness_ != Strictness::kForgiving; }
+  bool Adapts() const { return strictness_ != Strictness::kUnadapted; }
+  CK_RV ReadTemplate(const win::Attribute* attributes, win::Ulong count, Template* values) const;
+  void ForgetPrivateObjects(const std::string& serial);
+
   std::vector<Slot> ReadSlots();
   CK_RV FindSlot(win::Ulong id, Slot* slot);
   CK_RV FindNativeSlot(const standins::Reader& reader, CK_SLOT_ID* native, CK_TOKEN_INFO* info);
+  CK_RV FindToken(win::Ulong slot, Token* token);
   CK_RV FindSession(win::Ulong handle, Session** session);
   bool IsLoggedIn(win::Ulong session);
 
@@ -129,19 +142,19 @@ class Module {
   win::Ulong ToHandle(const Session& session, CK_OBJECT_HANDLE native);
   CK_RV ToNativeObject(const Session& session, win::Ulong handle, CK_OBJECT_HANDLE* native);
   bool IsPrivateHandle(win::Ulong handle) const;
+  bool IsGuarded(win::Ulong session, win::Ulong handle);
   CK_RV Search(const Session& session, std::vector<CK_ATTRIBUTE>& attributes, std::vector<CK_OBJECT_HANDLE>* found);
 
-  CK_RV TryPin(win::Ulong session, win::Ulong user, std::uint8_t* pin, win::Ulong pin_len, unsigned* left);
+  CK_RV TryPin(win::Ulong session, win::Ulong user, std::uint8_t* pin, win::Ulong pinLen, unsigned* left);
   void Abandon(win::Ulong session, Session& record);
 
+  const Strictness strictness_ = ReadStrictness();
   std::mutex mutex_;
   void* library_ = nullptr;
   CK_FUNCTION_LIST* softhsm_ = nullptr;
-  std::vector<std::string> reader_names_;  // a reader keeps its number, wherever the file lists it
+  std::vector<std::string> readerNames_;  // a reader keeps its number, wherever the file lists it
   std::map<win::Ulong, Session> sessions_;
-  std::vector<ObjectEntry> private_objects_;
+  std::vector<ObjectEntry> privateObjects_;
 };
 
 }  // namespace softtoken
-
-#endif  // KELDA_STANDINS_SOFTTOKEN_MODULE_H_

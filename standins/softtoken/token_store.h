@@ -3,8 +3,7 @@
 //   tries-SERIAL   "LEFT MAX": tries left for the user PIN, and how many a right PIN restores. Missing: "3 3".
 //   pin-SERIAL     the user PIN. A card lists its private keys to everybody and only guards their use; SoftHSM hides
 //                  them until login, so the list is read under this PIN. Missing: private keys are seen after login.
-#ifndef KELDA_STANDINS_SOFTTOKEN_TOKEN_STORE_H_
-#define KELDA_STANDINS_SOFTTOKEN_TOKEN_STORE_H_
+#pragma once
 
 #include <string>
 
@@ -41,5 +40,3 @@ std::string DirectoryPin(const std::string& serial);
 void Wipe(std::string& text);
 
 }  // namespace softtoken
-
-#endif  // KELDA_STANDINS_SOFTTOKEN_TOKEN_STORE_H_

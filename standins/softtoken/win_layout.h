@@ -1,7 +1,6 @@
 // The PKCS#11 structures as Windows programs lay them out: CK_ULONG has 4 bytes, structures are packed to 1 byte.
 // The native structures of this process (8 bytes, naturally aligned) are those of pkcs11.h.
-#ifndef KELDA_STANDINS_SOFTTOKEN_WIN_LAYOUT_H_
-#define KELDA_STANDINS_SOFTTOKEN_WIN_LAYOUT_H_
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -25,65 +24,65 @@ struct Version {
 };
 
 struct Info {
-  Version cryptoki_version;
-  Byte manufacturer_id[32];
+  Version cryptokiVersion;
+  Byte manufacturerId[32];
   Ulong flags;
-  Byte library_description[32];
-  Version library_version;
+  Byte libraryDescription[32];
+  Version libraryVersion;
 };
 
 struct SlotInfo {
-  Byte slot_description[64];
-  Byte manufacturer_id[32];
+  Byte slotDescription[64];
+  Byte manufacturerId[32];
   Ulong flags;
-  Version hardware_version;
-  Version firmware_version;
+  Version hardwareVersion;
+  Version firmwareVersion;
 };
 
 struct TokenInfo {
   Byte label[32];
-  Byte manufacturer_id[32];
+  Byte manufacturerId[32];
   Byte model[16];
-  Byte serial_number[16];
+  Byte serialNumber[16];
   Ulong flags;
-  Ulong max_session_count;
-  Ulong session_count;
-  Ulong max_rw_session_count;
-  Ulong rw_session_count;
-  Ulong max_pin_len;
-  Ulong min_pin_len;
-  Ulong total_public_memory;
-  Ulong free_public_memory;
-  Ulong total_private_memory;
-  Ulong free_private_memory;
-  Version hardware_version;
-  Version firmware_version;
-  Byte utc_time[16];
+  Ulong maxSessionCount;
+  Ulong sessionCount;
+  Ulong maxRwSessionCount;
+  Ulong rwSessionCount;
+  Ulong maxPinLen;
+  Ulong minPinLen;
+  Ulong totalPublicMemory;
+  Ulong freePublicMemory;
+  Ulong totalPrivateMemory;
+  Ulong freePrivateMemory;
+  Version hardwareVersion;
+  Version firmwareVersion;
+  Byte utcTime[16];
 };
 
 struct SessionInfo {
-  Ulong slot_id;
+  Ulong slotId;
   Ulong state;
   Ulong flags;
-  Ulong device_error;
+  Ulong deviceError;
 };
 
 struct MechanismInfo {
-  Ulong min_key_size;
-  Ulong max_key_size;
+  Ulong minKeySize;
+  Ulong maxKeySize;
   Ulong flags;
 };
 
 struct Attribute {
   Ulong type;
   void* value;
-  Ulong value_len;
+  Ulong valueLen;
 };
 
 struct Mechanism {
   Ulong mechanism;
   void* parameter;
-  Ulong parameter_len;
+  Ulong parameterLen;
 };
 
 #pragma pack(pop)
@@ -109,5 +108,3 @@ void Store(void* target, const Value& value) {
 }
 
 }  // namespace win
-
-#endif  // KELDA_STANDINS_SOFTTOKEN_WIN_LAYOUT_H_

@@ -41,7 +41,7 @@ struct Service {
   std::mutex mutex;
   std::set<SCARDCONTEXT> contexts;
   std::set<const void*> blocks;  // handed out under SCARD_AUTOALLOCATE, on the process heap
-  SCARDCONTEXT last_context = 0x5CA00000;
+  SCARDCONTEXT lastContext = 0x5CA00000;
   HANDLE started = CreateEventW(nullptr, TRUE, TRUE, nullptr);
   HANDLE cancelled = CreateEventW(nullptr, TRUE, FALSE, nullptr);
 };
@@ -66,10 +66,10 @@ standins::ReaderFile Readers() {
   return standins::ReadReaderFile(ReaderFilePath());
 }
 
-std::wstring Widen(UINT code_page, std::string_view text) {
+std::wstring Widen(UINT codePage, std::string_view text) {
   const int size = static_cast<int>(text.size());
   std::wstring wide(text.size(), L'\0');
-  wide.resize(static_cast<std::size_t>(MultiByteToWideChar(code_page, 0, text.data(), size, wide.data(), size)));
+  wide.resize(static_cast<std::size_t>(MultiByteToWideChar(codePage, 0, text.data(), size, wide.data(), size)));
   return wide;
 }
 
@@ -102,7 +102,7 @@ std::basic_string<Char> MultiString(const std::vector<std::wstring>& names) {
   return text;
 }
 
-// Hands `text` (all of its characters) to the caller under the service's rules for output buffers. `count` is in
+// Hands text (all of its characters) to the caller under the service's rules for output buffers. count is in
 // characters, terminators counted.
 template <typename Char>
 LONG HandOut(const std::basic_string<Char>& text, Char* buffer, DWORD* count) {
@@ -152,9 +152,9 @@ LONG ListReaders(SCARDCONTEXT context, const Char* groups, Char* readers, DWORD*
   // Listing readers is allowed without a context.
   if (context != 0 && !IsContext(context)) return SCARD_E_INVALID_HANDLE;
   const auto file = Readers();
-  if (file.list_failure) return Status(*file.list_failure);
+  if (file.listFailure) return Status(*file.listFailure);
   std::vector<std::wstring> names;
-  if (!file.list_without_names) {
+  if (!file.listWithoutNames) {
     if (file.readers.empty() || !GroupsHoldReaders(groups)) return SCARD_E_NO_READERS_AVAILABLE;
     for (const auto& reader : file.readers)
       names.push_back(Widen(CP_UTF8, reader.name));
@@ -166,7 +166,7 @@ DWORD EventState(const standins::ReaderFile& file, const std::wstring& name) {
   if (name == kPnpNotification) return static_cast<DWORD>(file.readers.size()) << 16;
   for (const auto& reader : file.readers) {
     if (Widen(CP_UTF8, reader.name) == name) {
-      return reader.token_label.empty() ? SCARD_STATE_EMPTY : SCARD_STATE_PRESENT;
+      return reader.tokenLabel.empty() ? SCARD_STATE_EMPTY : SCARD_STATE_PRESENT;
     }
   }
   return SCARD_STATE_UNKNOWN;
@@ -242,11 +242,11 @@ LONG WINAPI SCardEstablishContext(DWORD scope, LPCVOID /*reserved1*/, LPCVOID /*
   return Guarded([&]() -> LONG {
     if (context == nullptr) return SCARD_E_INVALID_PARAMETER;
     if (scope > SCARD_SCOPE_SYSTEM) return SCARD_E_INVALID_VALUE;
-    if (const auto failure = Readers().establish_failure) return Status(*failure);
+    if (const auto failure = Readers().establishFailure) return Status(*failure);
     auto& service = TheService();
     const std::scoped_lock lock(service.mutex);
-    service.contexts.insert(++service.last_context);
-    *context = service.last_context;
+    service.contexts.insert(++service.lastContext);
+    *context = service.lastContext;
     return SCARD_S_SUCCESS;
   });
 }

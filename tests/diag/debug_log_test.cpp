@@ -130,6 +130,18 @@ TEST_F(DebugClassTest, LinesOfAnyLengthComeWhole) {
   EXPECT_EQ(own.Text(), label + "\n" + label + "0x00000012\n" + std::string(511, 'w') + "\nnone\n\n");
 }
 
+// ... unless there is no memory for one that is longer than any: the value comes whole then, behind as much as fits.
+TEST_F(DebugClassTest, ALineWithoutMemoryKeepsItsValue) {
+  const OwnLog own(L"own");
+  {
+    const FailedAllocation failed(1);
+    own.log->WriteHex32(std::string(100000, 'l').c_str(), 0x12);
+  }
+  const std::string text = own.Text();
+  EXPECT_TRUE(text.ends_with("l0x00000012\n")) << text;
+  EXPECT_TRUE(text.starts_with(std::string(1000, 'l')));
+}
+
 TEST_F(DebugClassTest, AnyFlagButZeroAsksForTheStartLine) {
   EXPECT_EQ(OwnLog(L"without", 0).Text(), "");
   const std::string start = "\n\n" + std::string(66, '*') + " LOG START - ";

@@ -350,7 +350,7 @@ TEST_F(ReaderDialogTest, TheFirstOfTwoFailuresCounts) {
               DropDown(dialog);
             }),
             NTE_FAIL);
-  ExpectChoice({"SCardListReaders Failed: 0x8010001E"});
+  ExpectChoice({"NTE_FAIL: SCardListReaders Failed: 0x8010001E"});
   EXPECT_EQ(service.listed, 3);
 }
 
@@ -483,7 +483,7 @@ TEST_F(ReaderDialogTest, AServiceThatCannotBeReachedEndsTheOpen) {
   service.establishResult = static_cast<LONG>(0x8010001D);
   EXPECT_EQ(Open([](Dialog&) { ADD_FAILURE() << "the dialog is shown"; }), NTE_FAIL);
   EXPECT_EQ(handle_, 0u);
-  ExpectChoice({"SCardEstablishContext Failed: 0x8010001D"});
+  ExpectChoice({"NTE_FAIL: SCardEstablishContext Failed: 0x8010001D"});
   EXPECT_EQ(service.listed, 0);
   EXPECT_TRUE(service.released.empty()) << "there is nothing to release";
   // Nothing lasts.
@@ -495,7 +495,7 @@ TEST_F(ReaderDialogTest, ReadersThatCannotBeListedEndTheOpen) {
   CardService service;
   service.listResult = static_cast<LONG>(0x8010002E);
   EXPECT_EQ(Open([](Dialog&) { ADD_FAILURE() << "the dialog is shown"; }), NTE_FAIL);
-  ExpectChoice({"SCardListReaders Failed: 0x8010002E"});
+  ExpectChoice({"NTE_FAIL: SCardListReaders Failed: 0x8010002E"});
   EXPECT_EQ(service.released, std::vector<SCARDCONTEXT>{kContext});
 }
 
@@ -505,11 +505,11 @@ TEST_F(ReaderDialogTest, AFirstNameOfLessThanTwoCharactersMeansNoReader) {
        {std::vector<std::wstring>{}, std::vector<std::wstring>{L"X"}, std::vector<std::wstring>{L"X", L"A reader"}}) {
     service.SetReaders(names);
     EXPECT_EQ(Open([](Dialog&) { ADD_FAILURE() << "the dialog is shown"; }), NTE_FAIL);
-    ExpectChoice({"No cards/tokens were detected."});
+    ExpectChoice({"NTE_FAIL: No cards/tokens were detected."});
   }
   service.handsOutNothing = true;
   EXPECT_EQ(Open([](Dialog&) { ADD_FAILURE() << "the dialog is shown"; }), NTE_FAIL);
-  ExpectChoice({"No cards/tokens were detected."});
+  ExpectChoice({"NTE_FAIL: No cards/tokens were detected."});
   service.handsOutNothing = false;
   service.SetReaders({L"XY"});
   EXPECT_EQ(Open([](Dialog& dialog) { EXPECT_EQ(Items(dialog), std::vector<std::wstring>{L"XY"}); }),
@@ -524,7 +524,7 @@ TEST_F(ReaderDialogTest, AFailureWhileTheListIsOpenedEndsTheOpen) {
               EXPECT_FALSE(dialog.open());
             }),
             NTE_FAIL);
-  ExpectChoice({"SCardListReaders Failed: 0x8010001E"});
+  ExpectChoice({"NTE_FAIL: SCardListReaders Failed: 0x8010001E"});
   EXPECT_EQ(service.released, std::vector<SCARDCONTEXT>{kContext});
 
   service.listResult = SCARD_S_SUCCESS;
@@ -534,7 +534,7 @@ TEST_F(ReaderDialogTest, AFailureWhileTheListIsOpenedEndsTheOpen) {
               EXPECT_FALSE(dialog.open());
             }),
             NTE_FAIL);
-  ExpectChoice({"No cards/tokens were detected."});
+  ExpectChoice({"NTE_FAIL: No cards/tokens were detected."});
 }
 
 TEST_F(ReaderDialogTest, WithoutMemoryForTheChoiceTheOpenEnds) {

@@ -6,7 +6,8 @@
 source "$(dirname "$0")/common.sh"
 
 work=$BUILD/e2e-administration
-rm -rf "$work/out" "$work/app"
+# The system has to be one that never had a provider.
+rm -rf "$work/out" "$work/app" "$work/prefix"
 mkdir -p "$work/out" "$work/app/x86"
 environment=$("$ROOT/scripts/soft-token.sh" "$work/token" --reader "Norvale Reader 0=demo" --key Key1 --key Other:1024)
 eval "$environment"
@@ -85,13 +86,6 @@ says() { grep -qE -e "$1" said.txt || { cat said.txt && false; }; }
 says_not() { ! grep -E -e "$1" said.txt; }
 
 # ---- A system without the provider, and with others ----
-reg delete 'HKLM\Software\Norvale Token Works Ltd.' /f >/dev/null 2>&1 || true
-reg delete 'HKLM\Software\WOW6432Node\Norvale Token Works Ltd.' /f >/dev/null 2>&1 || true
-reg delete "$crypto\\Providers" /f >/dev/null 2>&1 || true
-reg delete "$crypto\\Configuration" /f >/dev/null 2>&1 || true
-reg delete 'HKCU\Software\Microsoft\SystemCertificates\My' /f >/dev/null 2>&1 || true
-rm -rf "$system32" "$syswow64" "$WINEPREFIX/drive_c/logs"
-
 keldactl none providers
 expect "without any provider, providers says so" 0 '^There are no key storage providers\.$'
 keldactl none status

@@ -9,14 +9,30 @@ trap 'exit 130' INT TERM
 export softhsm=/usr/lib/softhsm/libsofthsm2.so
 work= # the folder of the script that sources this
 
+# How strict the token module is (standins/softtoken/strictness.h), in the words of the results.
+declare -A strictness=([0]=forgiving [1]=strict [all]=unadapted)
+KELDA_STRICT=${KELDA_STRICT:-0}
+export KELDA_STRICT
+mode=${strictness[$KELDA_STRICT]}
+
+# once_for STRICTNESS...: unless it is one of these runs, the script is run anew for each and ends with them.
+once_for() {
+  [[ ! -v KELDA_ONCE ]] || return 0
+  local status=0
+  for KELDA_STRICT in "$@"; do
+    KELDA_ONCE=1 "$0" || status=$?
+  done
+  exit "$status"
+}
+
 # check NAME COMMAND...: passes when COMMAND succeeds.
 check() {
   local name=$1 output
   shift
   if output=$("$@" 2>&1); then
-    printf 'PASS: %s\n' "$name"
+    printf 'PASS: %s (%s)\n' "$name" "$mode"
   else
-    printf '%s\nFAIL: %s\n' "$output" "$name"
+    printf '%s\nFAIL: %s (%s)\n' "$output" "$name" "$mode"
   fi
 }
 
@@ -26,10 +42,10 @@ driver() {
   log=$work/$(basename "$program" .exe).log
   timeout -k 10 240 "$WINE" "$program" "--gtest_filter=$filter" >"$log" 2>&1 </dev/null || status=$?
   tr -d '\r' <"$log" | sed -n \
-    -e 's/^\[       OK \] \([^ ]*\) .*/PASS: \1/p' \
-    -e 's/^\[  FAILED  \] \([^ ,]*\).* (.*ms)$/FAIL: \1/p'
+    -e "s/^\[       OK \] \([^ ]*\) .*/PASS: \1 ($mode)/p" \
+    -e "s/^\[  FAILED  \] \([^ ,]*\).* (.*ms)\$/FAIL: \1 ($mode)/p"
   if ! grep -q '^\[==========\].* ran\.' "$log"; then
-    printf 'FAIL: %s ended early, with status %d\n' "$(basename "$program")" "$status"
+    printf 'FAIL: %s %s ended early, with status %d (%s)\n' "$(basename "$program")" "$filter" "$status" "$mode"
   fi
   ((status == 0)) || grep -v '^\[ *\(OK\|RUN\|-*\) *\]' "$log" || true
 }

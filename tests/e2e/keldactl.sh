@@ -413,7 +413,7 @@ expect "the longest file is encrypted" 0 '256 bytes'
 keldactl none encrypt --key Key1 longer longer.enc
 expect "a longer one is refused" 1 'encrypts at most 245 bytes'
 keldactl "$KELDA_PIN" decrypt --key Key1 secret.txt nonsense
-expect "what is no ciphertext is refused" 1 'Decrypting "secret.txt" failed: NTE_INTERNAL_ERROR'
+expect "what is no ciphertext is refused" 1 'Decrypting "secret.txt" with the key "Key1" \(4B657931\) failed: NTE_INTERNAL_ERROR'
 
 # ---- Keys that are in the way ----
 make_key demo 1b5b33316d07 Evil

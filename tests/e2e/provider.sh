@@ -4,6 +4,8 @@
 # shellcheck source=tests/e2e/common.sh
 source "$(dirname "$0")/common.sh"
 
+once_for 0 1 all
+
 work=$BUILD/e2e-provider
 out=$work/out
 rm -rf "$out"
@@ -44,6 +46,11 @@ openssl req -x509 -newkey rsa:2048 -nodes -keyout /dev/null -subj "/C=NV/O=Norva
 start_display
 use_prefix x64 "$work/prefix"
 "$ROOT/scripts/register.sh" x64 "$WINEPREFIX" "$work/app/keldaksp.dll"
+
+if [[ $mode == unadapted ]]; then
+  driver "$work/app/provider_driver.exe" 'Unadapted.*'
+  exit
+fi
 
 lists_keys() {
   local keys

@@ -3,6 +3,8 @@
 # shellcheck source=tests/e2e/common.sh
 source "$(dirname "$0")/common.sh"
 
+once_for 0 1 all
+
 work=$BUILD/e2e-soft-token
 rm -rf "$work/out"
 mkdir -p "$work/app" "$work/out"
@@ -24,9 +26,14 @@ openssl req -x509 -newkey rsa:2048 -nodes -keyout /dev/null -subj "/CN=Soft toke
 start_display
 use_prefix x64 "$work/prefix"
 
+if [[ $mode == unadapted ]]; then
+  driver "$work/app/soft_token_driver.exe" 'UnadaptedToken.*'
+  exit
+fi
+
 driver "$work/app/soft_token_driver.exe" SoftToken.UsesOneTryOfFour
 check "the tries left survive the process" grep -qx "3 4" "$work/token/tokens/tries-$serial_of_victim"
-driver "$work/app/soft_token_driver.exe" "-SoftToken.UsesOneTryOfFour:SoftToken.StaysLocked"
+driver "$work/app/soft_token_driver.exe" "SoftToken.*:${mode^}Token.*:-SoftToken.UsesOneTryOfFour:SoftToken.StaysLocked"
 check "the lock survives the process" grep -qx "0 4" "$work/token/tokens/tries-$serial_of_victim"
 driver "$work/app/soft_token_driver.exe" SoftToken.StaysLocked
 

@@ -231,6 +231,7 @@ TEST_F(EnumKeysTest, FailingAllocationsDoNotAdvance) {
     EXPECT_EQ(Next(), NTE_NO_MEMORY);
     expectLines({KeyName("KeyName = Second")});
     EXPECT_TRUE(watch.Live().empty()) << "what was there already is released";
+    EXPECT_FALSE(watch.FreedContainsWide("Second")) << "the name is an identifier";
   }
   EXPECT_EQ(name_, nullptr);
   EXPECT_EQ(static_cast<kit::EnumState*>(state_)->index, 1u);

@@ -1,6 +1,7 @@
 // The key object list: the token's keys, paired by identifier, as enumeration and lookup by name see them.
 #include <algorithm>
 #include <map>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -354,7 +355,7 @@ TEST_F(KeyObjectListTest, NamesAndIdentifiersAreWipedWithTheList) {
   EXPECT_FALSE(watch.FreedContainsWide("identifier"));
 }
 
-TEST_F(KeyObjectListTest, ListIsOneArrayThatGrowsRecordByRecord) {
+TEST_F(KeyObjectListTest, ListIsOneArrayWithRoomForThePublicKeysFound) {
   for (const char* id : {"A", "B", "C"})
     token().AddPublicKey(Ascii(id), "");
   const kit::MemoryWatch watch;
@@ -370,14 +371,142 @@ TEST_F(KeyObjectListTest, ListIsOneArrayThatGrowsRecordByRecord) {
     EXPECT_EQ(Entry(i).PropertyList.previous, &Entry(i).PropertyList);
   }
   const std::vector<kit::FreedBlock> freed = watch.Freed();
-  const auto arrays = [&](std::size_t count) {
-    return std::count_if(freed.begin(), freed.end(), [&](const kit::FreedBlock& block) {
-      return block.contents.size() == count * sizeof(kit::KeyRecord);
-    });
-  };
-  EXPECT_EQ(arrays(2), 1) << "the array before the last one";
-  EXPECT_EQ(arrays(1), 4) << "the first array, and the record that each key was made in";
+  EXPECT_EQ(
+      std::count_if(freed.begin(), freed.end(),
+                    [](const kit::FreedBlock& block) { return block.contents.size() % sizeof(kit::KeyRecord) == 0; }),
+      3)
+      << "the record that each key was made in; the array never moved";
 }
+
+TEST_F(KeyObjectListTest, ArrayMovesOnceForPrivateKeysOfTheirOwn) {
+  for (const char* id : {"First identifier", "Second identifier"})
+    token().AddKeyPair(Ascii(id), "");
+  for (const char* id : {"Third identifier", "Last identifier"})
+    token().AddPrivateKey(Ascii(id), "");
+  const kit::MemoryWatch watch;
+  EXPECT_EQ(Build(), 0);
+  ASSERT_EQ(Entries(), 4u);
+  EXPECT_EQ(watch.Live().at(&Entry(0)), 4 * sizeof(kit::KeyRecord));
+  for (std::size_t i = 0; i < 4; ++i) {
+    EXPECT_EQ(Entry(i).PropertyList.next, &Entry(i).PropertyList) << "an empty list of its own";
+    EXPECT_EQ(Entry(i).PropertyList.previous, &Entry(i).PropertyList);
+    EXPECT_EQ(Entry(i).hPublicKeyObject == 0, i >= 2);
+  }
+  const std::vector<kit::FreedBlock> freed = watch.Freed();
+  EXPECT_EQ(
+      std::count_if(freed.begin(), freed.end(),
+                    [](const kit::FreedBlock& block) { return block.contents.size() == 2 * sizeof(kit::KeyRecord); }),
+      1);
+  EXPECT_FALSE(watch.FreedContains("identifier")) << "what has moved is wiped where it was";
+}
+
+// Where there is no block for all keys there may be one for those so far and one more.
+TEST_F(KeyObjectListTest, WithoutRoomForAllKeysTheArrayGrowsOneByOne) {
+  for (const char* id : {"A", "B", "C", "D"})
+    token().AddKeyPair(Ascii(id), "");
+  Open();
+  kit::MemoryWatch watch;
+  watch.FailWhen([](std::size_t size, std::size_t) {
+    return size % sizeof(kit::KeyRecord) == 0 && size > 2 * sizeof(kit::KeyRecord);
+  });
+  EXPECT_EQ(Build(), 0);
+  ASSERT_EQ(Entries(), 2u) << "keys for which there is no room are left out";
+  for (std::size_t i = 0; i < 2; ++i) {
+    EXPECT_EQ(std::wstring(Entry(i).pszKeyName), std::wstring(1, static_cast<wchar_t>(L'A' + i)));
+    EXPECT_EQ(Entry(i).hPrivateKeyObject, Entry(i).hPublicKeyObject + 1);
+    EXPECT_EQ(Entry(i).PropertyList.next, &Entry(i).PropertyList);
+  }
+  const std::vector<Line> lines = BuildLines();
+  // The line is written before room is looked for; kept.
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), KeyName("Public key created and added to object list")), 4);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), KeyName("Private key created and added to object list")), 2);
+}
+
+// Random lists held against the plain rule: a key goes to the first entry whose identifier the buffer begins with, and
+// the buffer keeps what longer identifiers left in it.
+struct RandomList {
+  unsigned seed;
+  std::size_t keys;     // of each class
+  std::size_t longest;  // bytes of an identifier
+  bool withoutIndex;
+};
+
+class RandomLists : public KeyObjectListTest, public ::testing::WithParamInterface<RandomList> {
+ protected:
+  struct Key {
+    CK_OBJECT_HANDLE handle;
+    Bytes id;
+  };
+  struct Expected {
+    Bytes id;
+    CK_OBJECT_HANDLE publicKey = 0;
+    CK_OBJECT_HANDLE privateKey = 0;
+  };
+
+  static void Add(const std::vector<Key>& keys, CK_OBJECT_HANDLE Expected::*place, Bytes& buffer,
+                  std::vector<Expected>& list) {
+    for (const Key& key : keys) {
+      std::copy(key.id.begin(), key.id.end(), buffer.begin());
+      const auto found = std::find_if(list.begin(), list.end(), [&](const Expected& entry) {
+        return std::equal(entry.id.begin(), entry.id.end(), buffer.begin());
+      });
+      if (found == list.end()) {
+        list.push_back({key.id});
+        list.back().*place = key.handle;
+      } else if (*found.*place == 0) {
+        *found.*place = key.handle;
+      }
+    }
+  }
+};
+
+TEST_P(RandomLists, FollowThePlainRule) {
+  const RandomList& given = GetParam();
+  std::mt19937 random(given.seed);
+  const auto identifier = [&] {
+    Bytes id(1 + random() % given.longest);
+    for (std::uint8_t& byte : id)
+      byte = static_cast<std::uint8_t>('A' + random() % 4);
+    return id;
+  };
+  std::vector<Key> publicKeys;
+  std::vector<Key> privateKeys;
+  for (std::size_t i = 0; i < given.keys; ++i) {
+    Bytes id = identifier();
+    publicKeys.push_back({token().AddPublicKey(id, ""), id});
+    if (random() % 3 == 0) id = identifier();
+    privateKeys.push_back({token().AddPrivateKey(id, ""), id});
+  }
+  std::vector<Expected> expected;
+  Bytes buffer(200, 0);
+  Add(publicKeys, &Expected::publicKey, buffer, expected);
+  Add(privateKeys, &Expected::privateKey, buffer, expected);
+
+  Open();
+  kit::MemoryWatch watch;
+  bool refused = false;
+  watch.FailWhen([&](std::size_t size, std::size_t) {
+    const bool index = given.withoutIndex && size == 256 * sizeof(std::uint32_t);
+    refused = refused || index;
+    return index;
+  });
+  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(refused, given.withoutIndex);
+  ASSERT_EQ(Entries(), expected.size());
+  for (std::size_t i = 0; i < expected.size(); ++i) {
+    EXPECT_EQ(Bytes(Entry(i).KeyId, Entry(i).KeyId + Entry(i).cbKeyId), expected[i].id) << i;
+    EXPECT_EQ(Entry(i).hPublicKeyObject, expected[i].publicKey) << i;
+    EXPECT_EQ(Entry(i).hPrivateKeyObject, expected[i].privateKey) << i;
+    EXPECT_EQ(Entry(i).PropertyList.next, &Entry(i).PropertyList) << i;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Seeds, RandomLists,
+    ::testing::Values(RandomList{1, 8, 3, false}, RandomList{2, 15, 6, false}, RandomList{3, 16, 4, false},
+                      RandomList{4, 40, 6, false}, RandomList{5, 40, 12, false}, RandomList{6, 40, 200, false},
+                      RandomList{7, 60, 5, false}, RandomList{8, 60, 7, true}, RandomList{9, 60, 200, true}),
+    [](const ::testing::TestParamInfo<RandomList>& given) { return "Seed" + std::to_string(given.param.seed); });
 
 TEST_F(KeyObjectListTest, IdentifierOf200BytesFitsOf201Fails) {
   const CK_OBJECT_HANDLE key = token().AddPublicKey(Bytes(200, 'i'), "");

@@ -646,17 +646,17 @@ TEST_F(ReaderChoiceTest, FailuresOfTheServiceEndTheCallWithTheirText) {
     EXPECT_EQ(robot.Finish(), 0u) << "nothing is shown";
   };
   readers_.establishResult = SCARD_E_NO_SERVICE;
-  expectFailure("SCardEstablishContext Failed: 0x8010001D");
+  expectFailure("NTE_FAIL: SCardEstablishContext Failed: 0x8010001D");
   EXPECT_EQ(readers_.released, 0);
   readers_.establishResult = SCARD_S_SUCCESS;
   readers_.listResult = SCARD_E_NO_READERS_AVAILABLE;
-  expectFailure("SCardListReaders Failed: 0x8010002E");
+  expectFailure("NTE_FAIL: SCardListReaders Failed: 0x8010002E");
   EXPECT_EQ(readers_.released, 1);
   readers_.listResult = SCARD_S_SUCCESS;
   readers_.names = {};
-  expectFailure("No cards/tokens were detected.");
+  expectFailure("NTE_FAIL: No cards/tokens were detected.");
   readers_.names = {L"A", L"Reader"};
-  expectFailure("No cards/tokens were detected.");
+  expectFailure("NTE_FAIL: No cards/tokens were detected.");
 }
 
 }  // namespace

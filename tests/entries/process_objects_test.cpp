@@ -58,7 +58,7 @@ TEST_F(ProcessObjectsTest, AreConstructedInOrder) {
 
 // Key-name log, main log, module with its log, PIN cache with its log, provider cache: of these only the logs are
 // larger than a log's path. The PIN log is no block of the heap.
-TEST_F(ProcessObjectsTest, AreAllocatedInOrderAndTheHeapsOnesNeverReleased) {
+TEST_F(ProcessObjectsTest, AreAllocatedInOrderAndReleasedWithTheDll) {
   Provider::Get().Unload();
   kit::MemoryWatch watch;
   std::vector<std::size_t> sizes;
@@ -77,8 +77,7 @@ TEST_F(ProcessObjectsTest, AreAllocatedInOrderAndTheHeapsOnesNeverReleased) {
   EXPECT_EQ(Log::Get().InstancesConstructed(), 5);
 
   Provider::Get().Unload();
-  for (const kit::FreedBlock& block : watch.Freed())
-    EXPECT_FALSE(isLog(block.contents.size()));
+  EXPECT_TRUE(watch.Live().empty()) << "a process may load and unload the provider as often as it likes";
 }
 
 TEST_F(ProcessObjectsTest, OnlyTheMainLogWritesTheStartLine) {

@@ -222,6 +222,7 @@ void Module::Reset() {
   nextObject_ = 0x101;
   nextSession_ = 0x51;
   functionListResult_ = CKR_OK;
+  strict_ = false;
 }
 
 Slot& Module::AddSlot(std::string description, bool tokenPresent) {
@@ -327,6 +328,11 @@ Bytes Module::Ciphertext(CK_OBJECT_HANDLE key, const Bytes& plain) const {
   if (!object) return {};
   const Bytes& modulus = object->attributes.at(CKA_MODULUS);
   return Transform(modulus, PadBlock(2, plain, modulus.size()));
+}
+
+void Module::SetStrict(bool strict) {
+  const std::lock_guard guard(lock_);
+  strict_ = strict;
 }
 
 void Module::Fail(const std::string& function, CK_RV code, std::size_t nth) {
@@ -465,6 +471,65 @@ void Module::NextRandom(std::uint8_t* out, std::size_t count) {
 
 namespace {
 
+bool IsPrivate(const Attributes& attributes) {
+  const auto found = attributes.find(CKA_PRIVATE);
+  return found != attributes.end() && found->second == Bool(true);
+}
+
+}  // namespace
+
+bool Module::IsHidden(const Object& object) {
+  const Slot* slot = FindSlot(object.slot);
+  return strict_ && IsPrivate(object.attributes) && !(slot && slot->loggedIn);
+}
+
+void Module::EndLogin(Slot& slot) {
+  slot.loggedIn = false;
+  if (!strict_) return;
+  // Handles of private objects are void for good (PKCS#11 v2.40 5.6, C_Logout).
+  for (Object& object : objects_) {
+    if (object.slot == slot.id && IsPrivate(object.attributes)) object.handle = nextObject_++;
+  }
+}
+
+namespace {
+
+struct FixedLength {
+  CK_ATTRIBUTE_TYPE type;
+  CK_ULONG length;
+};
+
+// Of the attributes that the provider sends, those whose values have one length.
+constexpr FixedLength kFixedLengths[] = {
+    {CKA_CLASS, 4},          {CKA_CERTIFICATE_TYPE, 4},
+    {CKA_KEY_TYPE, 4},       {CKA_MODULUS_BITS, 4},
+    {CKA_TOKEN, 1},          {CKA_PRIVATE, 1},
+    {CKA_SENSITIVE, 1},      {CKA_ENCRYPT, 1},
+    {CKA_DECRYPT, 1},        {CKA_WRAP, 1},
+    {CKA_UNWRAP, 1},         {CKA_SIGN, 1},
+    {CKA_VERIFY, 1},         {CKA_SIGN_RECOVER, 1},
+    {CKA_VERIFY_RECOVER, 1}, {CKA_DERIVE, 1},
+    {CKA_EXTRACTABLE, 1},    {CKA_LOCAL, 1},
+    {CKA_MODIFIABLE, 1},
+};
+
+// What a strict token says to a template before it looks at the values.
+CK_RV CheckTemplate(const CK_ATTRIBUTE* entries, CK_ULONG count) {
+  if (!entries) return count == 0 ? CK_RV{CKR_OK} : CK_RV{CKR_ARGUMENTS_BAD};
+  for (CK_ULONG i = 0; i < count; ++i) {
+    for (const FixedLength& fixed : kFixedLengths) {
+      if (fixed.type != entries[i].type) continue;
+      if (!entries[i].pValue || entries[i].ulValueLen != fixed.length) return CKR_ATTRIBUTE_VALUE_INVALID;
+    }
+  }
+  return CKR_OK;
+}
+
+CK_RV CheckMechanism(const CK_MECHANISM* mechanism) {
+  if (!mechanism) return CKR_ARGUMENTS_BAD;
+  return mechanism->pParameter || mechanism->ulParameterLen != 0 ? CK_RV{CKR_MECHANISM_PARAM_INVALID} : CK_RV{CKR_OK};
+}
+
 Attributes FromTemplate(const std::vector<Attribute>& entries) {
   Attributes attributes;
   for (const Attribute& entry : entries) {
@@ -500,6 +565,13 @@ struct Entries {
 
   static std::string SessionText(CK_SESSION_HANDLE session) { return "session=" + Hex(session); }
 
+  static bool IsStrict() { return Token().strict_; }
+
+  // One operation at a time: PKCS#11 v2.40 lets a module refuse a second one of any kind.
+  static bool IsBusy(const Module::Session& session) {
+    return IsStrict() && (session.searching || !session.operation.empty());
+  }
+
   static CK_RV Initialize(void* arguments) {
     return Token().Run(NewCall("C_Initialize", Pointer(arguments)), [] { return CK_RV{CKR_OK}; });
   }
@@ -530,6 +602,7 @@ struct Entries {
   static CK_RV GetSlotInfo(CK_SLOT_ID id, CK_SLOT_INFO* info) {
     return Token().Run(NewCall("C_GetSlotInfo", "slot=" + std::to_string(id)), [&]() -> CK_RV {
       const Slot* slot = Token().FindSlot(id);
+      if (IsStrict() && !info) return CKR_ARGUMENTS_BAD;
       if (!slot) return CKR_SLOT_ID_INVALID;
       std::memset(info, 0, sizeof *info);
       Pad(info->slotDescription, sizeof info->slotDescription, slot->description);
@@ -543,6 +616,7 @@ struct Entries {
   static CK_RV GetTokenInfo(CK_SLOT_ID id, CK_TOKEN_INFO* info) {
     return Token().Run(NewCall("C_GetTokenInfo", "slot=" + std::to_string(id)), [&]() -> CK_RV {
       const Slot* slot = Token().FindSlot(id);
+      if (IsStrict() && !info) return CKR_ARGUMENTS_BAD;
       if (!slot) return CKR_SLOT_ID_INVALID;
       if (!slot->tokenPresent) return CKR_TOKEN_NOT_PRESENT;
       std::memset(info, 0, sizeof *info);
@@ -561,6 +635,7 @@ struct Entries {
                             ", application=" + Pointer(application) + ", notify=" + (notify ? "PTR" : "NULL");
     return Token().Run(NewCall("C_OpenSession", arguments), [&]() -> CK_RV {
       const Slot* slot = Token().FindSlot(id);
+      if (IsStrict() && !session) return CKR_ARGUMENTS_BAD;
       if (!slot) return CKR_SLOT_ID_INVALID;
       if (!slot->tokenPresent) return CKR_TOKEN_NOT_PRESENT;
       if (!(flags & CKF_SERIAL_SESSION)) return CKR_SESSION_PARALLEL_NOT_SUPPORTED;
@@ -582,7 +657,7 @@ struct Entries {
       const bool last = std::none_of(Token().sessions_.begin(), Token().sessions_.end(),
                                      [&](const auto& entry) { return entry.second.slot == slot; });
       // The user is logged out with the token's last session (PKCS#11 v2.40 4.4.2).
-      if (last && Token().FindSlot(slot)) Token().FindSlot(slot)->loggedIn = false;
+      if (last && Token().FindSlot(slot)) Token().EndLogin(*Token().FindSlot(slot));
       return CKR_OK;
     });
   }
@@ -597,6 +672,7 @@ struct Entries {
       if (!found) return CKR_SESSION_HANDLE_INVALID;
       Slot* slot = Token().FindSlot(found->slot);
       if (!slot) return CKR_TOKEN_NOT_PRESENT;
+      if (IsStrict() && !pin) return CKR_ARGUMENTS_BAD;
       if (user != CKU_USER) return CKR_USER_TYPE_INVALID;
       if (slot->loggedIn) return CKR_USER_ALREADY_LOGGED_IN;
       if (slot->triesLeft == 0) return CKR_PIN_LOCKED;
@@ -613,7 +689,7 @@ struct Entries {
       if (!found) return CKR_SESSION_HANDLE_INVALID;
       Slot* slot = Token().FindSlot(found->slot);
       if (!slot || !slot->loggedIn) return CKR_USER_NOT_LOGGED_IN;
-      slot->loggedIn = false;
+      Token().EndLogin(*slot);
       return CKR_OK;
     });
   }
@@ -626,7 +702,9 @@ struct Entries {
       const Module::Session* found = Token().FindSession(session);
       if (!found) return CKR_SESSION_HANDLE_INVALID;
       if (!out) return CKR_ARGUMENTS_BAD;
+      if (const CK_RV bad = IsStrict() ? CheckTemplate(entries, count) : CK_RV{CKR_OK}; bad != CKR_OK) return bad;
       Attributes values = FromTemplate(attributes);
+      if (IsStrict() && IsPrivate(values) && !Token().FindSlot(found->slot)->loggedIn) return CKR_USER_NOT_LOGGED_IN;
       const bool onToken = IsTokenObject(values);
       *out = Token().Insert(found->slot, onToken ? 0 : session, std::move(values));
       return CKR_OK;
@@ -636,7 +714,8 @@ struct Entries {
   static CK_RV DestroyObject(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object) {
     return Token().Run(NewCall("C_DestroyObject", SessionText(session) + ", object=" + Hex(object)), [&]() -> CK_RV {
       if (!Token().FindSession(session)) return CKR_SESSION_HANDLE_INVALID;
-      if (!Token().FindObject(object)) return CKR_OBJECT_HANDLE_INVALID;
+      const Module::Object* found = Token().FindObject(object);
+      if (!found || Token().IsHidden(*found)) return CKR_OBJECT_HANDLE_INVALID;
       std::erase_if(Token().objects_, [&](const Module::Object& entry) { return entry.handle == object; });
       return CKR_OK;
     });
@@ -650,8 +729,9 @@ struct Entries {
     call.templates = {attributes};
     return Token().Run(std::move(call), [&]() -> CK_RV {
       if (!Token().FindSession(session)) return CKR_SESSION_HANDLE_INVALID;
+      if (IsStrict() && !entries) return CKR_ARGUMENTS_BAD;
       const Module::Object* found = Token().FindObject(object);
-      if (!found) return CKR_OBJECT_HANDLE_INVALID;
+      if (!found || Token().IsHidden(*found)) return CKR_OBJECT_HANDLE_INVALID;
       CK_RV result = CKR_OK;
       for (CK_ULONG i = 0; i < count; ++i) {
         const auto value = found->attributes.find(entries[i].type);
@@ -679,12 +759,13 @@ struct Entries {
     return Token().Run(std::move(call), [&]() -> CK_RV {
       Module::Session* found = Token().FindSession(session);
       if (!found) return CKR_SESSION_HANDLE_INVALID;
-      if (found->searching) return CKR_OPERATION_ACTIVE;
+      if (found->searching || IsBusy(*found)) return CKR_OPERATION_ACTIVE;
+      if (const CK_RV bad = IsStrict() ? CheckTemplate(entries, count) : CK_RV{CKR_OK}; bad != CKR_OK) return bad;
       found->searching = true;
       found->found.clear();
       found->next = 0;
       for (const Module::Object& object : Token().objects_) {
-        if (object.slot != found->slot) continue;
+        if (object.slot != found->slot || Token().IsHidden(object)) continue;
         const bool matches = std::all_of(attributes.begin(), attributes.end(), [&](const Attribute& wanted) {
           const auto value = object.attributes.find(wanted.type);
           return value != object.attributes.end() && value->second == wanted.value;
@@ -702,7 +783,7 @@ struct Entries {
       Module::Session* found = Token().FindSession(session);
       if (!found) return CKR_SESSION_HANDLE_INVALID;
       if (!found->searching) return CKR_OPERATION_NOT_INITIALIZED;
-      if (!count) return CKR_ARGUMENTS_BAD;
+      if (!count || (IsStrict() && maximum == 0)) return CKR_ARGUMENTS_BAD;
       const std::size_t left = found->found.size() - found->next;
       const std::size_t number = std::min<std::size_t>(left, maximum);
       *count = static_cast<CK_ULONG>(number);
@@ -732,9 +813,11 @@ struct Entries {
     return Token().Run(NewCall(name, arguments), [&]() -> CK_RV {
       Module::Session* found = Token().FindSession(session);
       if (!found) return CKR_SESSION_HANDLE_INVALID;
+      if (IsBusy(*found)) return CKR_OPERATION_ACTIVE;
+      if (const CK_RV bad = IsStrict() ? CheckMechanism(mechanism) : CK_RV{CKR_OK}; bad != CKR_OK) return bad;
       if (!mechanism || mechanism->mechanism != CKM_RSA_PKCS) return CKR_MECHANISM_INVALID;
       const Module::Object* object = Token().FindObject(key);
-      if (!object || object->slot != found->slot) return CKR_KEY_HANDLE_INVALID;
+      if (!object || object->slot != found->slot || Token().IsHidden(*object)) return CKR_KEY_HANDLE_INVALID;
       const auto foundClass = object->attributes.find(CKA_CLASS);
       if (foundClass == object->attributes.end() || foundClass->second != Ulong(objectClass)) {
         return CKR_KEY_TYPE_INCONSISTENT;
@@ -745,7 +828,8 @@ struct Entries {
       }
       const Slot* slot = Token().FindSlot(found->slot);
       if (objectClass == CKO_PRIVATE_KEY && !(slot && slot->loggedIn)) return CKR_USER_NOT_LOGGED_IN;
-      // An Init while the operation is active starts it anew: the module does not insist on a finished one.
+      // An Init while the operation is active starts it anew: unless it is strict, the module does not insist on a
+      // finished one.
       found->operation[operation] = key;
       return CKR_OK;
     });
@@ -753,7 +837,7 @@ struct Entries {
 
   // The work of an initialised operation. A length query and a short buffer leave it active (PKCS#11 v2.40 5.2).
   static CK_RV Finish(const char* operation, CK_SESSION_HANDLE session, CK_BYTE* out, CK_ULONG* length,
-                      const std::function<CK_RV(const Bytes& modulus, Bytes& result)>& work) {
+                      const CK_BYTE* input, const std::function<CK_RV(const Bytes& modulus, Bytes& result)>& work) {
     Module::Session* found = Token().FindSession(session);
     if (!found) return CKR_SESSION_HANDLE_INVALID;
     const auto active = found->operation.find(operation);
@@ -761,7 +845,7 @@ struct Entries {
     const Module::Object* object = Token().FindObject(active->second);
     if (!object) return CKR_KEY_HANDLE_INVALID;
     Bytes result;
-    CK_RV code = work(object->attributes.at(CKA_MODULUS), result);
+    CK_RV code = IsStrict() && !input ? CK_RV{CKR_ARGUMENTS_BAD} : work(object->attributes.at(CKA_MODULUS), result);
     if (code == CKR_OK) code = Output(result, out, length);
     if (code != CKR_BUFFER_TOO_SMALL && !(code == CKR_OK && !out)) found->operation.erase(operation);
     return code;
@@ -785,7 +869,7 @@ struct Entries {
     Call call = DataCall("C_Sign", session, data, dataLength, out, length);
     const Bytes input = call.data;
     return Token().Run(std::move(call), [&] {
-      return Finish("C_Sign", session, out, length, [&](const Bytes& modulus, Bytes& result) -> CK_RV {
+      return Finish("C_Sign", session, out, length, data, [&](const Bytes& modulus, Bytes& result) -> CK_RV {
         const Bytes block = PadBlock(1, input, modulus.size());
         if (block.empty()) return CKR_DATA_LEN_RANGE;
         result = Transform(modulus, block);
@@ -808,11 +892,12 @@ struct Entries {
     return Token().Run(std::move(call), [&]() -> CK_RV {
       CK_BYTE none = 0;
       CK_ULONG noneLength = 1;
-      return Finish("C_Verify", session, &none, &noneLength, [&](const Bytes& modulus, Bytes&) -> CK_RV {
-        if (given.size() != modulus.size()) return CKR_SIGNATURE_LEN_RANGE;
-        const std::optional<Bytes> block = UnpadBlock(1, Transform(modulus, given));
-        return block && *block == input ? CK_RV{CKR_OK} : CK_RV{CKR_SIGNATURE_INVALID};
-      });
+      return Finish("C_Verify", session, &none, &noneLength, data && signature ? data : nullptr,
+                    [&](const Bytes& modulus, Bytes&) -> CK_RV {
+                      if (given.size() != modulus.size()) return CKR_SIGNATURE_LEN_RANGE;
+                      const std::optional<Bytes> block = UnpadBlock(1, Transform(modulus, given));
+                      return block && *block == input ? CK_RV{CKR_OK} : CK_RV{CKR_SIGNATURE_INVALID};
+                    });
     });
   }
 
@@ -824,7 +909,7 @@ struct Entries {
     Call call = DataCall("C_Encrypt", session, data, dataLength, out, length);
     const Bytes input = call.data;
     return Token().Run(std::move(call), [&] {
-      return Finish("C_Encrypt", session, out, length, [&](const Bytes& modulus, Bytes& result) -> CK_RV {
+      return Finish("C_Encrypt", session, out, length, data, [&](const Bytes& modulus, Bytes& result) -> CK_RV {
         const Bytes block = PadBlock(2, input, modulus.size());
         if (block.empty()) return CKR_DATA_LEN_RANGE;
         result = Transform(modulus, block);
@@ -841,7 +926,7 @@ struct Entries {
     Call call = DataCall("C_Decrypt", session, data, dataLength, out, length);
     const Bytes input = call.data;
     return Token().Run(std::move(call), [&] {
-      return Finish("C_Decrypt", session, out, length, [&](const Bytes& modulus, Bytes& result) -> CK_RV {
+      return Finish("C_Decrypt", session, out, length, data, [&](const Bytes& modulus, Bytes& result) -> CK_RV {
         if (input.size() != modulus.size()) return CKR_ENCRYPTED_DATA_LEN_RANGE;
         const std::optional<Bytes> plain = UnpadBlock(2, Transform(modulus, input));
         if (!plain) return CKR_ENCRYPTED_DATA_INVALID;
@@ -865,6 +950,13 @@ struct Entries {
       if (!found) return CKR_SESSION_HANDLE_INVALID;
       if (!mechanism || mechanism->mechanism != CKM_RSA_PKCS_KEY_PAIR_GEN) return CKR_MECHANISM_INVALID;
       if (!publicKey || !privateKey) return CKR_ARGUMENTS_BAD;
+      if (IsStrict()) {
+        for (const CK_RV bad : {CheckMechanism(mechanism), CheckTemplate(publicEntries, publicCount),
+                                CheckTemplate(privateEntries, privateCount)}) {
+          if (bad != CKR_OK) return bad;
+        }
+        if (!Token().FindSlot(found->slot)->loggedIn) return CKR_USER_NOT_LOGGED_IN;
+      }
       Attributes publicValues = FromTemplate(publicTemplate);
       Attributes privateValues = FromTemplate(privateTemplate);
       const auto bits = publicValues.find(CKA_MODULUS_BITS);

@@ -110,6 +110,14 @@ class Module {
   Bytes Signature(CK_OBJECT_HANDLE key, const Bytes& block) const;
   Bytes Ciphertext(CK_OBJECT_HANDLE key, const Bytes& plain) const;
 
+  // --- how much it forgives
+  // A strict token refuses what PKCS#11 v2.40 lets a module refuse: a second operation in a session while one is open
+  // (a length query leaves it open), a search for 0 objects, null pointers, mechanism parameters, flags and numbers of
+  // the wrong length. Private objects are hidden while nobody is logged in, and a logout voids their handles: HasObject
+  // and the others know them by new ones. Searches that only count and every kind of attribute are allowed all the
+  // same. Reset ends it.
+  void SetStrict(bool strict);
+
   // --- the script
   // The nth call (1 = the next one) of `function` from now on answers with `code` and does nothing else.
   void Fail(const std::string& function, CK_RV code, std::size_t nth = 1);
@@ -159,6 +167,8 @@ class Module {
   const Object* FindObject(CK_OBJECT_HANDLE handle) const;
   CK_OBJECT_HANDLE Insert(CK_SLOT_ID slot, CK_SESSION_HANDLE owner, Attributes attributes);
   void NextRandom(std::uint8_t* out, std::size_t count);
+  bool IsHidden(const Object& object);
+  void EndLogin(Slot& slot);
 
   mutable std::recursive_mutex lock_;
   std::deque<Slot> slots_;
@@ -173,6 +183,7 @@ class Module {
   CK_SESSION_HANDLE nextSession_ = 0x51;
   unsigned serialCounter_ = 0;
   CK_RV functionListResult_ = CKR_OK;
+  bool strict_ = false;
 };
 
 // The one module of the process, behind keldapkcs11.dll.

@@ -20,14 +20,14 @@ ULONG_PTR Number(Value value) {
 
 template <typename... Values>
 SECURITY_STATUS Record(const char* name, ULONG_PTR provider, ULONG_PTR object, Values... values) {
-  const auto index = static_cast<std::size_t>(InterlockedIncrement(&g_state.call_count) - 1);
+  const auto index = static_cast<std::size_t>(InterlockedIncrement(&g_state.callCount) - 1);
   if (index < g_state.calls.size()) g_state.calls[index] = {name, provider, object, {Number(values)...}};
   return g_state.status;
 }
 
 template <typename Handle>
 SECURITY_STATUS HandOut(SECURITY_STATUS status, Handle* handle) {
-  if (status == ERROR_SUCCESS) *handle = g_state.new_handle;
+  if (status == ERROR_SUCCESS) *handle = g_state.newHandle;
   return status;
 }
 
@@ -37,9 +37,9 @@ void CopyName(std::array<wchar_t, 64>& target, LPCWSTR source) {
 }
 
 SECURITY_STATUS WINAPI OpenProvider(NCRYPT_PROV_HANDLE* provider, LPCWSTR name, DWORD flags) {
-  CopyName(g_state.opened_name, name);
+  CopyName(g_state.openedName, name);
   const auto status = HandOut(Record("OpenProvider", 0, 0, flags), provider);
-  if (status == ERROR_SUCCESS) InterlockedIncrement(&g_state.open_providers);
+  if (status == ERROR_SUCCESS) InterlockedIncrement(&g_state.openProviders);
   return status;
 }
 
@@ -82,7 +82,7 @@ SECURITY_STATUS WINAPI DeleteKey(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE 
 }
 
 SECURITY_STATUS WINAPI FreeProvider(NCRYPT_PROV_HANDLE provider) {
-  InterlockedDecrement(&g_state.open_providers);
+  InterlockedDecrement(&g_state.openProviders);
   return Record("FreeProvider", provider, 0);
 }
 
@@ -91,19 +91,19 @@ SECURITY_STATUS WINAPI FreeKey(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE ke
 }
 
 SECURITY_STATUS WINAPI FreeBuffer(PVOID buffer) {
-  InterlockedIncrement(&g_state.freed_buffers);
+  InterlockedIncrement(&g_state.freedBuffers);
   HeapFree(GetProcessHeap(), 0, buffer);
   return Record("FreeBuffer", 0, 0, buffer);
 }
 
-SECURITY_STATUS WINAPI Encrypt(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key, PBYTE input, DWORD input_size,
-                               VOID* padding, PBYTE output, DWORD output_size, DWORD* result, DWORD flags) {
-  return Record("Encrypt", provider, key, input, input_size, padding, output, output_size, result, flags);
+SECURITY_STATUS WINAPI Encrypt(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key, PBYTE input, DWORD inputSize,
+                               VOID* padding, PBYTE output, DWORD outputSize, DWORD* result, DWORD flags) {
+  return Record("Encrypt", provider, key, input, inputSize, padding, output, outputSize, result, flags);
 }
 
-SECURITY_STATUS WINAPI Decrypt(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key, PBYTE input, DWORD input_size,
-                               VOID* padding, PBYTE output, DWORD output_size, DWORD* result, DWORD flags) {
-  return Record("Decrypt", provider, key, input, input_size, padding, output, output_size, result, flags);
+SECURITY_STATUS WINAPI Decrypt(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key, PBYTE input, DWORD inputSize,
+                               VOID* padding, PBYTE output, DWORD outputSize, DWORD* result, DWORD flags) {
+  return Record("Decrypt", provider, key, input, inputSize, padding, output, outputSize, result, flags);
 }
 
 SECURITY_STATUS WINAPI IsAlgSupported(NCRYPT_PROV_HANDLE provider, LPCWSTR algorithm, DWORD flags) {
@@ -133,26 +133,26 @@ SECURITY_STATUS WINAPI EnumKeys(NCRYPT_PROV_HANDLE provider, LPCWSTR scope, NCry
   return ERROR_SUCCESS;
 }
 
-SECURITY_STATUS WINAPI ImportKey(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE import_key, LPCWSTR type,
+SECURITY_STATUS WINAPI ImportKey(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE importKey, LPCWSTR type,
                                  NCryptBufferDesc* parameters, NCRYPT_KEY_HANDLE* key, PBYTE data, DWORD size,
                                  DWORD flags) {
-  return HandOut(Record("ImportKey", provider, import_key, type, parameters, data, size, flags), key);
+  return HandOut(Record("ImportKey", provider, importKey, type, parameters, data, size, flags), key);
 }
 
-SECURITY_STATUS WINAPI ExportKey(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key, NCRYPT_KEY_HANDLE export_key,
+SECURITY_STATUS WINAPI ExportKey(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key, NCRYPT_KEY_HANDLE exportKey,
                                  LPCWSTR type, NCryptBufferDesc* parameters, PBYTE output, DWORD size, DWORD* result,
                                  DWORD flags) {
-  return Record("ExportKey", provider, key, export_key, type, parameters, output, size, result, flags);
+  return Record("ExportKey", provider, key, exportKey, type, parameters, output, size, result, flags);
 }
 
 SECURITY_STATUS WINAPI SignHash(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key, VOID* padding, PBYTE hash,
-                                DWORD hash_size, PBYTE signature, DWORD signature_size, DWORD* result, DWORD flags) {
-  return Record("SignHash", provider, key, padding, hash, hash_size, signature, signature_size, result, flags);
+                                DWORD hashSize, PBYTE signature, DWORD signatureSize, DWORD* result, DWORD flags) {
+  return Record("SignHash", provider, key, padding, hash, hashSize, signature, signatureSize, result, flags);
 }
 
 SECURITY_STATUS WINAPI VerifySignature(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key, VOID* padding, PBYTE hash,
-                                       DWORD hash_size, PBYTE signature, DWORD signature_size, DWORD flags) {
-  return Record("VerifySignature", provider, key, padding, hash, hash_size, signature, signature_size, flags);
+                                       DWORD hashSize, PBYTE signature, DWORD signatureSize, DWORD flags) {
+  return Record("VerifySignature", provider, key, padding, hash, hashSize, signature, signatureSize, flags);
 }
 
 SECURITY_STATUS WINAPI PromptUser(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key, LPCWSTR operation, DWORD flags) {
@@ -163,9 +163,9 @@ SECURITY_STATUS WINAPI NotifyChangeKey(NCRYPT_PROV_HANDLE provider, HANDLE* even
   return Record("NotifyChangeKey", provider, 0, event, flags);
 }
 
-SECURITY_STATUS WINAPI SecretAgreement(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE private_key,
-                                       NCRYPT_KEY_HANDLE public_key, NCRYPT_SECRET_HANDLE* secret, DWORD flags) {
-  return HandOut(Record("SecretAgreement", provider, private_key, public_key, flags), secret);
+SECURITY_STATUS WINAPI SecretAgreement(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE privateKey,
+                                       NCRYPT_KEY_HANDLE publicKey, NCRYPT_SECRET_HANDLE* secret, DWORD flags) {
+  return HandOut(Record("SecretAgreement", provider, privateKey, publicKey, flags), secret);
 }
 
 SECURITY_STATUS WINAPI DeriveKey(NCRYPT_PROV_HANDLE provider, NCRYPT_SECRET_HANDLE secret, LPCWSTR kdf,
@@ -189,9 +189,9 @@ dummy::State* WINAPI DummyState() {
 }
 
 NTSTATUS WINAPI GetKeyStorageInterface(LPCWSTR name, router::KeyStorageFunctionTable** table, DWORD /*flags*/) {
-  CopyName(g_state.interface_name, name);
-  if (g_state.interface_status != 0) return g_state.interface_status;
-  g_table = {{g_state.major_version, 0},
+  CopyName(g_state.interfaceName, name);
+  if (g_state.interfaceStatus != 0) return g_state.interfaceStatus;
+  g_table = {{g_state.majorVersion, 0},
              OpenProvider,
              OpenKey,
              CreatePersistedKey,
@@ -218,7 +218,7 @@ NTSTATUS WINAPI GetKeyStorageInterface(LPCWSTR name, router::KeyStorageFunctionT
              SecretAgreement,
              DeriveKey,
              FreeSecret};
-  *table = g_state.without_table ? nullptr : &g_table;
+  *table = g_state.withoutTable ? nullptr : &g_table;
   return 0;
 }
 

@@ -1,6 +1,5 @@
 // A key storage provider that does nothing but remember how it was called, for the tests of the router.
-#ifndef KELDA_TESTS_STANDINS_DUMMY_PROVIDER_H_
-#define KELDA_TESTS_STANDINS_DUMMY_PROVIDER_H_
+#pragma once
 
 #include <windows.h>
 
@@ -22,22 +21,20 @@ struct Call {
 
 struct State {
   std::array<Call, 64> calls;  // the first ones since the last reset
-  volatile LONG call_count;
-  volatile LONG open_providers;
-  volatile LONG freed_buffers;
+  volatile LONG callCount;
+  volatile LONG openProviders;
+  volatile LONG freedBuffers;
   // What the provider answers from now on.
   SECURITY_STATUS status;
-  NTSTATUS interface_status;
-  BOOL without_table;
-  USHORT major_version;
-  ULONG_PTR new_handle;  // what creating entries hand out
+  NTSTATUS interfaceStatus;
+  BOOL withoutTable;
+  USHORT majorVersion;
+  ULONG_PTR newHandle;  // what creating entries hand out
   // What GetKeyStorageInterface was asked for.
-  std::array<wchar_t, 64> interface_name;
-  std::array<wchar_t, 64> opened_name;
+  std::array<wchar_t, 64> interfaceName;
+  std::array<wchar_t, 64> openedName;
 };
 
 using StateFn = State*(WINAPI*)();
 
 }  // namespace dummy
-
-#endif  // KELDA_TESTS_STANDINS_DUMMY_PROVIDER_H_

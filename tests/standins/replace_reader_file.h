@@ -1,6 +1,5 @@
 // Replaces the reader file of the stand-ins as a whole, so that nobody reads half a file.
-#ifndef KELDA_TESTS_STANDINS_REPLACE_READER_FILE_H_
-#define KELDA_TESTS_STANDINS_REPLACE_READER_FILE_H_
+#pragma once
 
 #include <windows.h>
 
@@ -21,8 +20,8 @@ inline bool ReplaceReaderFile(const std::string& path, const std::string& text) 
   const ULONGLONG start = GetTickCount64();
   while (MoveFileExA(draft.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING) == FALSE) {
     const DWORD error = GetLastError();
-    const bool in_use = error == ERROR_ACCESS_DENIED || error == ERROR_SHARING_VIOLATION;
-    if (!in_use || GetTickCount64() - start > kPatienceMs) {
+    const bool inUse = error == ERROR_ACCESS_DENIED || error == ERROR_SHARING_VIOLATION;
+    if (!inUse || GetTickCount64() - start > kPatienceMs) {
       SetLastError(error);
       return false;
     }
@@ -32,5 +31,3 @@ inline bool ReplaceReaderFile(const std::string& path, const std::string& text) 
 }
 
 }  // namespace standins
-
-#endif  // KELDA_TESTS_STANDINS_REPLACE_READER_FILE_H_

@@ -95,8 +95,8 @@ class RouterTest : public testing::Test {
     ASSERT_EQ(RegOverridePredefKey(HKEY_LOCAL_MACHINE, hive), ERROR_SUCCESS);
     RegCloseKey(hive);
     std::memset(static_cast<void*>(state_), 0, sizeof(*state_));
-    state_->major_version = 1;
-    state_->new_handle = kProviderHandle;
+    state_->majorVersion = 1;
+    state_->newHandle = kProviderHandle;
     Register(kName, image_);
     List({kName});
   }
@@ -108,24 +108,24 @@ class RouterTest : public testing::Test {
 
   static NCRYPT_PROV_HANDLE Open(const wchar_t* name = kName) {
     NCRYPT_PROV_HANDLE provider = 0;
-    state_->new_handle = kProviderHandle;
+    state_->newHandle = kProviderHandle;
     EXPECT_EQ(ROUTER(NCryptOpenStorageProvider)(&provider, name, 0), ERROR_SUCCESS);
     return provider;
   }
 
   static NCRYPT_KEY_HANDLE OpenKey(NCRYPT_PROV_HANDLE provider, ULONG_PTR handle = kKeyHandle) {
     NCRYPT_KEY_HANDLE key = 0;
-    state_->new_handle = handle;
+    state_->newHandle = handle;
     EXPECT_EQ(ROUTER(NCryptOpenKey)(provider, &key, L"name", 0, 0), ERROR_SUCCESS);
     return key;
   }
 
-  static void Forget() { state_->call_count = 0; }
+  static void Forget() { state_->callCount = 0; }
 
   // The one call since the last Forget().
   static Call TheCall() {
-    EXPECT_EQ(state_->call_count, 1);
-    const Call call = state_->call_count >= 1 ? state_->calls[0] : Call{"no call", 0, 0, {}};
+    EXPECT_EQ(state_->callCount, 1);
+    const Call call = state_->callCount >= 1 ? state_->calls[0] : Call{"no call", 0, 0, {}};
     Forget();
     return call;
   }
@@ -161,51 +161,106 @@ TEST_F(RouterTest, RefusesProvidersThatCannotBeOpened) {
   EXPECT_EQ(open(&provider, L"Not listed", 0), NTE_NOT_FOUND);
   EXPECT_EQ(open(&provider, L"Not registered", 0), NTE_NOT_FOUND);
 
-  state_->major_version = 2;
+  state_->majorVersion = 2;
   EXPECT_EQ(open(&provider, kName, 0), NTE_BAD_PROVIDER);
-  state_->major_version = 1;
-  state_->without_table = TRUE;
+  state_->majorVersion = 1;
+  state_->withoutTable = TRUE;
   EXPECT_EQ(open(&provider, kName, 0), NTE_BAD_PROVIDER);
-  state_->without_table = FALSE;
-  state_->interface_status = static_cast<NTSTATUS>(0xC000000D);
+  state_->withoutTable = FALSE;
+  state_->interfaceStatus = static_cast<NTSTATUS>(0xC000000D);
   EXPECT_EQ(open(&provider, kName, 0), NTE_INVALID_PARAMETER);
-  state_->interface_status = NTE_FAIL;
+  state_->interfaceStatus = NTE_FAIL;
   EXPECT_EQ(open(&provider, kName, 0), NTE_FAIL);
-  state_->interface_status = static_cast<NTSTATUS>(0xC0000001);
+  state_->interfaceStatus = static_cast<NTSTATUS>(0xC0000001);
   EXPECT_EQ(open(&provider, kName, 0), NTE_INTERNAL_ERROR);
-  EXPECT_EQ(state_->call_count, 0);
+  EXPECT_EQ(state_->callCount, 0);
 
-  state_->interface_status = 0;
+  state_->interfaceStatus = 0;
   state_->status = ERROR_CANCELLED;
   EXPECT_EQ(open(&provider, kName, 0), ERROR_CANCELLED);
   EXPECT_EQ(provider, 77u);
 }
 
+TEST_F(RouterTest, UnloadsAProviderThatCouldNotBeOpened) {
+  const auto open = ROUTER(NCryptOpenStorageProvider);
+  const std::wstring copy = ProgramFolder() + L"\\dummyksp_copy.dll";
+  ASSERT_TRUE(CopyFileW(image_.c_str(), copy.c_str(), FALSE)) << GetLastError();
+  Register(L"Copy", copy);
+  List({kName, L"Copy"});
+  NCRYPT_PROV_HANDLE provider = 0;
+  // Nobody has told the copy yet which version its table is to have.
+  EXPECT_EQ(open(&provider, L"Copy", 0), NTE_BAD_PROVIDER);
+  EXPECT_EQ(GetModuleHandleW(copy.c_str()), nullptr);
+
+  const HMODULE module = LoadLibraryW(copy.c_str());
+  ASSERT_NE(module, nullptr);
+  auto* state = reinterpret_cast<dummy::StateFn>(reinterpret_cast<void*>(GetProcAddress(module, "DummyState")))();
+  state->majorVersion = 1;
+  state->status = NTE_FAIL;
+  EXPECT_EQ(open(&provider, L"Copy", 0), NTE_FAIL);
+  state->status = ERROR_SUCCESS;
+  state->newHandle = kProviderHandle;
+  ASSERT_EQ(open(&provider, L"Copy", 0), ERROR_SUCCESS);
+  EXPECT_EQ(ROUTER(NCryptFreeObject)(provider), ERROR_SUCCESS);
+  state->status = NTE_FAIL;
+  EXPECT_EQ(open(&provider, L"Copy", 0), NTE_FAIL);
+  // One that was opened once stays, whatever comes after.
+  ASSERT_TRUE(FreeLibrary(module));
+  EXPECT_EQ(GetModuleHandleW(copy.c_str()), module);
+}
+
+TEST_F(RouterTest, HandsPropertyFlagsOnAsTheyAre) {
+  const auto provider = Open();
+  const auto key = OpenKey(provider);
+  Forget();
+  std::array<BYTE, 4> data{};
+  DWORD result = 0;
+  constexpr DWORD kSetFlags[] = {NCRYPT_PERSIST_FLAG, NCRYPT_PERSIST_FLAG | NCRYPT_PERSIST_ONLY_FLAG,
+                                 NCRYPT_SILENT_FLAG};
+  const wchar_t* property = L"Name";
+  for (const DWORD flags : kSetFlags) {
+    EXPECT_EQ(ROUTER(NCryptSetProperty)(key, property, data.data(), 4, flags), ERROR_SUCCESS);
+    ExpectCall("SetKeyProperty", kProviderHandle, kKeyHandle, {Number(property), Number(data.data()), 4, flags});
+  }
+  // For the security descriptor the flags say which parts of it are meant.
+  constexpr DWORD kParts = OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION;
+  for (const DWORD flags : {DWORD{DACL_SECURITY_INFORMATION}, kParts, kParts | NCRYPT_SILENT_FLAG}) {
+    const wchar_t* name = NCRYPT_SECURITY_DESCR_PROPERTY;
+    EXPECT_EQ(ROUTER(NCryptGetProperty)(key, name, data.data(), 4, &result, flags), ERROR_SUCCESS);
+    ExpectCall("GetKeyProperty", kProviderHandle, kKeyHandle,
+               {Number(name), Number(data.data()), 4, Number(&result), flags});
+    EXPECT_EQ(ROUTER(NCryptSetProperty)(key, name, data.data(), 4, flags), ERROR_SUCCESS);
+    ExpectCall("SetKeyProperty", kProviderHandle, kKeyHandle, {Number(name), Number(data.data()), 4, flags});
+  }
+  ROUTER(NCryptFreeObject)(key);
+  ROUTER(NCryptFreeObject)(provider);
+}
+
 TEST_F(RouterTest, OpensByNameAliasAndDefault) {
-  const auto free_object = ROUTER(NCryptFreeObject);
+  const auto freeObject = ROUTER(NCryptFreeObject);
   NCRYPT_PROV_HANDLE provider = Open();
-  EXPECT_STREQ(state_->interface_name.data(), kName);
-  EXPECT_STREQ(state_->opened_name.data(), kName);
-  EXPECT_EQ(free_object(provider), ERROR_SUCCESS);
+  EXPECT_STREQ(state_->interfaceName.data(), kName);
+  EXPECT_STREQ(state_->openedName.data(), kName);
+  EXPECT_EQ(freeObject(provider), ERROR_SUCCESS);
 
   provider = Open(kAlias);
-  EXPECT_STREQ(state_->interface_name.data(), kName);
-  EXPECT_STREQ(state_->opened_name.data(), kAlias);
-  EXPECT_EQ(free_object(provider), ERROR_SUCCESS);
+  EXPECT_STREQ(state_->interfaceName.data(), kName);
+  EXPECT_STREQ(state_->openedName.data(), kAlias);
+  EXPECT_EQ(freeObject(provider), ERROR_SUCCESS);
 
   // Without a name the platform's own provider is meant.
   EXPECT_EQ(ROUTER(NCryptOpenStorageProvider)(&provider, nullptr, 0), NTE_NOT_FOUND);
   Register(MS_KEY_STORAGE_PROVIDER, image_);
   List({kName, MS_KEY_STORAGE_PROVIDER});
   provider = Open(nullptr);
-  EXPECT_STREQ(state_->interface_name.data(), MS_KEY_STORAGE_PROVIDER);
-  EXPECT_EQ(free_object(provider), ERROR_SUCCESS);
+  EXPECT_STREQ(state_->interfaceName.data(), MS_KEY_STORAGE_PROVIDER);
+  EXPECT_EQ(freeObject(provider), ERROR_SUCCESS);
 
   Forget();
   ASSERT_EQ(ROUTER(NCryptOpenStorageProvider)(&provider, kName, NCRYPT_SILENT_FLAG), ERROR_SUCCESS);
   ExpectCall("OpenProvider", 0, 0, {NCRYPT_SILENT_FLAG});
-  EXPECT_EQ(free_object(provider), ERROR_SUCCESS);
-  EXPECT_EQ(state_->open_providers, 0);
+  EXPECT_EQ(freeObject(provider), ERROR_SUCCESS);
+  EXPECT_EQ(state_->openProviders, 0);
 }
 
 TEST_F(RouterTest, HandsOutHandlesOfItsOwn) {
@@ -269,7 +324,7 @@ TEST_F(RouterTest, RefusesHandlesOfOtherKinds) {
     EXPECT_EQ(ROUTER(NCryptSetProperty)(bad, L"Name", data, 8, 0), NTE_INVALID_HANDLE);
     EXPECT_EQ(ROUTER(NCryptFreeObject)(bad), NTE_INVALID_HANDLE);
   }
-  EXPECT_EQ(state_->call_count, 0);
+  EXPECT_EQ(state_->callCount, 0);
   EXPECT_EQ(ROUTER(NCryptFreeObject)(key), ERROR_SUCCESS);
   EXPECT_EQ(ROUTER(NCryptFreeObject)(provider), ERROR_SUCCESS);
 }
@@ -291,7 +346,7 @@ TEST_F(RouterTest, RefusesNullWhereItWritesAHandle) {
   EXPECT_EQ(ROUTER(NCryptEnumStorageProviders)(nullptr, &providers, 0), NTE_INVALID_PARAMETER);
   EXPECT_EQ(ROUTER(NCryptEnumStorageProviders)(&count, nullptr, 0), NTE_INVALID_PARAMETER);
   EXPECT_EQ(ROUTER(NCryptTranslateHandle)(nullptr, nullptr, 1, 0, 0, 0), NTE_INVALID_PARAMETER);
-  EXPECT_EQ(state_->call_count, 0);
+  EXPECT_EQ(state_->callCount, 0);
   NCRYPT_KEY_HANDLE translated = 0;
   EXPECT_EQ(ROUTER(NCryptTranslateHandle)(nullptr, &translated, 0, 0, 0, 0), NTE_INVALID_HANDLE);
   EXPECT_EQ(ROUTER(NCryptTranslateHandle)(nullptr, &translated, 1, 0, 0, 0), NTE_NOT_SUPPORTED);
@@ -390,39 +445,39 @@ TEST_F(RouterTest, AnswersAKeysProviderHandleItself) {
   EXPECT_EQ(get(key, NCRYPT_PROVIDER_HANDLE_PROPERTY, output, sizeof(again) - 1, &result, 0), NTE_BUFFER_TOO_SMALL);
   EXPECT_EQ(get(key, NCRYPT_PROVIDER_HANDLE_PROPERTY, output, sizeof(again), nullptr, 0), NTE_INVALID_PARAMETER);
   ASSERT_EQ(get(key, NCRYPT_PROVIDER_HANDLE_PROPERTY, output, sizeof(again), &result, 0), ERROR_SUCCESS);
-  EXPECT_EQ(state_->call_count, 0);
+  EXPECT_EQ(state_->callCount, 0);
   EXPECT_EQ(ROUTER(NCryptIsAlgSupported)(again, L"RSA", 0), ERROR_SUCCESS);
   ExpectCall("IsAlgSupported", kProviderHandle, 0, {});
 
   // The provider is closed with the last of its handles and keys, whatever their order.
   EXPECT_EQ(ROUTER(NCryptFreeObject)(provider), ERROR_SUCCESS);
   EXPECT_EQ(ROUTER(NCryptFreeObject)(key), ERROR_SUCCESS);
-  EXPECT_EQ(state_->open_providers, 1);
+  EXPECT_EQ(state_->openProviders, 1);
   state_->status = NTE_INTERNAL_ERROR;
   EXPECT_EQ(ROUTER(NCryptFreeObject)(again), NTE_INTERNAL_ERROR);
-  EXPECT_EQ(state_->open_providers, 0);
+  EXPECT_EQ(state_->openProviders, 0);
 }
 
 TEST_F(RouterTest, KeysKeepTheirProviderOpen) {
   const auto provider = Open();
   const auto key = OpenKey(provider);
   EXPECT_EQ(ROUTER(NCryptFreeObject)(provider), ERROR_SUCCESS);
-  EXPECT_EQ(state_->open_providers, 1);
+  EXPECT_EQ(state_->openProviders, 1);
   Forget();
   EXPECT_EQ(ROUTER(NCryptFinalizeKey)(key, 0), ERROR_SUCCESS);
   ExpectCall("FinalizeKey", kProviderHandle, kKeyHandle, {});
   EXPECT_EQ(ROUTER(NCryptFreeObject)(key), ERROR_SUCCESS);
-  EXPECT_EQ(state_->open_providers, 0);
+  EXPECT_EQ(state_->openProviders, 0);
   EXPECT_STREQ(state_->calls[0].name, "FreeKey");
   EXPECT_STREQ(state_->calls[1].name, "FreeProvider");
 }
 
 TEST_F(RouterTest, TranslatesSecondKeys) {
   const auto provider = Open();
-  const auto other_provider = Open();
+  const auto otherProvider = Open();
   const auto key = OpenKey(provider);
   const auto second = OpenKey(provider, 0x3330);
-  const auto foreign = OpenKey(other_provider, 0x4440);
+  const auto foreign = OpenKey(otherProvider, 0x4440);
   Forget();
   NCRYPT_KEY_HANDLE out = 0;
   DWORD result = 0;
@@ -437,8 +492,8 @@ TEST_F(RouterTest, TranslatesSecondKeys) {
     EXPECT_EQ(ROUTER(NCryptExportKey)(key, bad, L"", nullptr, nullptr, 0, &result, 0), NTE_INVALID_HANDLE);
     EXPECT_EQ(ROUTER(NCryptSecretAgreement)(key, bad, &out, 0), NTE_INVALID_HANDLE);
   }
-  EXPECT_EQ(state_->call_count, 0);
-  for (const auto handle : {key, second, foreign, provider, other_provider})
+  EXPECT_EQ(state_->callCount, 0);
+  for (const auto handle : {key, second, foreign, provider, otherProvider})
     ROUTER(NCryptFreeObject)(handle);
 }
 
@@ -448,7 +503,7 @@ TEST_F(RouterTest, RoutesSecrets) {
   const auto second = OpenKey(provider, 0x3330);
   Forget();
   NCRYPT_SECRET_HANDLE secret = 0;
-  state_->new_handle = 0x5550;
+  state_->newHandle = 0x5550;
   ASSERT_EQ(ROUTER(NCryptSecretAgreement)(key, second, &secret, 1), ERROR_SUCCESS);
   ExpectCall("SecretAgreement", kProviderHandle, kKeyHandle, {0x3330, 1});
   EXPECT_NE(secret, 0x5550u);
@@ -482,72 +537,72 @@ TEST_F(RouterTest, DeletionEndsTheHandle) {
   ExpectCall("DeleteKey", kProviderHandle, kKeyHandle, {NCRYPT_SILENT_FLAG});
   EXPECT_FALSE(ROUTER(NCryptIsKeyHandle)(key));
   EXPECT_EQ(ROUTER(NCryptFreeObject)(key), NTE_INVALID_HANDLE);
-  EXPECT_EQ(state_->call_count, 0);
+  EXPECT_EQ(state_->callCount, 0);
   ROUTER(NCryptFreeObject)(provider);
 }
 
 TEST_F(RouterTest, ReturnsBuffersToTheirOwner) {
   const auto provider = Open();
-  const auto free_buffer = ROUTER(NCryptFreeBuffer);
+  const auto freeBuffer = ROUTER(NCryptFreeBuffer);
   DWORD count = 0;
   NCryptAlgorithmName* algorithms = nullptr;
   Forget();
   ASSERT_EQ(ROUTER(NCryptEnumAlgorithms)(provider, 6, &count, &algorithms, 7), ERROR_SUCCESS);
   ExpectCall("EnumAlgorithms", kProviderHandle, 0, {6, 7});
-  EXPECT_EQ(free_buffer(algorithms), ERROR_SUCCESS);
+  EXPECT_EQ(freeBuffer(algorithms), ERROR_SUCCESS);
   ExpectCall("FreeBuffer", 0, 0, {Number(algorithms)});
-  EXPECT_EQ(free_buffer(algorithms), NTE_INVALID_PARAMETER);
-  EXPECT_EQ(free_buffer(&count), NTE_INVALID_PARAMETER);
-  EXPECT_EQ(free_buffer(nullptr), NTE_INVALID_PARAMETER);
+  EXPECT_EQ(freeBuffer(algorithms), NTE_INVALID_PARAMETER);
+  EXPECT_EQ(freeBuffer(&count), NTE_INVALID_PARAMETER);
+  EXPECT_EQ(freeBuffer(nullptr), NTE_INVALID_PARAMETER);
 
   NCryptProviderName* providers = nullptr;
   ASSERT_EQ(ROUTER(NCryptEnumStorageProviders)(&count, &providers, 0), ERROR_SUCCESS);
   ASSERT_EQ(count, 1u);
   EXPECT_STREQ(providers[0].pszName, kName);
   EXPECT_STREQ(providers[0].pszComment, L"For tests");
-  EXPECT_EQ(free_buffer(providers), ERROR_SUCCESS);
-  EXPECT_EQ(free_buffer(providers), NTE_INVALID_PARAMETER);
-  EXPECT_EQ(state_->freed_buffers, 1);
+  EXPECT_EQ(freeBuffer(providers), ERROR_SUCCESS);
+  EXPECT_EQ(freeBuffer(providers), NTE_INVALID_PARAMETER);
+  EXPECT_EQ(state_->freedBuffers, 1);
   ROUTER(NCryptFreeObject)(provider);
 }
 
 TEST_F(RouterTest, EnumeratesKeys) {
   const auto provider = Open();
   const auto other = Open();
-  const auto enum_keys = ROUTER(NCryptEnumKeys);
+  const auto enumKeys = ROUTER(NCryptEnumKeys);
   Forget();
   NCryptKeyName* name = nullptr;
   void* state = nullptr;
   const wchar_t* scope = L"scope";
-  ASSERT_EQ(enum_keys(provider, scope, &name, &state, 5), ERROR_SUCCESS);
+  ASSERT_EQ(enumKeys(provider, scope, &name, &state, 5), ERROR_SUCCESS);
   ExpectCall("EnumKeys", kProviderHandle, 0, {Number(scope), 0, 5});
   ASSERT_NE(name, nullptr);
   ASSERT_NE(state, nullptr);
   NCryptKeyName* const first = name;
-  void* const first_state = state;
-  ASSERT_EQ(enum_keys(provider, nullptr, &name, &state, 0), ERROR_SUCCESS);
-  ExpectCall("EnumKeys", kProviderHandle, 0, {0, Number(first_state), 0});
+  void* const firstState = state;
+  ASSERT_EQ(enumKeys(provider, nullptr, &name, &state, 0), ERROR_SUCCESS);
+  ExpectCall("EnumKeys", kProviderHandle, 0, {0, Number(firstState), 0});
   EXPECT_NE(name, first);
 
   // The end leaves the last name alone.
   NCryptKeyName* const second = name;
   state_->status = NTE_NO_MORE_ITEMS;
-  EXPECT_EQ(enum_keys(provider, nullptr, &name, &state, 0), NTE_NO_MORE_ITEMS);
+  EXPECT_EQ(enumKeys(provider, nullptr, &name, &state, 0), NTE_NO_MORE_ITEMS);
   EXPECT_EQ(name, second);
-  EXPECT_EQ(state, first_state);
+  EXPECT_EQ(state, firstState);
   state_->status = ERROR_SUCCESS;
 
   int number = 0;
   void* foreign = &number;
   Forget();
-  EXPECT_EQ(enum_keys(provider, nullptr, &name, &foreign, 0), NTE_INVALID_PARAMETER);
-  EXPECT_EQ(state_->call_count, 0);
+  EXPECT_EQ(enumKeys(provider, nullptr, &name, &foreign, 0), NTE_INVALID_PARAMETER);
+  EXPECT_EQ(state_->callCount, 0);
 
   EXPECT_EQ(ROUTER(NCryptFreeBuffer)(first), ERROR_SUCCESS);
   EXPECT_EQ(ROUTER(NCryptFreeBuffer)(second), ERROR_SUCCESS);
   EXPECT_EQ(ROUTER(NCryptFreeBuffer)(state), ERROR_SUCCESS);
-  EXPECT_EQ(state_->freed_buffers, 3);
-  EXPECT_EQ(enum_keys(provider, nullptr, &name, &state, 0), NTE_INVALID_PARAMETER);
+  EXPECT_EQ(state_->freedBuffers, 3);
+  EXPECT_EQ(enumKeys(provider, nullptr, &name, &state, 0), NTE_INVALID_PARAMETER);
   ROUTER(NCryptFreeObject)(provider);
   ROUTER(NCryptFreeObject)(other);
 }
@@ -601,8 +656,8 @@ TEST_F(RouterTest, TakesCallsFromManyThreads) {
     thread.join();
   for (const int failed : failures)
     EXPECT_EQ(failed, 0);
-  EXPECT_EQ(state_->open_providers, 0);
-  EXPECT_EQ(state_->freed_buffers, kThreads * kRounds);
+  EXPECT_EQ(state_->openProviders, 0);
+  EXPECT_EQ(state_->freedBuffers, kThreads * kRounds);
 }
 
 }  // namespace

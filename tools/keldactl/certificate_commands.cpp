@@ -19,7 +19,7 @@ void StoreCertificate(const Key& key, const std::wstring& path) {
   }
   Bytes der = certificate.Der();
   Check(NCryptSetProperty(key.handle.get(), NCRYPT_CERTIFICATE_PROPERTY, der.data(), static_cast<DWORD>(der.size()), 0),
-        L"Storing the certificate");
+        L"Storing the certificate beside the key " + TitleOf(key));
   Say(L"Stored the certificate of " + Quoted(certificate.Subject()) + L" (issued by " + Quoted(certificate.Issuer()) +
       L") beside the key " + TitleOf(key) + L".");
 }

@@ -67,7 +67,7 @@ ExitStatus Encrypt(const CipherOptions& options) {
   const Key key = provider.Open(options.key);
   RefuseTooLong(key, options.in, plain.bytes.size());
   Bytes cipher;
-  Run(NCryptEncrypt, key, plain.bytes, &cipher, L"Encrypting " + InName(options.in));
+  Run(NCryptEncrypt, key, plain.bytes, &cipher, L"Encrypting " + InName(options.in) + L" for the key " + TitleOf(key));
   WriteWholeFile(options.out, cipher);
   SayUnlessPiped(options.out, L"Encrypted " + InName(options.in) + L" for the key " + TitleOf(key) + L": " +
                                   std::to_wstring(cipher.size()) + L" bytes in " + OutName(options.out) + L".");
@@ -79,7 +79,7 @@ ExitStatus Decrypt(const CipherOptions& options) {
   const Provider provider(options.key.provider);
   const Key key = provider.Open(options.key);
   WipedBytes plain;
-  Run(NCryptDecrypt, key, cipher, &plain.bytes, L"Decrypting " + InName(options.in));
+  Run(NCryptDecrypt, key, cipher, &plain.bytes, L"Decrypting " + InName(options.in) + L" with the key " + TitleOf(key));
   WriteWholeFile(options.out, plain.bytes);
   SayUnlessPiped(options.out, L"Decrypted " + InName(options.in) + L" with the key " + TitleOf(key) + L": " +
                                   std::to_wstring(plain.bytes.size()) + L" bytes in " + OutName(options.out) + L".");

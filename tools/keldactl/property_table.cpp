@@ -3,6 +3,7 @@
 #include "output.h"
 #include "status.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace keldactl {
@@ -31,7 +32,8 @@ std::wstring FlagsInWords(DWORD flags, const std::vector<FlagName>& names, const
 std::wstring TextOfProperty(const Bytes& value) {
   std::wstring text(value.size() / sizeof(wchar_t), L'\0');
   std::memcpy(text.data(), value.data(), text.size() * sizeof(wchar_t));
-  return text.c_str();
+  text.erase(std::min(text.find(L'\0'), text.size()));
+  return text;
 }
 
 void PropertyTable::Add(const wchar_t* title, const char* member, const wchar_t* property,

@@ -98,7 +98,7 @@ ExitStatus Verify(const VerifyOptions& options) {
                       DescribeStatus(status),
                   ExitStatus::kWrongSignature);
   }
-  Check(status, L"Verifying the signature of " + InName(options.file));
+  Check(status, L"Verifying the signature of " + InName(options.file) + L" with the key " + TitleOf(key));
   Say(L"The signature of " + InName(options.file) + L" (" + algorithm.title + L") by the key " + TitleOf(key) +
       L" is good");
   return ExitStatus::kDone;

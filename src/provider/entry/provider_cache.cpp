@@ -34,23 +34,21 @@ void ClearProviderCache() noexcept {
 }
 
 bool ReadProviderCache(wchar_t* reader, std::size_t cchReader) noexcept {
-  if (g_ProviderCache == nullptr || g_ProviderCache->set.load(std::memory_order_acquire) == 0) return false;
-  wchar_t name[kReaderNameSize];
-  for (std::size_t i = 0; i < kReaderNameSize; ++i)
-    name[i] = g_ProviderCache->reader[i].load(std::memory_order_relaxed);
-  name[kReaderNameSize - 1] = L'\0';
-  BoundedCopy(reader, cchReader, name);
-  return true;
+  ProviderCache* cache = g_ProviderCache;
+  if (cache == nullptr) return false;
+  AcquireSRWLockShared(&cache->copying);
+  const bool set = cache->set.load(std::memory_order_relaxed) != 0;
+  if (set) BoundedCopy(reader, cchReader, cache->reader);
+  ReleaseSRWLockShared(&cache->copying);
+  return set;
 }
 
 void UpdateProviderCache(KELDAKSP_PROVIDER* provider) noexcept {
-  if (SwitchedOff() || g_ProviderCache == nullptr) return;
-  g_ProviderCache->provider.store(provider, std::memory_order_relaxed);
-  bool ended = false;
-  for (std::size_t i = 0; i < kReaderNameSize; ++i) {
-    const wchar_t c = ended ? L'\0' : provider->pszReader[i];
-    ended = c == L'\0';
-    g_ProviderCache->reader[i].store(c, std::memory_order_relaxed);
-  }
-  g_ProviderCache->set.store(1, std::memory_order_release);
+  ProviderCache* cache = g_ProviderCache;
+  if (SwitchedOff() || cache == nullptr) return;
+  AcquireSRWLockExclusive(&cache->copying);
+  cache->provider = provider;
+  BoundedCopy(cache->reader, kReaderNameSize, provider->pszReader);
+  cache->set.store(1, std::memory_order_relaxed);
+  ReleaseSRWLockExclusive(&cache->copying);
 }

@@ -6,12 +6,14 @@
 
 #include "provider/record/provider_record.h"
 
-// One per process, used without a lock. The reader's name is kept here besides the record's address, so that a record
-// freed meanwhile by another thread is never read.
+// One per process. The reader's name is kept here besides the record's address, so that a record freed meanwhile by
+// another thread is never read; the lock is held for the copy only, so that opens on two readers do not mix the names.
+// The flag is lowered without it.
 struct ProviderCache {
   std::atomic<std::uint32_t> set{0};
-  std::atomic<KELDAKSP_PROVIDER*> provider{nullptr};
-  std::atomic<wchar_t> reader[kReaderNameSize] = {};
+  KELDAKSP_PROVIDER* provider = nullptr;
+  wchar_t reader[kReaderNameSize] = {};
+  SRWLOCK copying = SRWLOCK_INIT;
 };
 
 // Null when there was no memory for the object at load.

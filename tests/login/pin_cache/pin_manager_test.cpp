@@ -203,7 +203,7 @@ TEST_F(PinManagerTest, ALookupWithoutMemoryForTheCopySaysSo) {
   DWORD length = 4;
   TakeLines();
   {
-    const FailedAllocation failed(3);  // the two lines with a value need memory before
+    const FailedAllocation failed(1);
     EXPECT_EQ(manager_.GetPin(SerialOf(1).data(), pin, &length), NTE_NO_MEMORY);
   }
   EXPECT_EQ(length, 4u);
