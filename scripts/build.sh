@@ -6,7 +6,7 @@ source "$(dirname "$0")/lib.sh"
 
 targets=()
 if [[ ${1-} == --without-tests ]]; then
-  targets=(keldaksp keldactl standin_bcrypt standin_router standin_winscard)
+  targets=(keldaksp keldactl installer_actions standin_bcrypt standin_router standin_winscard)
   shift
 fi
 (($#)) || set -- x64 x86

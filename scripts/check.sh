@@ -63,8 +63,8 @@ in_parallel() { xargs -P "$(nproc)" -d '\n' -I{} sh -c 'cd "$0" && {}' "$ROOT"; 
 
 # The tests are compiled for x64 only: what the widths differ in is in the other folders.
 clang_compiles() {
-  local folders='(src|tools|standins)'
-  [[ $1 == x86 ]] || folders='(src|tools|standins|tests)'
+  local folders='(src|tools|standins|installer)'
+  [[ $1 == x86 ]] || folders='(src|tools|standins|installer|tests)'
   commands "$1" "^$ROOT/$folders/" | in_parallel
 }
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# prepare.sh [build] [run] [x86] [check] [coverage] [fuzz] [bench]: installs what a fresh Debian 12 lacks for these purposes (without arguments:
-# build, run and x86). Quick when nothing is missing; can be run again at any time.
+# prepare.sh [build] [run] [x86] [check] [coverage] [fuzz] [bench] [package]: installs what a fresh Debian 12 lacks for these
+# purposes (without arguments: build, run and x86). Quick when nothing is missing; can be run again at any time.
 # shellcheck source=scripts/lib.sh
 source "$(dirname "$0")/lib.sh"
 
@@ -48,7 +48,8 @@ for purpose in "$@"; do
     coverage) need_packages gcovr python3 ;;
     bench) need_packages gnuplot-nox python3 ;;
     fuzz) need_packages clang libclang-rt-14-dev ;; # libFuzzer and the sanitizers' runtime are only recommended by clang
-    *) die "unknown purpose $purpose; known are: build run x86 check coverage fuzz bench" ;;
+    package) need_packages wixl msitools osslsigncode libengine-pkcs11-openssl git python3 ;;
+    *) die "unknown purpose $purpose; known are: build run x86 check coverage fuzz bench package" ;;
   esac
 done
 note "prepared for: $*"

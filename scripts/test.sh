@@ -92,6 +92,7 @@ run_tests() {
 purposes=(build run)
 [[ ! -v wanted[x86] ]] || purposes+=(x86)
 [[ ! -v wanted[check] ]] || purposes+=(check)
+[[ ! -v wanted[e2e] ]] || purposes+=(package)
 step "Preparing the machine"
 "$ROOT/scripts/prepare.sh" "${purposes[@]}"
 
@@ -107,6 +108,11 @@ for what in "${builds[@]+"${builds[@]}"}"; do
     [[ $what != x64 ]] || unset "wanted[e2e]" "wanted[check]"
   fi
 done
+
+# The packages hold the products of both widths.
+if [[ $build && -v wanted[e2e] && ! -v wanted[x86] ]] && ! "$ROOT/scripts/build.sh" --without-tests x86; then
+  failures+=("the products of the x86 build failed")
+fi
 
 rm -rf "$results" "$BUILD"/{native,x64,x86}/test-results
 mkdir -p "$results"
