@@ -95,7 +95,8 @@ if(KELDA_ARCH STREQUAL x64)
     check
     KIND check
     SCRIPT scripts/check.sh
-    CONFIGURATION check)
+    CONFIGURATION check
+    TIMEOUT 2700)
 endif()
 
 # A program called *_tests that is made in another way would be run by nobody.

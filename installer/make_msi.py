@@ -31,6 +31,9 @@ CLIENT = "CLIENT=[INSTALLDIR]keldactl.exe"
 SETTINGS = CLIENT + "|PINCACHE=[PINCACHE]|PROVIDERCACHE=[PROVIDERCACHE]|KEYLENGTH=[KEYLENGTH]|LOGFILE=[LOGFILE]"
 
 LAYING_DOWN = 'NOT (REMOVE~="ALL")'
+# Anybody may ask for a repair, and with any properties: it makes no settings, and takes place where the product is.
+FIRST = "NOT Installed"
+KEPT_PLACE = "PREVIOUSDIR AND (Installed OR NOT INSTALLDIR)"
 # The version that comes after an upgrade finds everything as it is.
 TAKING_AWAY = 'REMOVE~="ALL" AND NOT UPGRADINGPRODUCTCODE'
 
@@ -43,7 +46,7 @@ ACTIONS = [
     ("RestoreRegistration", ROLLBACK | GO_ON, "RestoreRegistration", CLIENT, 6010, LAYING_DOWN),
     ("SaveRegistration", DEFERRED, "SaveRegistration", "", 6020, LAYING_DOWN),
     ("RegisterProvider", DEFERRED, "RegisterProvider", CLIENT, 6030, LAYING_DOWN),
-    ("ApplySettings", DEFERRED, "ApplySettings", SETTINGS, 6040, LAYING_DOWN),
+    ("ApplySettings", DEFERRED, "ApplySettings", SETTINGS, 6040, FIRST),
     ("CheckTokenModule", DEFERRED | GO_ON, "CheckTokenModule", CLIENT, 6050, LAYING_DOWN),
     ("ForgetSavedRegistration", COMMIT | GO_ON, "ForgetSavedRegistration", "", 6060, ""),
 ]
@@ -87,7 +90,7 @@ def sequence():
     rows = [(name, condition, place) for name, _, _, _, place, condition in ACTIONS]
     # What an action is to be told is fixed just before it.
     rows += [("Tell" + name, condition, place - 5) for name, _, _, data, place, condition in ACTIONS if data]
-    rows.append(("KeepPlace", "PREVIOUSDIR AND NOT INSTALLDIR", 410))
+    rows.append(("KeepPlace", KEPT_PLACE, 410))
     rows.append(("TellPlace", "", 1010))
     return rows
 
@@ -111,7 +114,7 @@ STANDARD_SEQUENCE = [
     ("InstallFinalize", "", 6600)
 ]
 USER_INTERFACE_SEQUENCE = [
-    ("FindRelatedProducts", "", 25), ("AppSearch", "", 50), ("LaunchConditions", "", 100), ("KeepPlace", "PREVIOUSDIR AND NOT INSTALLDIR", 410),
+    ("FindRelatedProducts", "", 25), ("AppSearch", "", 50), ("LaunchConditions", "", 100), ("KeepPlace", KEPT_PLACE, 410),
     ("ValidateProductID", "", 700), ("CostInitialize", "", 800), ("FileCost", "", 900), ("CostFinalize", "", 1000),
     ("ExecuteAction", "", 1300)
 ]

@@ -55,7 +55,8 @@ ActionWords ParseActionData(const std::wstring& data) {
   for (std::size_t begin = 0; begin < data.size();) {
     const std::size_t end = std::min(data.find(L'|', begin), data.size());
     const std::size_t sign = data.find(L'=', begin);
-    if (sign < end) words[data.substr(begin, sign - begin)] = data.substr(sign + 1, end - sign - 1);
+    // The first of a name counts: what a caller's text brings along behind it changes nothing that was told before.
+    if (sign < end) words.emplace(data.substr(begin, sign - begin), data.substr(sign + 1, end - sign - 1));
     begin = end + 1;
   }
   return words;

@@ -9,13 +9,14 @@
 
 namespace {
 
+using Operation = decltype(&Encrypt);
+
 // What tells the two apart.
 struct Direction {
   EntryLines lines;
-  SECURITY_STATUS(*run)
-  (const RSAPair& pair, const unsigned char* pbInput, DWORD cbInput, unsigned char* pbOutput, DWORD* pcbOutput);
-  void (*useKey)(RSAPair& pair, const KELDAKSP_KEY& key) noexcept;
-  void (*logFailure)(SECURITY_STATUS status) noexcept;
+  Operation run = nullptr;
+  void (*useKey)(RSAPair& pair, const KELDAKSP_KEY& key) noexcept = nullptr;
+  void (*logFailure)(SECURITY_STATUS status) noexcept = nullptr;
 };
 
 constexpr Direction kEncryption = {

@@ -16,13 +16,17 @@ constexpr char kDigits[] = "0123456789ABCDEF";
 constexpr char kNoData[] = "NULL";
 constexpr std::size_t kCharactersPerByte = 3;
 
-// The text of each byte, and a terminator that the next one takes the place of: dumps are most of what the log writes.
-constexpr auto kByteTexts = [] {
-  std::array<std::array<char, kCharactersPerByte + 1>, 256> texts = {};
-  for (std::size_t byte = 0; byte < texts.size(); ++byte)
-    texts[byte] = {kDigits[byte >> 4], kDigits[byte & 0x0F], ' ', '\0'};
+using ByteTexts = std::array<std::array<char, kCharactersPerByte + 1>, 256>;
+
+constexpr ByteTexts MakeByteTexts() noexcept {
+  ByteTexts texts = {};
+  for (std::size_t value = 0; value < texts.size(); ++value)
+    texts[value] = {kDigits[value >> 4], kDigits[value & 0x0F], ' ', '\0'};
   return texts;
-}();
+}
+
+// The text of each byte, and a terminator that the next one takes the place of: dumps are most of what the log writes.
+constexpr ByteTexts kByteTexts = MakeByteTexts();
 
 }  // namespace
 

@@ -34,6 +34,8 @@ bool CryptokiModule::Load() noexcept {
     return false;
   }
   log_->WriteLine("PKCS#11 library initialized successfully");
+  // Only now: a module may put its entries in place while it is initialised.
+  CompleteFunctionList();
   return true;
 }
 
@@ -54,13 +56,16 @@ bool CryptokiModule::LoadFunctionList() noexcept {
     return false;
   }
   functionList_ = reinterpret_cast<TokenFunctionList*>(list);
-  if (HasMissingFunctions(*functionList_)) {
-    completed_ = *functionList_;
-    FillMissingFunctions(completed_);
-    functionList_ = &completed_;
-  }
+  if (Functions().C_Initialize == nullptr) CompleteFunctionList();
   log_->WriteLine("Load Function List success");
   return true;
+}
+
+void CryptokiModule::CompleteFunctionList() noexcept {
+  if (!HasMissingFunctions(*functionList_)) return;
+  completed_ = *functionList_;
+  FillMissingFunctions(completed_);
+  functionList_ = &completed_;
 }
 
 CK_RV CryptokiModule::Login(CK_SESSION_HANDLE session, const unsigned char* pin, CK_ULONG pinLength) const {

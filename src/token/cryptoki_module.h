@@ -29,6 +29,8 @@ class CryptokiModule {
 
  private:
   bool LoadFunctionList() noexcept;
+  // Takes a copy of the module's list and fills its gaps, when it has any.
+  void CompleteFunctionList() noexcept;
   bool Load() noexcept;
 
   HMODULE module_ = nullptr;

@@ -59,6 +59,7 @@ class GrowingList {
   bool Append(const KELDAKSP_KEY& key) noexcept {
     const std::size_t count = provider_->cKeyObjects;
     if (count == room_ && !Grow(count + following_) && !Grow(count + 1)) return false;
+    // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): without an array there is no room either
     KELDAKSP_KEY& entry = provider_->pKeyObjects[count];
     entry = key;
     ClearList(&entry.PropertyList);

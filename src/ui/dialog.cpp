@@ -30,6 +30,7 @@ INT_PTR CDialog::DoModal() {
   // A window that no longer exists is no owner.
   const HWND owner = IsWindow(parent_) ? parent_ : nullptr;
   initialised_ = false;
+  ended_ = false;
   g_Dialogs.Add(entry_, nullptr);
   const INT_PTR result =
       DialogBoxParamW(g_hModule, MAKEINTRESOURCEW(templateId_), owner, &Procedure, reinterpret_cast<LPARAM>(this));
@@ -94,11 +95,14 @@ INT_PTR CALLBACK CDialog::Procedure(HWND window, UINT message, WPARAM wParam, LP
 
 INT_PTR CDialog::OnMessage(UINT message, WPARAM wParam, LPARAM lParam) {
   switch (message) {
-    case WM_INITDIALOG:
+    case WM_INITDIALOG: {
       initialised_ = true;
-      // The program that asks may have been in the background all the time.
-      SetForegroundWindow(handle_);
-      return OnInitDialog() ? TRUE : FALSE;
+      const bool focus = OnInitDialog();
+      // The program that asks may have been in the background all the time. A dialog that has just ended itself takes
+      // the keyboard from nobody.
+      if (!ended_) SetForegroundWindow(handle_);
+      return focus ? TRUE : FALSE;
+    }
     case WM_COMMAND: {
       const int id = LOWORD(wParam);
       const UINT code = HIWORD(wParam);

@@ -39,7 +39,10 @@ class CDialog : public CWnd {
   void Fail(std::exception_ptr failure) noexcept;
 
  protected:
-  void EndDialog(INT_PTR result) noexcept { ::EndDialog(handle_, result); }
+  void EndDialog(INT_PTR result) noexcept {
+    ended_ = true;
+    ::EndDialog(handle_, result);
+  }
   // Runs the data exchange: save is true from the controls to the members.
   void UpdateData(bool save);
 
@@ -60,6 +63,7 @@ class CDialog : public CWnd {
   WORD templateId_;
   HWND parent_;
   bool initialised_ = false;
+  bool ended_ = false;
   WindowList<CDialog>::Entry entry_{this};
   std::exception_ptr failure_;
 };

@@ -25,9 +25,11 @@ void CWnd::Subclass(HWND control, CDialog* dialog) noexcept {
 }
 
 void CWnd::Unsubclass() noexcept {
-  if (handle_ == nullptr || previous_ == nullptr) return;
-  SetWindowLongPtrW(handle_, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(previous_));
+  if (handle_ == nullptr) return;
+  // Also where the messages could not be taken: nothing may find an object that is gone.
   g_Controls.Remove(entry_);
+  if (previous_ == nullptr) return;
+  SetWindowLongPtrW(handle_, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(previous_));
   previous_ = nullptr;
   handle_ = nullptr;
 }

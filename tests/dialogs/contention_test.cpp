@@ -95,6 +95,24 @@ TEST_F(ContentionTest, TheSecondUncachedLoginIsCancelledWhileTheFirstAsks) {
   EXPECT_EQ(SignOther(), 0);
 }
 
+// It would take the keyboard from the dialog that the user types into.
+TEST_F(ContentionTest, TheCancelledDialogDoesNotAskForTheForeground) {
+  std::atomic<int> raised = 0;
+  const Hook<"SetForegroundWindow", decltype(&SetForegroundWindow)> hook([&](auto original, HWND window) {
+    ++raised;
+    return original(window);
+  });
+  EXPECT_EQ(SignWith([&](Dialog& dialog) {
+              raised = 0;
+              std::thread worker([&] { EXPECT_EQ(SignOther(), kCancelledByUser); });
+              worker.join();
+              dialog.Type(kPinField, L"1234");
+              dialog.PressOk();
+            }),
+            0);
+  EXPECT_EQ(raised, 0);
+}
+
 TEST_F(ContentionTest, AnOpenDialogDoesNotHoldUpCachedLogins) {
   fake::Slot& another = AddToken("Reader 1");
   another.pin = "77";

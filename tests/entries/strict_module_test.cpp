@@ -105,6 +105,24 @@ TEST_F(IncompleteModuleTest, MissingEntryIsAFailureWhenItIsUsed) {
   EXPECT_TRUE(Logged("C_GetSlotInfo"));
 }
 
+TEST_F(IncompleteModuleTest, EntriesMayBePutInPlaceByTheInitialisation) {
+  ASSERT_TRUE(LoadWith([](fake::FunctionList& list) {
+    static decltype(list.standard.C_GetSlotList) kept;
+    static fake::FunctionList* module;
+    kept = list.standard.C_GetSlotList;
+    module = &list;
+    list.standard.C_GetSlotList = nullptr;
+    list.standard.C_Initialize = [](void*) -> CK_RV {
+      module->standard.C_GetSlotList = kept;
+      return CKR_OK;
+    };
+  }));
+  AddReader();
+  const NCRYPT_PROV_HANDLE provider = OpenProvider();
+  EXPECT_NE(provider, 0u);
+  ksp().FreeProvider(provider);
+}
+
 TEST_F(IncompleteModuleTest, TheOtherEntriesGoOnWorking) {
   ASSERT_TRUE(LoadWith([](fake::FunctionList& list) { list.standard.C_DestroyObject = nullptr; }));
   AddReader();

@@ -103,7 +103,7 @@ std::wstring LineOf(const LogRecord& record) {
     case LogRecord::Kind::kLoad:
       return L"---- a program loaded the provider: " + Printable(FromLog(record.title));
     case LogRecord::Kind::kCall:
-      return Padded(FromLog(record.title), kEntryWidth) + Padded(Printable(FromLog(record.key)), kKeyWidth) +
+      return Padded(Printable(FromLog(record.title)), kEntryWidth) + Padded(Printable(FromLog(record.key)), kKeyWidth) +
              Outcome(record);
     default:
       return L"---- outside of any call";

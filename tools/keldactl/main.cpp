@@ -2,6 +2,7 @@
 
 #include "commands.h"
 #include "output.h"
+#include "platform.h"
 #include "unicode.h"
 
 #include <string>
@@ -32,6 +33,8 @@ int Run(int argc, wchar_t** argv) {
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
+  // A DLL that lies in the folder where somebody happens to stand is nobody's that is meant.
+  SetDllDirectoryW(L"");
   try {
     return Run(argc, argv);
   } catch (const std::bad_alloc&) {

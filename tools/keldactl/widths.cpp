@@ -52,9 +52,10 @@ std::wstring ProgramFolder() {
 
 std::optional<std::wstring> DeliveredFile(const Width& width, const std::wstring& name) {
   const std::wstring folder = ProgramFolder();
-  const std::vector<std::wstring> places =
-      width.own ? std::vector<std::wstring>{folder}
-                : std::vector<std::wstring>{folder + L"\\" + width.name, folder + L"\\..\\" + width.name};
+  std::vector<std::wstring> places = {width.own ? folder : folder + L"\\" + width.name};
+  // Side by side only where both folders are named for it: what lies in any other folder's parent is anybody's.
+  const std::wstring own = std::wstring(width.name) == L"x86" ? L"x64" : L"x86";
+  if (!width.own && folder.ends_with(L"\\" + own)) places.push_back(folder + L"\\..\\" + width.name);
   for (const std::wstring& place : places) {
     wchar_t path[MAX_PATH];
     const DWORD length = GetFullPathNameW((place + L"\\" + name).c_str(), MAX_PATH, path, nullptr);

@@ -62,10 +62,8 @@ SECURITY_STATUS Sign(const RSAPair& pair, const unsigned char* pbHash, DWORD cbH
   unsigned char* data = buffer.Release();
 
   CK_MECHANISM mechanism = RsaPkcs();
-  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks)
-  if (Token(pair).C_SignInit(pair.GetSessionHandle(), &mechanism, pair.PrivateKeyHandle()) != CKR_OK) {
-    return NTE_INTERNAL_ERROR;
-  }
+  const CK_RV init = Token(pair).C_SignInit(pair.GetSessionHandle(), &mechanism, pair.PrivateKeyHandle());
+  if (init != CKR_OK) return NTE_INTERNAL_ERROR;  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
   return StatusOfResult(Token(pair).C_Sign(pair.GetSessionHandle(), data, cbData, pbSignature, pcbSignature));
 }
 
