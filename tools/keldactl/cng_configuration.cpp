@@ -47,6 +47,7 @@ class BcryptBuffer {
 // The platform's structures are not const although registering only reads them.
 std::vector<PWSTR> Pointers(const std::vector<std::wstring>& texts) {
   std::vector<PWSTR> pointers;
+  pointers.reserve(texts.size());
   for (const std::wstring& text : texts)
     pointers.push_back(const_cast<PWSTR>(text.c_str()));
   return pointers;
