@@ -82,6 +82,7 @@ void LetUsersWrite(const std::wstring& path) {
   const std::unique_ptr<void, LocalDeleter> descriptor_owner(descriptor);
   if (error != ERROR_SUCCESS) throw Failure(operation, static_cast<long>(error));
   EXPLICIT_ACCESSW access = {};
+  // NOLINTNEXTLINE(misc-redundant-expression): the platform's masks share bits
   access.grfAccessPermissions = FILE_GENERIC_READ | FILE_GENERIC_WRITE;
   access.grfAccessMode = GRANT_ACCESS;
   access.grfInheritance = NO_INHERITANCE;

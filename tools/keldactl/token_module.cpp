@@ -55,7 +55,7 @@ class Session {
     std::vector<CK_OBJECT_HANDLE> found;
     CK_ATTRIBUTE wanted = {CKA_CLASS, &object_class, sizeof object_class};
     if (!session_ || functions_.C_FindObjectsInit(session_, &wanted, 1) != CKR_OK) return found;
-    std::array<CK_OBJECT_HANDLE, 16> some;
+    std::array<CK_OBJECT_HANDLE, 16> some = {};
     CK_ULONG count = 0;
     while (functions_.C_FindObjects(session_, some.data(), static_cast<CK_ULONG>(some.size()), &count) == CKR_OK &&
            count > 0 && count <= some.size()) {

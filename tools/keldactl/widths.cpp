@@ -54,11 +54,12 @@ std::optional<std::wstring> DeliveredFile(const Width& width, const std::wstring
   const std::wstring folder = ProgramFolder();
   std::vector<std::wstring> places = {width.own ? folder : folder + L"\\" + width.name};
   // Side by side only where both folders are named for it: what lies in any other folder's parent is anybody's.
-  const std::wstring own = std::wstring(width.name) == L"x86" ? L"x64" : L"x86";
-  if (!width.own && folder.ends_with(L"\\" + own)) places.push_back(folder + L"\\..\\" + width.name);
-  for (const std::wstring& place : places) {
+  const wchar_t* const own = width.name == L"x86" ? L"\\x64" : L"\\x86";
+  if (!width.own && folder.ends_with(own)) places.push_back(folder + L"\\..\\" + width.name);
+  for (std::wstring& place : places) {
     wchar_t path[MAX_PATH];
-    const DWORD length = GetFullPathNameW((place + L"\\" + name).c_str(), MAX_PATH, path, nullptr);
+    place.append(L"\\").append(name);
+    const DWORD length = GetFullPathNameW(place.c_str(), MAX_PATH, path, nullptr);
     if (length > 0 && length < MAX_PATH && FileExists(path)) return path;
   }
   return std::nullopt;

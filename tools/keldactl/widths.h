@@ -12,9 +12,9 @@ namespace keldactl {
 
 struct Width {
   std::wstring name;  // "x64", "x86"
-  Machine machine;
-  bool own;                   // this program's
-  REGSAM view;                // of the registry; 0 where there is only one
+  Machine machine = Machine::kUnknown;
+  bool own = false;           // this program's
+  REGSAM view = 0;            // of the registry; 0 where there is only one
   std::wstring system;        // the system folder, as this program reaches it
   std::wstring system_shown;  // and as users know it
 };
