@@ -13,6 +13,12 @@ for shared in /tmp "$sources" "$build"; do
   mkdir -p "$shared" "$root$shared"
   mount --rbind "$shared" "$root$shared"
 done
+# The names that package installation looks up are found as outside.
+for file in /etc/resolv.conf /etc/hosts; do
+  [[ -e $file ]] || continue
+  [[ -e $root$file ]] || touch "$root$file"
+  mount --bind "$file" "$root$file"
+done
 # Docker hides nothing there, but a root made by debootstrap has only the most basic devices.
 for device in null zero full random urandom tty; do
   [[ -e $root/dev/$device ]] || touch "$root/dev/$device"
