@@ -143,7 +143,7 @@ for words in register "register --copy" unregister "log on" "log off"; do
   on "$arch" "$WINE" "$work/app/without_rights.exe" "$(windows_path "$work/app/keldactl.exe")" $words >said.txt 2>&1 || status=$?
   said=$(cat said.txt)
   expect "\"$words\" without administrator rights" 5 'This needs administrator rights'
-  check "\"$words\" says so in one line" test "$(wc -l <said.txt)" -eq 1
+  check "\"$words\" says so in one line" bash -c '(($(wc -l <said.txt) == 1)) || { cat -A said.txt; exit 1; }'
 done
 configuration after.txt
 check "nothing was written without rights" cmp before.txt after.txt
