@@ -71,7 +71,8 @@ in_i386_root() {
 on() {
   local arch=$1
   shift
-  if [[ $arch == x64 || $(how_to_run_x86) != root ]]; then
+  [[ $arch == x64 || ${X86_WAY-} ]] || X86_WAY=$(how_to_run_x86) # once, as it takes as long as a small program
+  if [[ $arch == x64 || $X86_WAY != root ]]; then
     "$@"
     return
   fi
@@ -119,6 +120,7 @@ select_prefix() {
     export WINEARCH=win64 WINE=wine64
   else
     export WINEARCH=win32 WINE=wine
+    X86_WAY=${X86_WAY:-$(how_to_run_x86)}
   fi
 }
 
