@@ -16,6 +16,7 @@ complete_root() {
   for name in http_proxy https_proxy no_proxy; do
     [[ -v $name ]] && environment+=("$name=${!name}")
   done
+  as_root cp -L /etc/resolv.conf /etc/hosts "$dir/etc/"
   # shellcheck disable=SC2016 # the inner shell's
   in_i386_root "$dir" / 0:0 env -i "${environment[@]}" sh -euc '
     echo "deb $0 bookworm main" >/etc/apt/sources.list
