@@ -1,13 +1,14 @@
-// The PKCS#11 structures as Windows programs lay them out: CK_ULONG has 4 bytes in both widths, structures are packed to 1
-// byte. The native structures of this process (CK_ULONG as wide as a pointer, naturally aligned) are those of pkcs11.h.
+// The PKCS#11 structures as Windows programs lay them out: CK_ULONG has 4 bytes in both widths, structures are packed
+// to 1 byte. The native structures of this process (CK_ULONG as wide as a pointer, naturally aligned) are those of
+// pkcs11.h.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
-// Entry points are called by Windows code: its calling convention, whatever the compiler's own is. 32-bit Windows code keeps
-// the stack aligned to 4 bytes only, Linux code counts on 16.
+// Entry points are called by Windows code: its calling convention, whatever the compiler's own is. 32-bit Windows code
+// keeps the stack aligned to 4 bytes only, Linux code counts on 16.
 #ifdef __x86_64__
 #define KELDA_WINDOWS_CALL __attribute__((ms_abi))
 #else
