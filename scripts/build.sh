@@ -6,7 +6,7 @@ source "$(dirname "$0")/lib.sh"
 
 targets=()
 if [[ ${1-} == --without-tests ]]; then
-  targets=(keldaksp keldactl installer_actions standin_bcrypt standin_router standin_winscard)
+  targets=(keldaksp keldactl installer_actions standin_bcrypt standin_router standin_winscard standin_softtoken)
   shift
 fi
 (($#)) || set -- x64 x86
@@ -24,7 +24,5 @@ for what in "$@"; do
     cat "$BUILD/$what.configure.log" >&2
     die "the $what build could not be configured"
   }
-  wanted=("${targets[@]}")
-  [[ ! ${targets[*]} || $what != x64 ]] || wanted+=(standin_softtoken)
-  cmake --build "$BUILD/$what" -j "${KELDA_JOBS:-$(nproc)}" ${wanted:+--target "${wanted[@]}"} || die "the $what build failed"
+  cmake --build "$BUILD/$what" -j "${KELDA_JOBS:-$(nproc)}" ${targets:+--target "${targets[@]}"} || die "the $what build failed"
 done

@@ -9,14 +9,12 @@ shift 5
 mount --make-rprivate /
 # A fresh proc is refused in some containers; the outer one serves as well.
 mount -t proc proc "$root/proc" 2>/dev/null || mount --rbind /proc "$root/proc"
-for shared in /tmp "$sources" "$build"; do
-  mkdir -p "$shared" "$root$shared"
-  mount --rbind "$shared" "$root$shared"
-done
-# Docker hides nothing there, but a root made by debootstrap has only the most basic devices.
-for device in null zero full random urandom tty; do
-  [[ -e $root/dev/$device ]] || touch "$root/dev/$device"
-  mount --bind "/dev/$device" "$root/dev/$device"
+mount --rbind /dev "$root/dev"
+shared=(/tmp "$sources")
+[[ $build == "$sources"/* ]] || shared+=("$build")
+for path in "${shared[@]}"; do
+  [[ -d $path && -d $root$path ]] || mkdir -p "$path" "$root$path"
+  mount --rbind "$path" "$root$path"
 done
 # shellcheck disable=SC2016 # expanded by the inner shell
 exec chroot --userspec="$user" "$root" /bin/sh -c 'cd "$0" && exec "$@"' "$folder" "$@"

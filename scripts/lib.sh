@@ -13,7 +13,8 @@ esac
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # Everything that is built or made while running goes here.
 BUILD=$(realpath -m "${KELDA_BUILD:-$ROOT/build}")
-# The private i386 root for 32-bit Wine is large and the same for every checkout, so it outlives a build folder.
+# The private i386 root for 32-bit Wine and what it needs is large and the same for every checkout, so it outlives a build
+# folder.
 I386_ROOT=${KELDA_I386_ROOT:-${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/keldaksp/i386-bookworm}
 
 step() { printf '\n== %s\n' "$*"; }
@@ -49,33 +50,49 @@ need_packages() {
 
 # ---- 32-bit programs -------------------------------------------------------------------------------------------------
 
-# how_to_run_x86: prints "host" (wine32 of this machine), "root" (the private i386 root) or nothing (not prepared).
+# how_to_run_x86: prints "root" (the private i386 root), "host" (wine32 of this machine) or nothing (not prepared).
 how_to_run_x86() {
-  if [[ -x /usr/lib/wine/wine && -x /usr/lib/i386-linux-gnu/wine/i386-unix/ntdll.so ]]; then
-    echo host
-  elif [[ -x $I386_ROOT/usr/lib/wine/wine ]] && can_mount; then
+  if [[ -x $I386_ROOT/usr/lib/wine/wine ]] && can_mount; then
     echo root
+  elif [[ -x /usr/lib/wine/wine && -x /usr/lib/i386-linux-gnu/wine/i386-unix/ntdll.so ]]; then
+    echo host
   fi
 }
 
 # A mount namespace of one's own: nothing that is mounted there outlives the command.
 can_mount() { as_root unshare -m true 2>/dev/null; }
 
+# in_i386_root DIR FOLDER USER:GROUP COMMAND...: runs COMMAND inside the i386 root DIR, in FOLDER.
+in_i386_root() {
+  as_root unshare -m "$ROOT/scripts/in-i386-root.sh" "$1" "$ROOT" "$BUILD" "${@:2}"
+}
+
 # on ARCH COMMAND...: runs COMMAND where the Wine of that width is, in the current folder and environment.
 on() {
   local arch=$1
   shift
-  if [[ $arch == x64 || $(how_to_run_x86) == host ]]; then
+  [[ $arch == x64 || ${X86_WAY-} ]] || X86_WAY=$(how_to_run_x86) # once, as it takes as long as a small program
+  if [[ $arch == x64 || $X86_WAY != root ]]; then
     "$@"
     return
   fi
   local pass=() name
-  for name in DISPLAY HOME PATH WINEDEBUG WINEPREFIX WINEARCH WINEDLLOVERRIDES WINEPATH WINEDLLPATH LANG "${!KELDA_@}" \
-    "${!GTEST_@}"; do
+  for name in DISPLAY HOME PATH WINEDEBUG WINEPREFIX WINEARCH WINEDLLOVERRIDES WINEPATH WINEDLLPATH LANG SOFTHSM2_CONF \
+    "${!KELDA_@}" "${!GTEST_@}"; do
     [[ -v $name ]] && pass+=("$name=${!name}")
   done
-  as_root unshare -m "$ROOT/scripts/in-i386-root.sh" "$I386_ROOT" "$ROOT" "$BUILD" "$PWD" "$(id -u):$(id -g)" \
-    env -i "${pass[@]}" "$@"
+  in_i386_root "$I386_ROOT" "$PWD" "$(id -u):$(id -g)" env -i "${pass[@]}" "$@"
+}
+
+# why_no_soft_token ARCH: prints why programs of that width cannot have a soft token here; nothing when they can. The token
+# is Linux code of the programs' own width, and so is SoftHSM.
+why_no_soft_token() {
+  [[ $1 == x86 ]] || return 0
+  if [[ $(how_to_run_x86) != root ]]; then
+    echo "32-bit SoftHSM lies in the private i386 root, which is not there or may not be mounted (scripts/prepare.sh x86)"
+  elif [[ ! -e $I386_ROOT/usr/lib/softhsm/libsofthsm2.so || ! -x $I386_ROOT/usr/bin/g++ ]]; then
+    echo "the private i386 root lacks SoftHSM or a compiler (scripts/prepare.sh x86)"
+  fi
 }
 
 # ---- Wine ------------------------------------------------------------------------------------------------------------
@@ -103,6 +120,7 @@ select_prefix() {
     export WINEARCH=win64 WINE=wine64
   else
     export WINEARCH=win32 WINE=wine
+    X86_WAY=${X86_WAY:-$(how_to_run_x86)}
   fi
 }
 

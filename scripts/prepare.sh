@@ -4,34 +4,84 @@
 # shellcheck source=scripts/lib.sh
 source "$(dirname "$0")/lib.sh"
 
-# The i386 root comes by debootstrap from the mirror that apt uses: Debian's own i386 packages on this machine
-# (wine32:i386) can be installed only while both architectures' package lists are of the same day.
-prepare_x86() {
-  [[ ! $(how_to_run_x86) ]] || return 0
-  if can_mount; then
+# What the private i386 root holds: Wine, SoftHSM, and what compiles the soft token's Linux half for it.
+I386_PACKAGES=(wine32 libsofthsm2 g++ libp11-kit-dev libwine-dev wine32-tools)
+
+# is_complete DIR: the i386 root DIR has all of that. One made before that list grew has it not.
+is_complete() { [[ -f $1/.packages && $(<"$1/.packages") == "${I386_PACKAGES[*]}" ]]; }
+
+# complete_root DIR MIRROR: installs in the i386 root DIR what it lacks. Programs that run there meanwhile are not disturbed.
+complete_root() {
+  local dir=$1 mirror=$2 name environment=(DEBIAN_FRONTEND=noninteractive LC_ALL=C PATH=/usr/sbin:/usr/bin:/sbin:/bin)
+  for name in http_proxy https_proxy no_proxy; do
+    [[ -v $name ]] && environment+=("$name=${!name}")
+  done
+  as_root cp -L /etc/resolv.conf /etc/hosts "$dir/etc/"
+  # shellcheck disable=SC2016 # the inner shell's
+  in_i386_root "$dir" / 0:0 env -i "${environment[@]}" sh -euc '
+    echo "deb $0 bookworm main" >/etc/apt/sources.list
+    dpkg --configure -a
+    apt-get -qq -o APT::Update::Error-Mode=any update
+    apt-get -y -qq --no-install-recommends install "$@"
+    rm -rf /var/cache/apt/archives/*.deb /var/lib/apt/lists/*
+    echo "$*" >/.packages' "$mirror" "${I386_PACKAGES[@]}" </dev/null
+}
+
+# make_root DIR MIRROR: a whole i386 root in DIR, which appears there only when it is complete.
+make_root() {
+  local dir=$1 mirror=$2 part=$1.part
+  mkdir -p "$(dirname "$dir")"
+  as_root rm -rf "$part"
+  if ! as_root debootstrap --variant=minbase --arch=i386 bookworm "$part" "$mirror" || ! complete_root "$part" "$mirror"; then
+    as_root rm -rf "$part"
+    return 1
+  fi
+  as_root rm -rf "$dir"
+  as_root mv "$part" "$dir"
+}
+
+# prepare_root: the private i386 root with everything in it. It comes by debootstrap from the mirror that apt uses: Debian's
+# own i386 packages on this machine (wine32:i386) can be installed only while both architectures' package lists are of the
+# same day, and SoftHSM cannot be installed in both widths.
+prepare_root() {
+  local mirror lock log=$I386_ROOT.log
+  mkdir -p "$(dirname "$I386_ROOT")"
+  # Another checkout may be at the same.
+  exec {lock}>"$I386_ROOT.lock"
+  flock "$lock"
+  if ! is_complete "$I386_ROOT"; then
     need_packages debootstrap debian-archive-keyring util-linux
-    local mirror part=$I386_ROOT.part
     # shellcheck disable=SC2016 # apt's own placeholders
     mirror=$(apt-get indextargets --format '$(REPO_URI) $(CODENAME)' 2>/dev/null | awk '$2 == "bookworm" { m = $1 } END { print m }')
     mirror=${mirror:-http://deb.debian.org/debian}
-    step "Making a private i386 root with 32-bit Wine in $I386_ROOT from $mirror (once; about a minute, 1.1 GB)"
-    mkdir -p "$(dirname "$I386_ROOT")"
-    as_root rm -rf "$part"
-    if as_root debootstrap --variant=minbase --arch=i386 --include=wine32 bookworm "$part" "$mirror" \
-      >"$I386_ROOT.log" 2>&1; then
-      as_root rm -rf "$part"/var/cache/apt/archives/*.deb "$part"/var/lib/apt/lists/*
-      as_root mv "$part" "$I386_ROOT"
-      return 0
+    : >"$log"
+    if [[ -d $I386_ROOT ]]; then
+      step "Adding to the private i386 root in $I386_ROOT (once; a minute or two, 0.5 GB)"
+      complete_root "$I386_ROOT" "$mirror" >>"$log" 2>&1 || note "that failed (all of it: $log); making it anew"
     fi
-    tail -n 3 "$I386_ROOT.log" >&2
-    note "debootstrap failed (all of it: $I386_ROOT.log); trying Debian's wine32 instead"
-    as_root rm -rf "$part"
-  else
-    note "nothing may be mounted here, so a private i386 root is of no use; trying Debian's wine32 instead"
+    if ! is_complete "$I386_ROOT"; then
+      step "Making a private i386 root with 32-bit Wine in $I386_ROOT from $mirror (once; some minutes, 1.3 GB)"
+      make_root "$I386_ROOT" "$mirror" >>"$log" 2>&1 || tail -n 3 "$log" >&2
+    fi
   fi
-  as_root dpkg --add-architecture i386
-  need_packages wine32:i386
+  exec {lock}>&-
+  is_complete "$I386_ROOT"
+}
+
+prepare_x86() {
+  if can_mount; then
+    ! prepare_root || return 0
+    note "the private i386 root could not be made (all of it: $I386_ROOT.log)"
+  else
+    note "nothing may be mounted here, so a private i386 root is of no use"
+  fi
+  if [[ ! $(how_to_run_x86) ]]; then
+    note "trying Debian's wine32 instead"
+    as_root dpkg --add-architecture i386
+    need_packages wine32:i386
+  fi
   [[ $(how_to_run_x86) ]] || die "32-bit programs cannot be run on this machine"
+  note "32-bit programs have no soft token then: $(why_no_soft_token x86)"
 }
 
 (($#)) || set -- build run x86

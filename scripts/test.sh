@@ -90,7 +90,7 @@ run_tests() {
 }
 
 purposes=(build run)
-[[ ! -v wanted[x86] ]] || purposes+=(x86)
+[[ ! -v wanted[x86] && ! -v wanted[e2e] ]] || purposes+=(x86)
 [[ ! -v wanted[check] ]] || purposes+=(check)
 [[ ! -v wanted[e2e] ]] || purposes+=(package)
 step "Preparing the machine"
@@ -99,20 +99,16 @@ step "Preparing the machine"
 builds=()
 [[ ! -v wanted[native] ]] || builds+=(native)
 [[ ! -v wanted[x64] && ! -v wanted[e2e] ]] || builds+=(x64)
-[[ ! -v wanted[x86] ]] || builds+=(x86)
+[[ ! -v wanted[x86] && ! -v wanted[e2e] ]] || builds+=(x86)
 # A build that fails takes its tests with it, and leaves the others.
+declare -A missing=()
 for what in "${builds[@]+"${builds[@]}"}"; do
   if [[ $build ]] && ! "$ROOT/scripts/build.sh" "$what"; then
     failures+=("the $what build failed")
-    unset "wanted[$what]"
-    [[ $what != x64 ]] || unset "wanted[e2e]" "wanted[check]"
+    missing[$what]=1
+    [[ $what != x64 ]] || unset "wanted[check]"
   fi
 done
-
-# The packages hold the products of both widths.
-if [[ $build && -v wanted[e2e] && ! -v wanted[x86] ]] && ! "$ROOT/scripts/build.sh" --without-tests x86; then
-  failures+=("the products of the x86 build failed")
-fi
 
 rm -rf "$results" "$BUILD"/{native,x64,x86}/test-results
 mkdir -p "$results"
@@ -123,21 +119,18 @@ if [[ -v wanted[check] ]]; then
   renice -n 10 -p "${running[check]}" >/dev/null
 fi
 
-if [[ -v wanted[native] ]]; then
+if [[ -v wanted[native] && ! -v missing[native] ]]; then
   step "Pure logic, natively under the sanitizers"
   run_tests native "$BUILD/native" -j "$(nproc)"
 fi
-if [[ -v wanted[x64] || -v wanted[e2e] ]]; then
-  step "Windows programs, x64, and end to end on a soft token"
+for arch in x64 x86; do
+  [[ (-v wanted[$arch] || -v wanted[e2e]) && ! -v missing[$arch] ]] || continue
+  step "Windows programs, $arch, and end to end on a soft token"
   only=()
   [[ -v wanted[e2e] ]] || only=(-LE '^e2e$')
-  [[ -v wanted[x64] ]] || only=(-L '^e2e$')
-  run_tests x64 "$BUILD/x64" -j 2 "${only[@]+"${only[@]}"}"
-fi
-if [[ -v wanted[x86] ]]; then
-  step "Windows programs, x86"
-  run_tests x86 "$BUILD/x86"
-fi
+  [[ -v wanted[$arch] ]] || only=(-L '^e2e$')
+  run_tests "$arch" "$BUILD/$arch" -j 2 "${only[@]+"${only[@]}"}"
+done
 if [[ -v wanted[check] ]]; then
   step "Checks of sources and products"
   await_tests check "$BUILD/x64"

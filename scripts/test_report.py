@@ -2,9 +2,9 @@
 "failed NAME" for each failure to TOTALS.
 
 JUNIT is CTest's word on each test (--output-junit). The cases of a GoogleTest program are counted from its own report in
-BUILD/test-results, those of a script from its lines "PASS: name" and "FAIL: name". A test that ended badly without a failed
-case, and one that has no case, are one failure. What only prepares (desktop.*) or completes a program (*.complete) has no
-cases."""
+BUILD/test-results, those of a script from its lines "PASS: name" and "FAIL: name"; a script that cannot run here says "SKIP:
+reason". A test that ended badly without a failed case, and one that has no case, are one failure. What only prepares (desktop.*)
+or completes a program (*.complete) has no cases."""
 
 import collections
 import pathlib
@@ -32,9 +32,14 @@ def of_program(report):
     return Counts(passed, skipped, failed)
 
 
+def reasons_to_skip(output):
+    """Why a script did not run."""
+    return re.findall(r"^SKIP: (.*)$", output, re.M)
+
+
 def of_script(output):
     """The counts of a script's lines."""
-    return Counts(len(re.findall(r"^PASS: ", output, re.M)), 0, re.findall(r"^FAIL: (.*)$", output, re.M))
+    return Counts(len(re.findall(r"^PASS: ", output, re.M)), len(reasons_to_skip(output)), re.findall(r"^FAIL: (.*)$", output, re.M))
 
 
 def counts_of(test, output, build):
@@ -43,7 +48,7 @@ def counts_of(test, output, build):
     report = build / "test-results" / f"{name}.xml"
     counts = Counts(0, 0, [])
     complaint = None
-    if status != "run":
+    if status != "run" and not reasons_to_skip(output):
         failure = test.find("failure")
         complaint = (failure.get("message") if failure is not None else "") or "ended badly"
     try:
@@ -78,6 +83,8 @@ def main():
         failures += [f"{name} ({build.name}): {case}" for case in counts.failed]
         if counts.failed:
             print(f"\n{name} ({build.name}):\n{said(output)}\n")
+        for reason in reasons_to_skip(output):
+            print(f"   {name} ({build.name}) was skipped: {reason}")
     for group, (passed, skipped, failed, seconds) in groups.items():
         print(f"   {f'{group} ({build.name})':28} {passed:5} passed {failed:4} failed {skipped:4} skipped {seconds:5.0f} s")
     with open(totals, "a", encoding="utf-8") as file:

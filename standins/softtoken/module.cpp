@@ -6,7 +6,6 @@
 #include <array>
 #include <bit>
 #include <cstdlib>
-#include <limits>
 #include <string_view>
 #include <utility>
 
@@ -261,7 +260,7 @@ CK_RV Module::OpenSession(win::Ulong slot, win::Ulong flags, win::Ulong* session
   if (const CK_RV rv = FindToken(slot, &token); rv != CKR_OK) return rv;
   CK_SESSION_HANDLE handle = 0;
   if (const CK_RV rv = softhsm_->C_OpenSession(token.native, flags, nullptr, nullptr, &handle); rv != CKR_OK) return rv;
-  if (handle > std::numeric_limits<win::Ulong>::max()) {
+  if (static_cast<win::Ulong>(handle) != handle) {
     softhsm_->C_CloseSession(handle);
     return CKR_GENERAL_ERROR;
   }

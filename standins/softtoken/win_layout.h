@@ -1,13 +1,19 @@
-// The PKCS#11 structures as Windows programs lay them out: CK_ULONG has 4 bytes, structures are packed to 1 byte.
-// The native structures of this process (8 bytes, naturally aligned) are those of pkcs11.h.
+// The PKCS#11 structures as Windows programs lay them out: CK_ULONG has 4 bytes in both widths, structures are packed
+// to 1 byte. The native structures of this process (CK_ULONG as wide as a pointer, naturally aligned) are those of
+// pkcs11.h.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
-// Entry points are called by Windows code: its calling convention, whatever the compiler's own is.
+// Entry points are called by Windows code: its calling convention, whatever the compiler's own is. 32-bit Windows code
+// keeps the stack aligned to 4 bytes only, Linux code counts on 16.
+#ifdef __x86_64__
 #define KELDA_WINDOWS_CALL __attribute__((ms_abi))
+#else
+#define KELDA_WINDOWS_CALL __attribute__((cdecl, force_align_arg_pointer))
+#endif
 
 namespace win {
 
@@ -91,8 +97,8 @@ static_assert(sizeof(Info) == 72);
 static_assert(sizeof(SlotInfo) == 104);
 static_assert(sizeof(TokenInfo) == 160);
 static_assert(sizeof(SessionInfo) == 16);
-static_assert(sizeof(Attribute) == 16);
-static_assert(sizeof(Mechanism) == 16);
+static_assert(sizeof(Attribute) == 8 + sizeof(void*));
+static_assert(sizeof(Mechanism) == 8 + sizeof(void*));
 
 // Packed structures put numbers at odd addresses, so callers' pointers are only ever copied through.
 template <typename Value>

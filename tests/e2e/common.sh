@@ -8,6 +8,13 @@ trap 'exit 130' INT TERM
 
 export softhsm=/usr/lib/softhsm/libsofthsm2.so
 work= # the folder of the script that sources this
+# The width of the Windows programs: x64 or x86.
+arch=${KELDA_E2E_ARCH:-x64}
+without_token=$(why_no_soft_token "$arch")
+if [[ $without_token ]]; then
+  printf 'SKIP: no soft token for %s: %s\n' "$arch" "$without_token"
+  exit 0
+fi
 
 # How strict the token module is (standins/softtoken/strictness.h), in the words of the results.
 declare -A strictness=([0]=forgiving [1]=strict [all]=unadapted)
@@ -40,7 +47,7 @@ check() {
 driver() {
   local program=$1 filter=$2 log status=0
   log=$work/$(basename "$program" .exe).log
-  timeout -k 10 240 "$WINE" "$program" "--gtest_filter=$filter" >"$log" 2>&1 </dev/null || status=$?
+  on "$arch" timeout -k 10 240 "$WINE" "$program" "--gtest_filter=$filter" >"$log" 2>&1 </dev/null || status=$?
   tr -d '\r' <"$log" | sed -n \
     -e "s/^\[       OK \] \([^ ]*\) .*/PASS: \1 ($mode)/p" \
     -e "s/^\[  FAILED  \] \([^ ,]*\).* (.*ms)\$/FAIL: \1 ($mode)/p"

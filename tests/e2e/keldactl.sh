@@ -1,11 +1,10 @@
 #!/usr/bin/env bash
 # keldactl on soft tokens: every command and option with its messages and its exit status, wrong uses included, with
-# OpenSSL's and pkcs11-tool's word on the results. KELDA_E2E_ARCH is the width of the programs: x64 or x86.
+# OpenSSL's and pkcs11-tool's word on the results.
 # shellcheck source=tests/e2e/common.sh
 # shellcheck disable=SC2016,SC2154 # inner shells expand their own; common.sh assigns softhsm
 source "$(dirname "$0")/common.sh"
 
-arch=${KELDA_E2E_ARCH:-x64}
 work=$BUILD/e2e-keldactl-$arch
 rm -rf "$work/out"
 mkdir -p "$work/out"

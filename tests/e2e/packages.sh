@@ -239,15 +239,23 @@ check "the 32-bit DLL is gone too" test ! -e "$system/syswow64/keldaksp.dll"
 
 # ---- x86 ----
 prepare_system x86
+without_token=$(why_no_soft_token x86)
+[[ $without_token ]] || mv "$installed/keldapkcs11.dll" module.dll
 msi /i "$work/first/keldaksp-$version-x86.msi" PINCACHE=off
 check "a silent installation (x86)" succeeded
 check "the DLL is in System32 (x86)" cmp "$BUILD/x86/bin/keldaksp.dll" "$WINEPREFIX/drive_c/windows/system32/keldaksp.dll"
 check "PINCACHE=off (x86)" value_is "$sdk" PINCACHE 1
 check "a missing token module is a warning (x86)" log_says 'keldapkcs11\.dll was not found for x86 programs'
+[[ $without_token ]] || mv module.dll "$installed/keldapkcs11.dll"
 keldactl status || true
 check "the provider is registered (x86)" says 'is registered\.$'
 keldactl readers || true
 check "the installed provider is loaded and lists readers (x86)" says 'Norvale Reader 0'
+if [[ ! $without_token ]]; then
+  keldactl keys || true
+  check "the installed files list a key (x86)" says '^Key1 +4B657931 +RSA'
+  check "and sign with it (x86)" sign_with_pin
+fi
 rm "$WINEPREFIX/drive_c/windows/system32/keldaksp.dll"
 msi /i "$work/first/keldaksp-$version-x86.msi" "${repair[@]}"
 check "a repair (x86)" cmp "$BUILD/x86/bin/keldaksp.dll" "$WINEPREFIX/drive_c/windows/system32/keldaksp.dll"

@@ -6,12 +6,12 @@ source "$(dirname "$0")/common.sh"
 
 once_for 0 1 all
 
-work=$BUILD/e2e-provider
+work=$BUILD/e2e-provider-$arch
 out=$work/out
 rm -rf "$out"
 mkdir -p "$out"
-assemble_app x64 "$work/app"
-cp "$BUILD/x64/bin/provider_driver.exe" "$work/app"
+assemble_app "$arch" "$work/app"
+cp "$BUILD/$arch/bin/provider_driver.exe" "$work/app"
 
 environment=$("$ROOT/scripts/soft-token.sh" "$work/token" --reader "Norvale Reader 0=demo" \
   --reader "Norvale Reader 1=second" --reader "Norvale Reader 2=victim" --reader "Norvale Reader 3=workshop" \
@@ -44,8 +44,8 @@ openssl req -x509 -newkey rsa:2048 -nodes -keyout /dev/null -subj "/C=NV/O=Norva
   -outform DER -out "$out/certificate.der" 2>/dev/null
 
 start_display
-use_prefix x64 "$work/prefix"
-"$ROOT/scripts/register.sh" x64 "$WINEPREFIX" "$work/app/keldaksp.dll"
+use_prefix "$arch" "$work/prefix"
+"$ROOT/scripts/register.sh" "$arch" "$WINEPREFIX" "$work/app/keldaksp.dll"
 
 if [[ $mode == unadapted ]]; then
   driver "$work/app/provider_driver.exe" 'Unadapted.*'
@@ -54,7 +54,7 @@ fi
 
 lists_keys() {
   local keys
-  keys=$("$WINE" "$work/app/keldactl.exe" keys)
+  keys=$(on "$arch" "$WINE" "$work/app/keldactl.exe" keys)
   printf '%s\n' "$keys"
   [[ $keys == *Key1*Key2* ]]
 }

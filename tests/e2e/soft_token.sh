@@ -5,11 +5,11 @@ source "$(dirname "$0")/common.sh"
 
 once_for 0 1 all
 
-work=$BUILD/e2e-soft-token
+work=$BUILD/e2e-soft-token-$arch
 rm -rf "$work/out"
 mkdir -p "$work/app" "$work/out"
-cp "$BUILD/x64/bin/soft_token_driver.exe" "$BUILD/x64/standins/keldapkcs11.dll" "$work/app"
-export WINEDLLPATH=$BUILD/x64/standins
+cp "$BUILD/$arch/bin/soft_token_driver.exe" "$BUILD/$arch/standins/keldapkcs11.dll" "$work/app"
+export WINEDLLPATH=$BUILD/$arch/standins
 
 environment=$("$ROOT/scripts/soft-token.sh" "$work/token" --reader "Norvale Reader 0=demo" \
   --reader "Norvale Reader 1=victim" --reader "Norvale Reader 2" --key Key1 --key Twin:1024 --key Twin:1024 \
@@ -24,7 +24,7 @@ openssl req -x509 -newkey rsa:2048 -nodes -keyout /dev/null -subj "/CN=Soft toke
   -out "$work/out/certificate.der" 2>/dev/null
 
 start_display
-use_prefix x64 "$work/prefix"
+use_prefix "$arch" "$work/prefix"
 
 if [[ $mode == unadapted ]]; then
   driver "$work/app/soft_token_driver.exe" 'UnadaptedToken.*'

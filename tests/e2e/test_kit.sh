@@ -5,22 +5,22 @@
 # shellcheck disable=SC2016 # inner shells expand their own
 source "$(dirname "$0")/common.sh"
 
-work=$BUILD/e2e-test-kit
+work=$BUILD/e2e-test-kit-$arch
 rm -rf "$work/first" "$work/second" "$work/here"
 mkdir -p "$work/here"
-check "the kit is packed" "$ROOT/scripts/package-tests.sh" --out "$work/first" x64
-"$ROOT/scripts/package-tests.sh" --out "$work/second" x64 >/dev/null
+check "the kit is packed" "$ROOT/scripts/package-tests.sh" --out "$work/first" "$arch"
+"$ROOT/scripts/package-tests.sh" --out "$work/second" "$arch" >/dev/null
 check "a second run gives the same bytes" diff -r "$work/first" "$work/second"
-python3 -m zipfile -e "$work/first/keldaksp-tests-x64.zip" "$work/here"
+python3 -m zipfile -e "$work/first/keldaksp-tests-$arch.zip" "$work/here"
 start_display
-use_prefix x64 "$work/prefix"
-cd "$work/here/keldaksp-tests-x64" || exit
+use_prefix "$arch" "$work/prefix"
+cd "$work/here/keldaksp-tests-$arch" || exit
 find . -type f | sort >"$work/before.txt"
 
 # run NAME STATUS LAST-LINE FILTER
 run() {
   local status=0
-  GTEST_FILTER=$4 timeout -k 10 600 "$WINE" cmd /c run.cmd nopause >"$work/said.txt" 2>&1 </dev/null || status=$?
+  GTEST_FILTER=$4 on "$arch" timeout -k 10 600 "$WINE" cmd /c run.cmd nopause >"$work/said.txt" 2>&1 </dev/null || status=$?
   check "$1" bash -c '(($1 == $2)) && tail -n 1 "$3" | tr -d "\r" | grep -qxE "$4" || { cat "$3"; exit 1; }' - \
     "$status" "$2" "$work/said.txt" "$3"
 }
