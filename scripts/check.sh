@@ -133,7 +133,16 @@ PYTHON
     ! "$tools-nm" "$object" | grep -q ' U _*__stack_chk_fail$' || dirname "$object"
   done | sort -u | wc -l)
   ((rooms >= 10)) || { echo "only $rooms rooms refer to the guard"; return 1; }
+  # shellcheck disable=SC2016 # a dollar of the assembler's
   "$tools-objdump" -d "$folder/bin/keldaksp.dll" | grep -q 'int *\$0x29' || { echo "nothing ends the process"; return 1; }
+}
+
+# Of winpthreads, which allocates for each thread and lock and gives nothing back, nothing that the runtime library's
+# exceptions would use.
+without_winpthreads() {
+  local map=$BUILD/$1/keldaksp.map found
+  found=$(grep -oE 'lib(win)?pthread\.a\([a-z_]*\.o' "$map" | sort -u | grep -E 'mutex|once|thread\.o|tls' || true)
+  [[ -z $found ]] || { echo "linked in: $found"; return 1; }
 }
 
 # Neither product knows the folder it was built in, in narrow or in wide characters.
@@ -178,6 +187,7 @@ for arch in x64 x86; do
   check "keldaksp.dll imports only Windows' DLLs ($arch)" imports "$triplet" "$arch"
   check "products are hardened ($arch)" hardened "$triplet" "$arch"
   check "keldaksp.dll guards its stack ($arch)" guarded "$triplet" "$arch"
+  check "keldaksp.dll does without winpthreads' threads and locks ($arch)" without_winpthreads "$arch"
   check "products hold no build path ($arch)" no_build_path "$arch"
   check "another folder gives the same keldaksp.dll ($arch)" reproducible "$arch"
 done
