@@ -115,6 +115,36 @@ hardened() {
   return "$bad"
 }
 
+# Every function of the DLL's with an array on its stack compares the guard behind it: all its sources are compiled so, the
+# objects of each room with arrays refer to what ends the process, and the DLL ends it in Windows' own way.
+guarded() {
+  local tools=$1-w64-mingw32 folder=$BUILD/$2 object unguarded rooms
+  unguarded=$(python3 - "$folder/compile_commands.json" "$ROOT/src/" <<'PYTHON'
+import json, sys
+for entry in json.load(open(sys.argv[1])):
+    if entry["file"].startswith(sys.argv[2]) and entry["file"].endswith(".cpp") \
+            and "/tests/" not in entry["output"] and not entry["output"].startswith("tests/") \
+            and not entry["file"].endswith("/stack_guard.cpp") and "-fstack-protector-strong" not in entry["command"]:
+        print(entry["file"])
+PYTHON
+  )
+  [[ -z $unguarded ]] || { echo "compiled without a guard: $unguarded"; return 1; }
+  rooms=$(find "$folder/src" -name '*.obj' | while read -r object; do
+    ! "$tools-nm" "$object" | grep -q ' U _*__stack_chk_fail$' || dirname "$object"
+  done | sort -u | wc -l)
+  ((rooms >= 10)) || { echo "only $rooms rooms refer to the guard"; return 1; }
+  # shellcheck disable=SC2016 # a dollar of the assembler's
+  "$tools-objdump" -d "$folder/bin/keldaksp.dll" | grep -q 'int *\$0x29' || { echo "nothing ends the process"; return 1; }
+}
+
+# Of winpthreads, which allocates for each thread and lock and gives nothing back, nothing that the runtime library's
+# exceptions would use.
+without_winpthreads() {
+  local map=$BUILD/$1/keldaksp.map found
+  found=$(grep -oE 'lib(win)?pthread\.a\([a-z_]*\.o' "$map" | sort -u | grep -E 'mutex|once|thread\.o|tls' || true)
+  [[ -z $found ]] || { echo "linked in: $found"; return 1; }
+}
+
 # Neither product knows the folder it was built in, in narrow or in wide characters.
 no_build_path() {
   python3 - "$BUILD/$1/bin/keldaksp.dll" "$BUILD/$1/bin/keldactl.exe" -- "$ROOT/" "$BUILD/" <<'PYTHON'
@@ -156,6 +186,8 @@ for arch in x64 x86; do
   check "keldaksp.dll exports its 27 names ($arch)" exports "$triplet" "$arch"
   check "keldaksp.dll imports only Windows' DLLs ($arch)" imports "$triplet" "$arch"
   check "products are hardened ($arch)" hardened "$triplet" "$arch"
+  check "keldaksp.dll guards its stack ($arch)" guarded "$triplet" "$arch"
+  check "keldaksp.dll does without winpthreads' threads and locks ($arch)" without_winpthreads "$arch"
   check "products hold no build path ($arch)" no_build_path "$arch"
   check "another folder gives the same keldaksp.dll ($arch)" reproducible "$arch"
 done

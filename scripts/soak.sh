@@ -4,6 +4,9 @@
 #   plain   the shipped DLL
 #   guard   the same, each block of its heap at the end of a page, released blocks inaccessible
 #   ubsan   a DLL that traps at the first undefined operation, on the guard heap
+#   reload  the shipped DLL, unloaded and loaded again after every 20 sequences of 100 calls; it may keep nothing
+#   shared  (x86 only) the same in a program with a shared libgcc
+# KELDA_SOAK_VARIANTS names those to be run (all unless given).
 # KELDA_SOAK_SEED is the first seed (1 unless given). A failing seed is printed with the command that replays it.
 # shellcheck source=scripts/lib.sh
 source "$(dirname "$0")/lib.sh"
@@ -15,6 +18,8 @@ if [[ ${1-} =~ ^[0-9]+$ ]]; then
 fi
 (($#)) || set -- x64 x86
 first=${KELDA_SOAK_SEED:-1}
+variants=${KELDA_SOAK_VARIANTS:-plain guard ubsan reload shared}
+wanted() { [[ " $variants " == *" $1 "* ]]; }
 # A process' share: what has to stay behind for its life (the cached PINs) stays small.
 share=100000
 # No share needs as many seeds: a sequence makes at least a hundred calls.
@@ -48,6 +53,7 @@ trap 'exit 130' INT TERM
 soak() {
   local arch=$1 name=$2 dir=$3 done=0 part seed=$first begun=$SECONDS
   shift 3
+  wanted "$name" || return 0
   step "$name, $arch"
   while ((done < calls)); do
     part=$((calls - done < share ? calls - done : share))
@@ -65,7 +71,7 @@ soak() {
 
 for arch in "$@"; do
   build_soak "$arch" "$BUILD/soak/$arch"
-  build_soak "$arch" "$BUILD/soak/$arch-ubsan" -DKELDA_UBSAN_TRAP=ON
+  ! wanted ubsan || build_soak "$arch" "$BUILD/soak/$arch-ubsan" -DKELDA_UBSAN_TRAP=ON
 done
 start_display
 for arch in "$@"; do
@@ -73,5 +79,7 @@ for arch in "$@"; do
   soak "$arch" plain "$BUILD/soak/$arch"
   soak "$arch" guard "$BUILD/soak/$arch" --guard
   soak "$arch" ubsan "$BUILD/soak/$arch-ubsan" --guard
+  soak "$arch" reload "$BUILD/soak/$arch" --reload 20
+  [[ $arch == x64 ]] || soak "$arch" shared "$BUILD/soak/$arch" --reload 20 --shared-runtime
 done
-printf '\n%d calls for each width and variant, nothing found\n' "$calls"
+printf '\n%d calls for each width and variant (%s), nothing found\n' "$calls" "$variants"

@@ -42,19 +42,6 @@ bool ReadDefaultKeyLength(DWORD& bitLength) noexcept {
                       &bitLength, &cbBitLength) == ERROR_SUCCESS;
 }
 
-// Tells of the caller's key handle when the entry is left, however that comes about; after a failure it is whatever the
-// caller had there.
-class KeyHandleLine {
- public:
-  explicit KeyHandleLine(const NCRYPT_KEY_HANDLE* phKey) noexcept : phKey_(phKey) {}
-  ~KeyHandleLine() { g_Log->WriteHex32("Key handle: ", phKey_ != nullptr ? static_cast<std::uint32_t>(*phKey_) : 0); }
-  KeyHandleLine(const KeyHandleLine&) = delete;
-  KeyHandleLine& operator=(const KeyHandleLine&) = delete;
-
- private:
-  const NCRYPT_KEY_HANDLE* phKey_;
-};
-
 }  // namespace
 
 SECURITY_STATUS WINAPI KELDAKSPCreatePersistedKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE* phKey,
@@ -65,8 +52,12 @@ SECURITY_STATUS WINAPI KELDAKSPCreatePersistedKey(NCRYPT_PROV_HANDLE hProvider, 
       {"hProvider       : ", hProvider},  {"phKey           : ", phKey},           {"pszAlgId        : ", pszAlgId},
       {"pszKeyName      : ", pszKeyName}, {"dwLegacyKeySpec : ", dwLegacyKeySpec}, {"dwFlags         : ", dwFlags},
   };
-  return RunEntry(kLines, arguments, [&]() -> SECURITY_STATUS {
-    const KeyHandleLine keyHandleLine(phKey);
+  // The caller's key handle stands before the exit line on every way out; after a failure it is whatever the caller had
+  // there.
+  const auto logKeyHandle = [&] {
+    g_Log->WriteHex32("Key handle: ", phKey != nullptr ? static_cast<std::uint32_t>(*phKey) : 0);
+  };
+  const auto create = [&]() -> SECURITY_STATUS {
     KELDAKSP_PROVIDER* provider;
     if (!CheckProvider(hProvider, provider)) return NTE_INVALID_HANDLE;
     if (phKey == nullptr) return g_Log->Refuse(NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER: phKey is NULL");
@@ -101,5 +92,6 @@ SECURITY_STATUS WINAPI KELDAKSPCreatePersistedKey(NCRYPT_PROV_HANDLE hProvider, 
     key->dwAlgID = AlgIdFromLegacyKeySpec(dwLegacyKeySpec);
     *phKey = reinterpret_cast<NCRYPT_KEY_HANDLE>(key.release());
     return ERROR_SUCCESS;
-  });
+  };
+  return RunEntry(kLines, arguments, create, logKeyHandle);
 }

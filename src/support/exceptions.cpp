@@ -98,6 +98,12 @@ int __wrap_pthread_mutex_unlock(SRWLOCK* mutex) noexcept {
   return 0;
 }
 
+// The platform's lock holds nothing that could be released. winpthreads' own would take a lock that is held (by another
+// thread, when the process ends in the middle of an exception) for the address of what it has allocated.
+int __wrap_pthread_mutex_destroy(SRWLOCK* /*mutex*/) noexcept {
+  return 0;
+}
+
 }  // extern "C"
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
@@ -115,14 +121,22 @@ void __freeres();
 extern "C" {
 void __register_frame_info(const void* begin, void* object);
 void* __deregister_frame_info(const void* begin);
+// A place among the frame tables.
+extern const unsigned char kelda_among_frames[];
 }
+__asm__(
+    ".section .eh_frame,\"dr\"\n"
+    ".globl _kelda_among_frames\n"
+    "_kelda_among_frames:\n"
+    ".text\n");
 
 namespace {
 
 const void* g_Frames = nullptr;
 void* g_FramesObject[16];  // libgcc's "struct object" takes less
 
-// The section of the frame tables. Its name has eight characters in an image without a symbol table.
+// The section of the frame tables. Its name tells nothing: it is cut to eight characters in an image without a symbol
+// table, and in one with symbols stands in a table that is not loaded.
 const void* FindFrames(HMODULE module) noexcept {
   const auto* base = reinterpret_cast<const unsigned char*>(module);
   const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
@@ -130,7 +144,8 @@ const void* FindFrames(HMODULE module) noexcept {
   const auto* section = reinterpret_cast<const IMAGE_SECTION_HEADER*>(
       reinterpret_cast<const unsigned char*>(&headers->OptionalHeader) + headers->FileHeader.SizeOfOptionalHeader);
   for (WORD i = 0; i < headers->FileHeader.NumberOfSections; ++i) {
-    if (std::memcmp(section[i].Name, ".eh_fram", sizeof(section[i].Name)) == 0) return base + section[i].VirtualAddress;
+    const unsigned char* const begin = base + section[i].VirtualAddress;
+    if (begin <= kelda_among_frames && kelda_among_frames < begin + section[i].Misc.VirtualSize) return begin;
   }
   return nullptr;
 }

@@ -56,19 +56,23 @@ bool CryptokiModule::LoadFunctionList() noexcept {
     return false;
   }
   functionList_ = reinterpret_cast<TokenFunctionList*>(list);
+  functions_ = list;
   if (Functions().C_Initialize == nullptr) CompleteFunctionList();
   log_->WriteLine("Load Function List success");
   return true;
 }
 
 void CryptokiModule::CompleteFunctionList() noexcept {
-  if (!HasMissingFunctions(*functionList_)) return;
-  completed_ = *functionList_;
-  FillMissingFunctions(completed_);
-  functionList_ = &completed_;
+  if (!HasMissingFunctions(*functions_)) return;
+  completed_ = FillMissingFunctions(*functions_);
+  functions_ = &completed_;
 }
 
 CK_RV CryptokiModule::Login(CK_SESSION_HANDLE session, const unsigned char* pin, CK_ULONG pinLength) const {
+  // Only here is the maker's part of the list looked at: the list of another maker's module ends before it (that of
+  // PKCS#11 v2.00 even before C_WaitForSlotEvent), and must not be read beyond its end by a load. Its version tells of
+  // the standard part alone.
+  const VendorLogin login = functionList_->login != nullptr ? functionList_->login : kMissingLogin;
   // PKCS#11 takes the PIN through a pointer to non-const and does not write to it.
-  return functionList_->login(session, CKU_USER, const_cast<unsigned char*>(pin), pinLength);
+  return login(session, CKU_USER, const_cast<unsigned char*>(pin), pinLength);
 }

@@ -21,23 +21,24 @@ class CryptokiModule {
   // Whether every step succeeded; nothing else may be asked of a module that is not ready.
   bool Ready() const noexcept { return ready_; }
 
-  // The module's table, owned by the module; or a copy of it whose gaps are filled.
-  const CK_FUNCTION_LIST& Functions() const noexcept { return functionList_->standard; }
+  // The module's table, owned by the module; or a copy of what is used of it, whose gaps are filled.
+  const CK_FUNCTION_LIST& Functions() const noexcept { return *functions_; }
 
   // The maker's login entry: 0, a CK_RV, or 1 to 14 for a wrong PIN (tries left). pin has pinLength bytes.
   CK_RV Login(CK_SESSION_HANDLE session, const unsigned char* pin, CK_ULONG pinLength) const;
 
  private:
   bool LoadFunctionList() noexcept;
-  // Takes a copy of the module's list and fills its gaps, when it has any.
+  // Fills the gaps of the module's list, in a copy, when it has any.
   void CompleteFunctionList() noexcept;
   bool Load() noexcept;
 
   HMODULE module_ = nullptr;
   std::uint32_t getListStatus_ = 0;
   CK_C_GetFunctionList getFunctionList_ = nullptr;
-  const TokenFunctionList* functionList_ = nullptr;
-  TokenFunctionList completed_ = {};  // the module's list, when that has gaps
+  const TokenFunctionList* functionList_ = nullptr;  // the module's, from where the login is taken
+  const CK_FUNCTION_LIST* functions_ = nullptr;
+  CK_FUNCTION_LIST completed_ = {};  // what is used of the module's list, when that has gaps
   bool ready_ = false;
   LogPointer log_;
 };

@@ -41,13 +41,10 @@ struct Place {
   Entry missing;
 };
 
-#define KELDA_STANDARD(name)                                                             \
-  {                                                                                      \
-    offsetof(TokenFunctionList, standard) + offsetof(CK_FUNCTION_LIST, name),            \
-        reinterpret_cast<Entry>(&Missing<#name, decltype(CK_FUNCTION_LIST::name)>::Call) \
-  }
+#define KELDA_STANDARD(name) \
+  { offsetof(CK_FUNCTION_LIST, name), reinterpret_cast<Entry>(&Missing<#name, decltype(CK_FUNCTION_LIST::name)>::Call) }
 
-// Every entry that the provider uses.
+// Every standard entry that the provider uses.
 const Place kPlaces[] = {
     KELDA_STANDARD(C_Initialize),
     KELDA_STANDARD(C_GetSlotList),
@@ -72,12 +69,11 @@ const Place kPlaces[] = {
     KELDA_STANDARD(C_Verify),
     KELDA_STANDARD(C_GenerateKeyPair),
     KELDA_STANDARD(C_GenerateRandom),
-    {offsetof(TokenFunctionList, login), reinterpret_cast<Entry>(&Missing<"login entry", VendorLogin>::Call)},
 };
 
 #undef KELDA_STANDARD
 
-bool IsMissing(const TokenFunctionList& list, const Place& place) noexcept {
+bool IsMissing(const CK_FUNCTION_LIST& list, const Place& place) noexcept {
   Entry entry = nullptr;
   std::memcpy(&entry, reinterpret_cast<const unsigned char*>(&list) + place.offset, sizeof(entry));
   return entry == nullptr;
@@ -85,16 +81,23 @@ bool IsMissing(const TokenFunctionList& list, const Place& place) noexcept {
 
 }  // namespace
 
-bool HasMissingFunctions(const TokenFunctionList& list) noexcept {
+const VendorLogin kMissingLogin = &Missing<"login entry", VendorLogin>::Call;
+
+bool HasMissingFunctions(const CK_FUNCTION_LIST& list) noexcept {
   for (const Place& place : kPlaces) {
     if (IsMissing(list, place)) return true;
   }
   return false;
 }
 
-void FillMissingFunctions(TokenFunctionList& list) noexcept {
+CK_FUNCTION_LIST FillMissingFunctions(const CK_FUNCTION_LIST& list) noexcept {
+  CK_FUNCTION_LIST filled = {};
+  const auto* from = reinterpret_cast<const unsigned char*>(&list);
+  auto* to = reinterpret_cast<unsigned char*>(&filled);
   for (const Place& place : kPlaces) {
-    if (IsMissing(list, place))
-      std::memcpy(reinterpret_cast<unsigned char*>(&list) + place.offset, &place.missing, sizeof(place.missing));
+    const void* entry = from + place.offset;
+    if (IsMissing(list, place)) entry = &place.missing;
+    std::memcpy(to + place.offset, entry, sizeof(Entry));
   }
+  return filled;
 }

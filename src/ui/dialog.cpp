@@ -34,7 +34,9 @@ INT_PTR CDialog::DoModal() {
   g_Dialogs.Add(entry_, nullptr);
   const INT_PTR result =
       DialogBoxParamW(g_hModule, MAKEINTRESOURCEW(templateId_), owner, &Procedure, reinterpret_cast<LPARAM>(this));
+  // Only now: that the window is gone nobody else may tell us.
   g_Dialogs.Remove(entry_);
+  handle_ = nullptr;
   if (failure_) std::rethrow_exception(std::exchange(failure_, nullptr));
   // For an owner that has gone just now the platform answers 0, which is no failure to the callers.
   return result == 0 && !initialised_ ? -1 : result;
@@ -118,10 +120,10 @@ INT_PTR CDialog::OnMessage(UINT message, WPARAM wParam, LPARAM lParam) {
     }
     case WM_CTLCOLORSTATIC:
       return reinterpret_cast<INT_PTR>(OnCtlColor(reinterpret_cast<HDC>(wParam), reinterpret_cast<HWND>(lParam)));
-    case WM_NCDESTROY:  // the last message of a window
-      g_Dialogs.Remove(entry_);
-      handle_ = nullptr;
-      return FALSE;
+    case WM_NCDESTROY:
+      // The last message of a window, after its controls have gone. With controls it is another program's, and the
+      // platform, which would forget the dialog for it, is not to see it.
+      return GetWindow(handle_, GW_CHILD) != nullptr ? TRUE : FALSE;
     default:
       return FALSE;
   }

@@ -11,8 +11,10 @@ constinit WindowList<CWnd> g_Controls;
 
 }  // namespace
 
+// The dialog has ended, and its controls with it. Before that a control stays this object's whatever it is told: any
+// program of the user can send it the last message of a window.
 CWnd::~CWnd() {
-  Unsubclass();
+  g_Controls.Remove(entry_);
 }
 
 void CWnd::Subclass(HWND control, CDialog* dialog) noexcept {
@@ -22,16 +24,6 @@ void CWnd::Subclass(HWND control, CDialog* dialog) noexcept {
   g_Controls.Add(entry_, control);
   previous_ =
       reinterpret_cast<WNDPROC>(SetWindowLongPtrW(control, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(&Procedure)));
-}
-
-void CWnd::Unsubclass() noexcept {
-  if (handle_ == nullptr) return;
-  // Also where the messages could not be taken: nothing may find an object that is gone.
-  g_Controls.Remove(entry_);
-  if (previous_ == nullptr) return;
-  SetWindowLongPtrW(handle_, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(previous_));
-  previous_ = nullptr;
-  handle_ = nullptr;
 }
 
 std::size_t CWnd::TextLength() const noexcept {
@@ -56,11 +48,6 @@ LRESULT CWnd::Default(UINT message, WPARAM wParam, LPARAM lParam) noexcept {
 LRESULT CALLBACK CWnd::Procedure(HWND window, UINT message, WPARAM wParam, LPARAM lParam) noexcept {
   CWnd* self = g_Controls.Find(window);
   if (self == nullptr) return DefWindowProcW(window, message, wParam, lParam);
-  if (message == WM_NCDESTROY) {
-    const WNDPROC previous = self->previous_;
-    self->Unsubclass();
-    return CallWindowProcW(previous, window, message, wParam, lParam);
-  }
   // No exception crosses the platform's code that has called us.
   try {
     return self->WindowProc(message, wParam, lParam);

@@ -13,7 +13,8 @@ class CDialog;
 // OCM_COMMAND's).
 inline constexpr UINT kReflectedCommand = WM_USER + 0x1C00 + WM_COMMAND;
 
-// A window of this process, or none. Never owns the window; the window's end clears the handle.
+// A window of this process, or none. Never owns the window, and does not notice its end: the handle then is of no use
+// to anybody.
 class CWnd {
  public:
   CWnd() noexcept = default;
@@ -46,8 +47,6 @@ class CWnd {
 
  private:
   static LRESULT CALLBACK Procedure(HWND window, UINT message, WPARAM wParam, LPARAM lParam) noexcept;
-  void Unsubclass() noexcept;
-
   WNDPROC previous_ = nullptr;
   CDialog* dialog_ = nullptr;
   WindowList<CWnd>::Entry entry_{this};

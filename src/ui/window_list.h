@@ -44,11 +44,12 @@ class WindowList {
     }
     return nullptr;
   }
-  // Null for a window that is nobody's.
+  // Null for a window that is nobody's. Asked by window procedures, which run on their window's thread: what another
+  // thread has not forgotten yet of a window that is gone is not met when the number returns.
   Object* Find(HWND window) noexcept {
     const Lock lock(lock_);
     for (Entry* entry = first_; entry != nullptr; entry = entry->next) {
-      if (entry->window == window) return entry->object;
+      if (entry->window == window && entry->thread == GetCurrentThreadId()) return entry->object;
     }
     return nullptr;
   }

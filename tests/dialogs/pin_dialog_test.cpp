@@ -569,6 +569,40 @@ TEST_F(PinDialogTest, AnotherProgramCannotPutItsObjectInTheDialogsPlace) {
             0);
 }
 
+// Sent and posted: both come through the same window procedure, and nothing in them tells who made them.
+void TellOfItsEnd(HWND window) {
+  SendMessageW(window, WM_NCDESTROY, 0, 0);
+  PostMessageW(window, WM_NCDESTROY, 0, 0);
+  SendMessageW(window, WM_NULL, 0, 0);
+}
+
+TEST_F(PinDialogTest, AnotherProgramCannotTellTheDialogOfItsEnd) {
+  slot().pin = "1234";
+  EXPECT_EQ(SignWith([](Dialog& dialog) {
+              dialog.Type(kPinField, L"12");
+              TellOfItsEnd(dialog.window());
+              EXPECT_TRUE(dialog.open());
+              dialog.Type(kPinField, L"34");
+              EXPECT_EQ(dialog.text(kPinField), L"****");
+              dialog.PressOk();
+            }),
+            0);
+}
+
+// The platform's edit field believes it. The dialog can still be cancelled, and nothing lies open in it.
+TEST_F(PinDialogTest, AFieldThatWasToldOfItsEndShowsNothing) {
+  EXPECT_EQ(SignWith([](Dialog& dialog) {
+              dialog.Type(kPinField, L"12");
+              TellOfItsEnd(dialog.control(kPinField));
+              dialog.Type(kPinField, L"34");
+              EXPECT_EQ(dialog.text(kPinField).find_first_not_of(L'*'), std::wstring::npos)
+                  << "all that is there is covered";
+              dialog.PressCancel();
+            }),
+            kCancelledByUser);
+  EXPECT_EQ(SignTyping(L"1234"), 0) << "later dialogs are not harmed";
+}
+
 TEST_F(PinDialogTest, HugeTextSetByAnotherProgramDoesNoHarm) {
   const std::wstring text(100000, L'9');
   EXPECT_EQ(SignWith([&](Dialog& dialog) {

@@ -614,10 +614,11 @@ TEST_F(CreateKeyTest, NothingThatTheTokenThrowsEscapes) {
     token().Before(function, [](const fake::Call&) { throw 7; });
     EXPECT_EQ(CreateKey(L"Key1"), NTE_INTERNAL_ERROR) << function;
     EXPECT_EQ(key_, kUntouched);
-    // The key handle's line comes whatever the end.
-    std::vector<Line> expected = Lines("RSA", "Key1", 0, 0, {"Validating key file existence"}, NTE_INTERNAL_ERROR);
-    expected.insert(expected.end() - 2, "NTE_INTERNAL_ERROR: The operation ended with an unexpected exception");
-    ExpectLines(expected);
+    // The key handle's line comes whatever the end, and directly before the exit line.
+    ExpectLines(
+        Lines("RSA", "Key1", 0, 0,
+              {"Validating key file existence", "NTE_INTERNAL_ERROR: The operation ended with an unexpected exception"},
+              NTE_INTERNAL_ERROR));
     token().ClearScript();
     ksp().FreeProvider(provider_);  // with the search that was left open
     provider_ = OpenProvider();

@@ -1,4 +1,5 @@
 // The load of the token module, which is part of the load of the provider.
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -145,6 +146,46 @@ int ReportLoad(kit::TokenModule kind) {
 
 const kit::Scenario kMissing("missing_module", [] { return ReportLoad(kit::TokenModule::None); });
 const kit::Scenario kWithoutList("module_without_list", [] { return ReportLoad(kit::TokenModule::WithoutList); });
+
+// A standard list of this many entries that ends with its page; what follows cannot be read. The load and all that
+// needs no login do without.
+int LoadFromAShortList(std::size_t entries, bool withGap) {
+  kit::LoadTokenModule(kit::TokenModule::Working);
+  fake::Token().AddSlot("Reader 0");
+  CK_FUNCTION_LIST list = fake::Token().List()->standard;
+  if (withGap) list.C_GenerateRandom = nullptr;  // its gaps are filled in a copy
+  const std::size_t size = sizeof(CK_VERSION) + entries * sizeof(void*);
+  constexpr std::size_t kPage = 0x1000;
+  auto* pages = static_cast<unsigned char*>(VirtualAlloc(nullptr, 2 * kPage, MEM_RESERVE, PAGE_NOACCESS));
+  if (VirtualAlloc(pages, kPage, MEM_COMMIT, PAGE_READWRITE) == nullptr) return 1;
+  unsigned char* const place = pages + kPage - size;
+  std::memcpy(place, &list, size);
+  const HMODULE module = GetModuleHandleW(L"keldapkcs11.dll");
+  const auto attach = reinterpret_cast<void (*)(void*, unsigned long)>(
+      reinterpret_cast<void*>(GetProcAddress(module, "KeldaFakeAttach")));
+  attach(place, CKR_OK);
+  if (!Provider::Get().Load(Log::Mode::Off)) return 2;
+  NCRYPT_PROV_HANDLE provider = 0;
+  const SECURITY_STATUS opened = Provider::Get().table->OpenProvider(&provider, kit::kProviderName, NCRYPT_SILENT_FLAG);
+  kit::Print("open " + std::to_string(opened));
+  kit::Print("free " + std::to_string(Provider::Get().table->FreeProvider(provider)));
+  return 0;
+}
+
+constexpr std::size_t kEntries = (sizeof(CK_FUNCTION_LIST) - sizeof(CK_VERSION)) / sizeof(void*);
+const kit::Scenario kStandard("standard_list", [] { return LoadFromAShortList(kEntries, false); });
+const kit::Scenario kStandardGap("standard_list_with_gap", [] { return LoadFromAShortList(kEntries, true); });
+// PKCS#11 v2.00 had no C_WaitForSlotEvent.
+const kit::Scenario kOld("old_list", [] { return LoadFromAShortList(kEntries - 1, false); });
+const kit::Scenario kOldGap("old_list_with_gap", [] { return LoadFromAShortList(kEntries - 1, true); });
+
+TEST_F(CryptokiModuleTest, ALoadReadsNothingBehindAShorterList) {
+  for (const char* scenario : {"standard_list", "standard_list_with_gap", "old_list", "old_list_with_gap"}) {
+    const kit::ChildResult child = kit::RunChild(scenario);
+    EXPECT_EQ(child.exitCode, 0u) << scenario;
+    EXPECT_EQ(child.lines, (std::vector<std::string>{"open 0", "free 0"})) << scenario;
+  }
+}
 
 TEST_F(CryptokiModuleTest, MissingModuleFailsTheLoad) {
   const kit::ChildResult child = kit::RunChild("missing_module");

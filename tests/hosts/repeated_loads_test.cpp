@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "fake_token/fake_token.h"
+#include "hosts/possessions.h"
 #include "kit/ksp.h"
 #include "kit/process.h"
 #include "kit/provider.h"
@@ -29,22 +30,10 @@ struct Possessions {
   std::size_t bytes = 0;
 };
 
-// Asks for each handle, since Wine does not count them.
-std::size_t CountHandles() {
-  constexpr ULONG_PTR kLast = 0x10000;
-  std::size_t count = 0;
-  for (ULONG_PTR handle = 4; handle < kLast; handle += 4) {
-    DWORD flags = 0;
-    if (GetHandleInformation(reinterpret_cast<HANDLE>(handle), &flags)) ++count;
-  }
-  return count;
-}
-
 Possessions Count() {
   Possessions now;
-  now.tlsIndex = TlsAlloc();
-  TlsFree(now.tlsIndex);
-  now.handles = CountHandles();
+  now.tlsIndex = hosts::NextTlsIndex();
+  now.handles = hosts::CountHandles();
   HANDLE heaps[64] = {};
   const DWORD count = GetProcessHeaps(64, heaps);
   for (DWORD i = 0; i < count && i < 64; ++i) {

@@ -5,12 +5,17 @@
 
 #include <windows.h>
 
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "fake_token/fake_token.h"
+#include "hosts/shared_runtime.h"
 #include "kit/ksp.h"
 #include "kit/process.h"
 #include "kit/provider.h"
@@ -18,16 +23,9 @@
 
 namespace {
 
-void LoadSharedRuntime() {
-  const std::wstring folder = kit::ProgramFolder() + L"..\\hosts\\";
-  for (const wchar_t* library : {L"libwinpthread-1.dll", L"libgcc_s_dw2-1.dll"}) {
-    if (LoadLibraryW((folder + library).c_str()) == nullptr) throw std::runtime_error("a shared library is missing");
-  }
-}
-
 // In the child: the whole kit, with its hooks, since memory has to run out.
 int WithSharedRuntime(int (*body)()) {
-  LoadSharedRuntime();
+  hosts::LoadSharedRuntime();
   kit::StartKit();
   const int result = body();
   kit::StopKit();
@@ -90,6 +88,47 @@ const kit::Scenario kNoMemory("shared_runtime_no_memory", [] {
   });
 });
 
+// The DLL as it looks when it was linked with its symbols: the name of the section of the frame tables is too long for
+// the header and stands in a table that is not loaded.
+std::wstring WithASectionNameInTheSymbolTable() {
+  std::ifstream from(std::filesystem::path(kit::ProgramFolder() + L"keldaksp.dll"), std::ios::binary);
+  std::string image((std::istreambuf_iterator<char>(from)), std::istreambuf_iterator<char>());
+  const std::string name = ".eh_fram";
+  const std::size_t at = image.substr(0, 0x1000).find(name);
+  if (at == std::string::npos) throw std::runtime_error("no section of frame tables");
+  image.replace(at, name.size(), std::string("/4\0\0\0\0\0\0", name.size()));
+  const std::wstring path = kit::ProgramFolder() + L"..\\hosts\\keldaksp_with_symbols.dll";
+  std::ofstream(std::filesystem::path(path), std::ios::binary) << image;
+  return path;
+}
+
+const kit::Scenario kUnstripped("shared_runtime_unstripped", [] {
+  hosts::LoadSharedRuntime();
+  kit::Registry::Get().Redirect();
+  kit::Registry::Get().SetDefaults();
+  kit::LoadTokenModule(kit::TokenModule::Working);
+  fake::Token().AddSlot("Reader 0");
+  const std::wstring path = WithASectionNameInTheSymbolTable();
+  const HMODULE module = LoadLibraryW(path.c_str());
+  if (module == nullptr) return 1;
+  const auto get = reinterpret_cast<kit::GetKeyStorageInterfaceFn>(
+      reinterpret_cast<void*>(GetProcAddress(module, "GetKeyStorageInterface")));
+  kit::FunctionTable* table = nullptr;
+  NCRYPT_PROV_HANDLE provider = 0;
+  if (get(kit::kProviderName, &table, 0) != 0 ||
+      table->OpenProvider(&provider, kit::kProviderName, NCRYPT_SILENT_FLAG) != 0) {
+    return 2;
+  }
+  BYTE input[2] = {};
+  kit::Print("set " +
+             std::to_string(table->SetProviderProperty(provider, NCRYPT_USE_CONTEXT_PROPERTY, input, 0x7FFFFFFF, 0)));
+  table->FreeProvider(provider);
+  FreeLibrary(module);
+  DeleteFileW(path.c_str());
+  kit::Registry::Get().Release();
+  return 0;
+});
+
 void ExpectLines(const char* scenario, const std::vector<std::string>& lines) {
   const kit::ChildResult child = kit::RunChild(scenario);
   EXPECT_EQ(child.exitCode, 0u);
@@ -107,6 +146,10 @@ TEST(SharedRuntime, DialogThatCannotBeMadeIsAStatus) {
 TEST(SharedRuntime, MemoryThatRunsOutIsAStatus) {
   const std::string set = "set " + std::to_string(NTE_NO_MEMORY);
   ExpectLines("shared_runtime_no_memory", {set, set, "free 0", set});
+}
+
+TEST(SharedRuntime, ADllWithSymbolsFindsItsFrameTables) {
+  ExpectLines("shared_runtime_unstripped", {"set " + std::to_string(NTE_NO_MEMORY)});
 }
 
 }  // namespace

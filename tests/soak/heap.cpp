@@ -101,6 +101,7 @@ struct Block {
   std::uint64_t serial;
   std::uint32_t tag;
   HeapKind kind;
+  bool ofTheDll;
 };
 
 struct State {
@@ -132,7 +133,7 @@ void* Take(std::size_t size, bool ofTheDll) {
   void* block = state.kind == HeapKind::Guard ? state.pages.Allocate(size) : std::malloc(size ? size : 1);
   if (!block) return nullptr;
   std::memset(block, 0xDB, std::min(size, kFilledBytes));
-  state.blocks[block] = Block{size, ++state.serial, state.tag, state.kind};
+  state.blocks[block] = Block{size, ++state.serial, state.tag, state.kind, ofTheDll};
   if (ofTheDll) {
     state.fresh.push_back({block, state.serial});
     state.liveBytes += size;
@@ -301,6 +302,15 @@ std::vector<LiveBlock> Heap::TakeLive() {
     }
   }
   state.fresh.clear();
+  return live;
+}
+
+std::vector<LiveBlock> Heap::AllLive() const {
+  const std::lock_guard guard(S().lock);
+  std::vector<LiveBlock> live;
+  for (const auto& [address, block] : S().blocks) {
+    if (block.ofTheDll) live.push_back({const_cast<void*>(address), block.size, block.tag});
+  }
   return live;
 }
 

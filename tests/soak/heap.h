@@ -38,6 +38,8 @@ class Heap {
   void SetTag(std::uint32_t tag);
   // Blocks allocated since the last call of this function that are still there.
   std::vector<LiveBlock> TakeLive();
+  // All blocks that the DLL holds now.
+  std::vector<LiveBlock> AllLive() const;
   // Releases a block in the DLL's place, without a look at what it holds.
   void Reclaim(void* address);
   // Bytes that the DLL holds now.

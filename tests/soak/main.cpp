@@ -1,7 +1,9 @@
 // soak_tests [GoogleTest's options]              the short run
-// soak_tests --seed N --calls N [--guard] [--dialogs N]
+// soak_tests --seed N --calls N [--guard] [--dialogs N] [--reload N] [--shared-runtime]
 //                                                sequences from seed N on, at least so many calls; one of N sequences
-//                                                meets tokens whose PIN has to be typed
+//                                                meets tokens whose PIN has to be typed; after each N sequences the
+//                                                provider is unloaded and loaded again; a 32-bit program with a shared
+//                                                libgcc
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "hosts/shared_runtime.h"
 #include "kit/process.h"
 #include "kit/provider.h"
 #include "soak/faults.h"
@@ -27,10 +30,11 @@ int RunLong(std::uint64_t seed, std::uint64_t calls, const soak::Options& option
   const soak::Tally& tally = run.tally();
   const soak::Faults& faults = soak::Faults::Get();
   std::printf(
-      "soak: %llu calls from seed %llu on in %.1f s; %llu dialogs; faults: %llu allocations, %llu platform calls, %llu "
+      "soak: %llu calls from seed %llu on in %.1f s; %llu dialogs; %llu reloads; faults: %llu allocations, %llu "
+      "platform calls, %llu "
       "token calls, %llu lies; %llu blocks stayed behind as they must\n",
       static_cast<unsigned long long>(tally.calls), static_cast<unsigned long long>(seed), seconds,
-      static_cast<unsigned long long>(tally.dialogs),
+      static_cast<unsigned long long>(tally.dialogs), static_cast<unsigned long long>(tally.reloads),
       static_cast<unsigned long long>(faults.Played(soak::Fault::Allocation)),
       static_cast<unsigned long long>(faults.Played(soak::Fault::Platform)),
       static_cast<unsigned long long>(faults.Played(soak::Fault::Token)),
@@ -57,6 +61,12 @@ int main(int argc, char** argv) {
       const std::string option = argv[i];
       if (option == "--guard") {
         options.heap = soak::HeapKind::Guard;
+#ifdef __i386__
+      } else if (option == "--shared-runtime") {
+        hosts::LoadSharedRuntime();
+#endif
+      } else if (i + 1 < argc && option == "--reload") {
+        options.reloadAfter = static_cast<std::uint32_t>(std::strtoul(argv[++i], nullptr, 10));
       } else if (i + 1 < argc && option == "--dialogs") {
         options.dialogsOneIn = static_cast<std::uint32_t>(std::strtoul(argv[++i], nullptr, 10));
       } else if (i + 1 < argc && (option == "--seed" || option == "--calls")) {

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "hosts/shared_runtime.h"
 #include "kit/process.h"
 #include "kit/provider.h"
 #include "soak/faults.h"
@@ -48,6 +49,51 @@ TEST(SoakTest, SequencesWithFaultsOnTheGuardHeap) {
   EXPECT_EQ(run.Run(1000000, 12000), "");
   ExpectAllEntriesMet(run.tally());
 }
+
+TEST(SoakTest, UnloadsBetweenSequencesLeaveNothing) {
+  soak::Options options;
+  options.reloadAfter = 5;
+  soak::Soak run(options);
+  EXPECT_EQ(run.Run(2000000, 6000), "");
+  EXPECT_GE(run.tally().reloads, 8u);
+}
+
+// An unload that leaves something is noticed.
+TEST(SoakTest, WhatAnUnloadLeavesIsFound) {
+  soak::Soak run({});
+  EXPECT_EQ(run.Reload(), "");
+  fake::Token().Reset();
+  fake::Token().AddSlot("Reader 0");
+  const kit::FunctionTable& ksp = *kit::Provider::Get().table;
+  NCRYPT_PROV_HANDLE provider = 0;
+  ASSERT_EQ(ksp.OpenProvider(&provider, kit::kProviderName, NCRYPT_SILENT_FLAG), 0);
+  DWORD count = 0;
+  NCryptAlgorithmName* list = nullptr;
+  ASSERT_EQ(ksp.EnumAlgorithms(provider, 0, &count, &list, 0), 0);
+  const DWORD index = TlsAlloc();
+  const std::string found = run.Reload();
+  TlsFree(index);
+  EXPECT_NE(found.find("a block of 32 bytes"), std::string::npos) << found;
+  EXPECT_NE(found.find("thread-local"), std::string::npos) << found;
+  EXPECT_EQ(run.Reload(), "");
+}
+
+#ifdef __i386__
+const kit::Scenario sharedRuntime("soak_with_shared_runtime", [] {
+  hosts::LoadSharedRuntime();
+  soak::Options options;
+  options.reloadAfter = 5;
+  soak::Soak run(options);
+  kit::Print("found: " + run.Run(3000000, 4000));
+  return 55;
+});
+
+TEST(SoakTest, SequencesInAProgramWithASharedRuntime) {
+  const kit::ChildResult child = kit::RunChild("soak_with_shared_runtime");
+  EXPECT_EQ(child.exitCode, 55u);
+  EXPECT_EQ(child.lines, std::vector<std::string>{"found: "});
+}
+#endif
 
 // The same seed does the same: otherwise a failing one could not be looked at again.
 TEST(SoakTest, ASeedCanBeReplayed) {

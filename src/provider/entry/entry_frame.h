@@ -6,6 +6,7 @@
 #include <new>
 #include <span>
 #include <type_traits>
+#include <utility>
 
 #include "diag/debug_log.h"
 #include "provider/entry/provider_cache.h"
@@ -62,9 +63,10 @@ struct EntryFrame {
 
 // Runs the body of an entry, its checks and its work, inside the entry's lines; the body returns the entry's status and
 // may take the frame. The provider cache is cleared first, unless the entry says that it keeps it. Nothing that the
-// body throws escapes.
-template <class Body>
-SECURITY_STATUS RunEntry(const EntryLines& lines, std::span<const EntryArgument> arguments, Body&& body) noexcept {
+// body throws escapes. logResult writes what stands before the exit line however the body has ended; it throws nothing.
+template <class Body, class LogResult>
+SECURITY_STATUS RunEntry(const EntryLines& lines, std::span<const EntryArgument> arguments, Body&& body,
+                         LogResult&& logResult) noexcept {
   g_Log->WriteLine(logformat::kBanner);
   g_Log->WriteLine(lines.entry);
   EntryFrame frame;
@@ -83,6 +85,7 @@ SECURITY_STATUS RunEntry(const EntryLines& lines, std::span<const EntryArgument>
   } catch (...) {
     status = g_Log->Refuse(NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR: The operation ended with an unexpected exception");
   }
+  logResult();
   if (!frame.exitLines) return status;
   if (lines.exitHasStatus) {
     g_Log->WriteHex32(lines.exit, static_cast<std::uint32_t>(status));
@@ -91,4 +94,9 @@ SECURITY_STATUS RunEntry(const EntryLines& lines, std::span<const EntryArgument>
   }
   g_Log->WriteLine(logformat::kClosingBanner);
   return status;
+}
+
+template <class Body>
+SECURITY_STATUS RunEntry(const EntryLines& lines, std::span<const EntryArgument> arguments, Body&& body) noexcept {
+  return RunEntry(lines, arguments, std::forward<Body>(body), [] {});
 }
