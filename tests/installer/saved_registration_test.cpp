@@ -1,5 +1,5 @@
-// The state that an installation saves for the case that it fails: whole, or none. Everything happens below a key of this
-// process, which stands in for HKEY_LOCAL_MACHINE.
+// The state that an installation saves for the case that it fails: whole, or none. Everything happens below a key of
+// this process, which stands in for HKEY_LOCAL_MACHINE.
 #include "saved_registration.h"
 
 #include "registry.h"
@@ -33,8 +33,7 @@ class SavedRegistration : public ::testing::Test {
   void SetUp() override {
     name_ = L"Software\\keldaksp installer test " + std::to_wstring(GetCurrentProcessId());
     HKEY root = nullptr;
-    ASSERT_EQ(RegCreateKeyExW(HKEY_CURRENT_USER, name_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
-                              nullptr, &root, nullptr),
+    ASSERT_EQ(RegCreateKeyExW(HKEY_CURRENT_USER, name_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &root, nullptr),
               ERROR_SUCCESS);
     ASSERT_EQ(RegOverridePredefKey(HKEY_LOCAL_MACHINE, root), ERROR_SUCCESS);
     RegCloseKey(root);
