@@ -26,7 +26,7 @@ OPTION = re.compile(r"(?<![\w-])--[a-z][\w-]*")
 STATUS = re.compile(r"\b(?:NTE|SCARD_[EFW]|ERROR|STATUS)_[A-Z_]+\b")
 LITERAL = re.compile(r'(?:\bL)?"((?:\\.|[^"\\\n])*)"')
 # Tools of Windows and of others that pages call in one breath with the log's lines.
-OTHER_PROGRAMS = ("keldactl ", "sc ", "tasklist ")
+OTHER_PROGRAMS = ("keldactl ", "net ", "sc ", "tasklist ")
 
 # Made when there is something to put there.
 MAY_BE_MISSING = {"fuzz/found"}
