@@ -28,6 +28,14 @@ for arch in "x64", "x86":
     zipped = sorted(entry.split("/")[-1] for entry in zipfile.ZipFile(name + ".zip").namelist())
     assert packed == zipped and len(packed) > 10, (packed, zipped)
 PYTHON
+check "what is packed says the package's version" python3 - "$work/first/keldaksp-$version" "$version" <<'PYTHON'
+import sys, zipfile
+said = sys.argv[2].encode("utf-16-le")
+for arch in "x64", "x86":
+    archive = zipfile.ZipFile(f"{sys.argv[1]}-{arch}.zip")
+    for name in archive.namelist():
+        assert not name.endswith((".dll", ".exe")) or said in archive.read(name), name
+PYTHON
 check "the bill of materials names every file" python3 - "$work/first/keldaksp-$version" <<'PYTHON'
 import hashlib, json, sys, zipfile
 bill = json.load(open(sys.argv[1] + ".spdx.json"))
