@@ -221,6 +221,12 @@ for ((number = 0; number < ${#refusals[@]}; number += 3)); do
   check "${refusals[number + 1]} is refused (${refusals[number]##*/})" refused
   check "with a message (${refusals[number + 1]})" message_says "${refusals[number + 2]}"
 done
+# shellcheck disable=SC1003 # a backslash, no escape
+set_value 'HKLM\Software\Norvale Token Works Ltd.\Setup' InstallDir REG_SZ 'C:\Tools\'
+install_with_messages "$package"
+check "another folder that was chosen once is refused too" refused
+check "with a message (the folder of before)" message_says 'which only administrators may change; it is C:\\Tools\\.'
+reg delete 'HKLM\Software\Norvale Token Works Ltd.' /f >/dev/null
 msi /i "$package" KEYLENGTH=2049
 check "a value that means nothing is refused without a user interface" refused
 check "what is refused changes nothing" unchanged
@@ -295,6 +301,9 @@ check "the 32-bit DLL is gone too" test ! -e "$system/syswow64/keldaksp.dll"
 
 # ---- x86 ----
 prepare_system x86
+install_with_messages "$work/first/keldaksp-$version-x86.msi" 'INSTALLDIR=C:\Tools'
+check "a folder that users may change is refused (x86)" refused
+check "with a message (x86)" message_says 'INSTALLDIR has to be a folder in C:\\Program Files\\, which only'
 msi /i "$work/first/keldaksp-$version-x86.msi" PINCACHE=off
 check "a silent installation (x86)" succeeded
 check "the DLL is in System32 (x86)" cmp "$BUILD/x86/bin/keldaksp.dll" "$WINEPREFIX/drive_c/windows/system32/keldaksp.dll"
