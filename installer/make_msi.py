@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """make_msi.py ARCH VERSION FILE_VERSION FILES ACTIONS ICON MSI: makes a package of Windows Installer.
 
-FILE_VERSION is what DLLs and programs say of themselves, FILES is a folder with what is laid down, ACTIONS the DLL with the custom actions. wixl packs the files; the tables that it
-knows nothing of, or too little, are imported afterwards. The same input gives the
-same bytes; times are SOURCE_DATE_EPOCH."""
+FILE_VERSION is what DLLs and programs say of themselves, FILES is a folder with what is laid down, ACTIONS the DLL with the
+custom actions. wixl packs the files; the tables that it knows nothing of, or too little, are imported afterwards. The same
+input gives the same bytes; times are SOURCE_DATE_EPOCH."""
 
 import hashlib
 import os
@@ -58,6 +58,8 @@ PROPERTIES = {
     "ARPCONTACT": "Norvale Token Works Ltd.",
     "SecureCustomProperties": "INSTALLDIR;PINCACHE;PROVIDERCACHE;KEYLENGTH;LOGFILE;OLDERVERSION;NEWERVERSION",
     "DISABLEADVTSHORTCUTS": "1",
+    # Conditions have no other way to speak of it.
+    "QuotationMark": '"',
 }
 
 
@@ -65,11 +67,23 @@ def guid(*words):
     return "{" + str(uuid.uuid5(FAMILY, "/".join(words))).upper() + "}"
 
 
+def program_files(arch):
+    return "ProgramFiles64Folder" if arch == "x64" else "ProgramFilesFolder"
+
+
 def on_or_off(name):
     return (f'NOT {name} OR {name}~="on" OR {name}~="off"', f"{name} has to be on or off; it is [{name}].")
 
 
+def is_path(name):
+    """What no path has, or what ends a word of a command line or of an action's data."""
+    marks = ["QuotationMark"] + [f'"{mark}"' for mark in "|<>*?"]
+    return (f"NOT {name} OR NOT (" + " OR ".join(f"{name}><{mark}" for mark in marks) + ")",
+            f'{name} is no path, because of one of the characters " | < > * ?; it is [{name}].')
+
+
 def conditions(arch):
+    programs = program_files(arch)
     lengths = " OR ".join(f'KEYLENGTH="{bits}"' for bits in (1024, 2048, 3072, 4096))
     found = [
         ("NOT NEWERVERSION OR Installed", "A newer version of [ProductName] is installed. Remove it first."),
@@ -79,6 +93,13 @@ def conditions(arch):
         (f"NOT KEYLENGTH OR {lengths}", "KEYLENGTH has to be 1024, 2048, 3072 or 4096; it is [KEYLENGTH]."),
         ('NOT LOGFILE OR LOGFILE~="off" OR LOGFILE><":\\" OR LOGFILE<<"\\\\"',
          "LOGFILE has to be a path with its drive, or off; it is [LOGFILE]."),
+        ('NOT LOGFILE OR NOT (LOGFILE>>"\\")', "LOGFILE has to be a file, not a folder; it is [LOGFILE]."),
+        is_path("LOGFILE"),
+        is_path("INSTALLDIR"),
+        # keldactl is run from there with the system's rights, at a repair by anybody's wish, and the folder is on everybody's
+        # PATH: none but administrators may change anything in it or above it.
+        (f'REMOVE~="ALL" OR NOT INSTALLDIR OR (INSTALLDIR~<<{programs} AND NOT (INSTALLDIR><".."))',
+         f"INSTALLDIR has to be a folder in [{programs}], which only administrators may change; it is [INSTALLDIR]."),
     ]
     if arch == "x86":
         found.append(("NOT VersionNT64", "This is the package for 32-bit Windows; 64-bit Windows needs the x64 package, "
@@ -90,7 +111,7 @@ def sequence():
     rows = [(name, condition, place) for name, _, _, _, place, condition in ACTIONS]
     # What an action is to be told is fixed just before it.
     rows += [("Tell" + name, condition, place - 5) for name, _, _, data, place, condition in ACTIONS if data]
-    rows.append(("KeepPlace", KEPT_PLACE, 410))
+    rows.append(("KeepPlace", KEPT_PLACE, 60))
     rows.append(("TellPlace", "", 1010))
     return rows
 
@@ -114,7 +135,7 @@ STANDARD_SEQUENCE = [
     ("InstallFinalize", "", 6600)
 ]
 USER_INTERFACE_SEQUENCE = [
-    ("FindRelatedProducts", "", 25), ("AppSearch", "", 50), ("LaunchConditions", "", 100), ("KeepPlace", KEPT_PLACE, 410),
+    ("FindRelatedProducts", "", 25), ("AppSearch", "", 50), ("KeepPlace", KEPT_PLACE, 60), ("LaunchConditions", "", 100),
     ("ValidateProductID", "", 700), ("CostInitialize", "", 800), ("FileCost", "", 900), ("CostFinalize", "", 1000),
     ("ExecuteAction", "", 1300)
 ]
@@ -208,7 +229,7 @@ def existing_tables(msi):
 
 def give_versions(msi, version):
     """Windows replaces a file that has a version only by one that has a version too; wixl sees none."""
-    programs = ("Provider", "Provider32", "Client")
+    programs = ("Provider", "Provider32", "Client", "Client32")
     files = exported(msi, "File")
     for row in files:
         if row[0] in programs:
@@ -233,6 +254,9 @@ def main():
     files, actions, icon, msi = (pathlib.Path(p).resolve() for p in (files, actions, icon, msi))
     win64 = "yes" if arch == "x64" else "no"
     content = sorted(p for p in files.rglob("*") if p.is_file())
+    overlong = [condition for condition, text in conditions(arch) if max(len(condition), len(text)) > 255]
+    if overlong:
+        sys.exit(f"longer than a column of the table: {overlong}")
     mark = digest_of(content + [actions, icon, HERE / "product.wxs", HERE / "make_msi.py"])
     with tempfile.TemporaryDirectory() as work:
         work = pathlib.Path(work)
@@ -251,9 +275,10 @@ def main():
         variables = {
             "Arch": arch, "Version": version, "Win64": win64,
             "System": "System64Folder" if arch == "x64" else "SystemFolder",
-            "ProgramFiles": "ProgramFiles64Folder" if arch == "x64" else "ProgramFilesFolder", "Files": "files", "Actions": "actions.dll", "Icon": "kelda.ico",
+            "ProgramFiles": program_files(arch), "Files": "files", "Actions": "actions.dll", "Icon": "kelda.ico",
             "ProductCode": guid("product", arch, version, mark), "UpgradeCode": guid("upgrade", arch),
-            "ProviderGuid": guid("provider", arch), "Provider32Guid": guid("provider32", arch), "ClientGuid": guid("client", arch)
+            "ProviderGuid": guid("provider", arch), "Provider32Guid": guid("provider32", arch), "ClientGuid": guid("client", arch),
+            "Client32Guid": guid("client32", arch)
         }
         defines = [word for name, value in variables.items() for word in ("-D", f"{name}={value}")]
         fresh = work / "package.msi"

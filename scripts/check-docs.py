@@ -4,7 +4,8 @@
 Fails when a page links to a file or heading that is not there, names a path, a script, one of its options, a command or an
 option of keldactl that does not exist, tells another number for a status than Windows' headers, or quotes a line of the log
 that no source writes; when docs/registry.md or docs/statuses.md and the sources differ in what values and statuses there
-are; and when docs/building.md leaves out a script or a variable.
+are; and when docs/building.md leaves out a script or a variable. Before, each check is shown an error of each of its kinds, and
+the program fails when one is not found.
 """
 import pathlib
 import re
@@ -25,7 +26,7 @@ OPTION = re.compile(r"(?<![\w-])--[a-z][\w-]*")
 STATUS = re.compile(r"\b(?:NTE|SCARD_[EFW]|ERROR|STATUS)_[A-Z_]+\b")
 LITERAL = re.compile(r'(?:\bL)?"((?:\\.|[^"\\\n])*)"')
 # Tools of Windows and of others that pages call in one breath with the log's lines.
-OTHER_PROGRAMS = ("keldactl ", "sc ", "tasklist ")
+OTHER_PROGRAMS = ("keldactl ", "net ", "sc ", "tasklist ")
 
 # Made when there is something to put there.
 MAY_BE_MISSING = {"fuzz/found"}
@@ -162,9 +163,7 @@ def check_log_lines(page, text, lines):
             report(page, f'quotes "{quote}", which no source writes')
 
 
-def check_registry(sources, others):
-    page = DOCS / "registry.md"
-    text = page.read_text()
+def check_registry(page, text, sources, others):
     told = {span.rsplit("\\", 1)[-1] for row in re.findall(r"^\| (`[^|]*`) \| REG_|^\| (`[^|]*`) \|", text, re.M)
             for cell in row for span in SPAN.findall(cell)}
     read = set(re.findall(r'RegGetValueW\([^;]*?L"([^"]+)"', sources))
@@ -178,9 +177,7 @@ def check_registry(sources, others):
             report(page, f"leaves out the key {key}")
 
 
-def check_statuses(sources):
-    page = DOCS / "statuses.md"
-    text = page.read_text()
+def check_statuses(page, text, sources):
     told = set(STATUS.findall(text))
     code = re.sub(r"//[^\n]*", "", LITERAL.sub('""', sources))
     known = set(STATUS.findall(code))
@@ -192,9 +189,7 @@ def check_statuses(sources):
         report(page, f"tells of {name}, which the provider does not use")
 
 
-def check_building():
-    page = DOCS / "building.md"
-    text = page.read_text()
+def check_building(page, text):
     scripts = files("scripts/*.sh")
     for script in scripts:
         if script.name not in text:
@@ -207,24 +202,65 @@ def check_building():
             report(page, f"leaves out the variable {name}")
 
 
+def planted(checks):
+    """Errors, a text and what is reported of it, for each check."""
+    errors = [
+        (check_links, "[a](nowhere.md)", "links to nowhere.md"),
+        (check_links, "# One\n[a](building.md#nowhere)", "has no such heading"),
+        (check_links, "[a](#nowhere)", "has no such heading"),
+        (check_paths, "`src/nowhere/none.cpp`", "names src/nowhere/none.cpp"),
+        (check_paths, "`nowhere/none.cpp`", "names nowhere/none.cpp"),
+        (check_scripts, "`nowhere.sh`", "names the script nowhere.sh"),
+        (check_scripts, "```sh\nscripts/build.sh --nowhere x64\n```", "gives build.sh the option --nowhere"),
+        (check_keldactl, "```\nkeldactl nowhere\n```", "the command nowhere"),
+        (check_keldactl, "`keldactl sign --nowhere FILE`", "gives keldactl sign the option --nowhere"),
+        (check_numbers, "| `NTE_FAIL` | 0x80090021 |", "which is 0x80090020"),
+        (check_numbers, "`NTE_FAIL` (0x80090021)", "which is 0x80090020"),
+        (check_log_lines, "```log\nNobody writes this line\n```", 'quotes "Nobody writes'),
+        (check_registry, "| `NOWHERE` | REG_SZ |", "tells of NOWHERE"),
+        (check_registry, "| `KSPDIR` | REG_SZ |", "leaves out PINCACHE"),
+        (check_registry, "", "leaves out the key"),
+        (check_statuses, "", "leaves out NTE_INVALID_HANDLE"),
+        (check_statuses, "`NTE_NOWHERE`", "tells of NTE_NOWHERE"),
+        (check_building, "KELDA_BUILD", "leaves out test.sh"),
+        (check_building, "build.sh", "leaves out the variable KELDA_BUILD"),
+    ]
+    for check, text, expected in errors:
+        checks[check](DOCS / "troubleshooting.md", text)
+        if not any(expected in problem for problem in problems):
+            yield f"{check.__name__} does not see what is wrong with {text!r}: {problems}"
+        problems.clear()
+    for check in set(checks) - {check for check, _, _ in errors}:
+        yield f"{check.__name__} was shown no error"
+
+
 def main():
     source = text_of("src/*.cpp", "src/*.h")
     tools = text_of("tools/keldactl/*.cpp", "tools/keldactl/*.h")
+    others = tools + text_of("standins/*.cpp", "standins/*.h")
     lines = {line for line in literals(source) if len(line) > 3}
     numbers = numbers_of_statuses()
+    every_page = {
+        check_links: check_links,
+        check_paths: check_paths,
+        check_scripts: check_scripts,
+        check_keldactl: lambda page, text: check_keldactl(page, text, tools),
+        check_numbers: lambda page, text: check_numbers(page, text, numbers),
+        check_log_lines: lambda page, text: check_log_lines(page, text, lines),
+    }
+    one_page = {
+        check_registry: lambda page, text: check_registry(page, text, source, others),
+        check_statuses: lambda page, text: check_statuses(page, text, source),
+        check_building: check_building,
+    }
+    blind = list(planted(every_page | one_page))
     for page in files("*.md"):
-        text = page.read_text()
-        check_links(page, text)
-        check_paths(page, text)
-        check_scripts(page, text)
-        check_keldactl(page, text, tools)
-        check_numbers(page, text, numbers)
-        check_log_lines(page, text, lines)
-    check_registry(source, tools + text_of("standins/*.cpp", "standins/*.h"))
-    check_statuses(source)
-    check_building()
-    print("\n".join(problems))
-    return 1 if problems else 0
+        for check in every_page.values():
+            check(page, page.read_text())
+    for check, name in ((check_registry, "registry.md"), (check_statuses, "statuses.md"), (check_building, "building.md")):
+        one_page[check](DOCS / name, (DOCS / name).read_text())
+    print("\n".join(blind + problems))
+    return 1 if blind or problems else 0
 
 
 if sys.argv[1:] == ["--help"]:

@@ -6,7 +6,7 @@
 # (build/dist): for each keldaksp-VERSION-WIDTH.msi and .zip, and for all SHA256SUMS and a bill of materials (SPDX). Two
 # runs on one commit give the same bytes, unless they are signed. --version is for trying out upgrades.
 #
-# With --sign-with, DLLs, keldactl.exe and the .msi are signed by osslsigncode: with a PKCS#12 file, or with a key on a token
+# With --sign-with, DLLs, both keldactl.exe and the .msi are signed by osslsigncode: with a PKCS#12 file, or with a key on a token
 # (URI, RFC 7512, without its PIN) of the PKCS#11 library --module and its certificate. The password or PIN is the first
 # line of --password-file. --timestamp asks that RFC 3161 server to confirm the time.
 # shellcheck source=scripts/lib.sh
@@ -68,8 +68,11 @@ lay_down() {
     cmake --install "$BUILD/$arch" --component "$component" --prefix "$dir" >/dev/null ||
       die "what scripts/build.sh $arch makes is missing"
   done
-  [[ $arch == x86 ]] || cmake --install "$BUILD/x86" --component product --prefix "$dir/x86" >/dev/null ||
-    die "what scripts/build.sh x86 makes is missing"
+  # 32-bit programs' side of a 64-bit system can be looked at only by a client of their width.
+  for component in product client; do
+    [[ $arch == x86 ]] || cmake --install "$BUILD/x86" --component "$component" --prefix "$dir/x86" >/dev/null ||
+      die "what scripts/build.sh x86 makes is missing"
+  done
   chmod -R u=rwX,go=rX "$dir"
   [[ ! $sign_with ]] || find "$dir" \( -name '*.dll' -o -name '*.exe' \) -print0 | sort -z | while IFS= read -r -d '' file; do
     sign "$file"

@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# screenshots.sh [dialogs] [consoles]: takes the pictures in docs/images anew, from the real programs (without names: all).
+# screenshots.sh [dialogs] [consoles] [installer]: takes the pictures in docs/images anew, from the real programs (without names: all).
 #   dialogs    the reader dialog and the PIN dialog, as the demo shows them, and with a wrong and a locked PIN
 #   consoles   what keldactl says of a healthy installation and of the log: its text, in a terminal
+#   installer  what the package says, with a plain user interface, of a missing token module
 # shellcheck source=scripts/lib.sh
 source "$(dirname "$0")/lib.sh"
 
-(($#)) || set -- dialogs consoles
+(($#)) || set -- dialogs consoles installer
 work=$BUILD/screenshots
 images=$ROOT/docs/images
 program='C:\Program Files\Norvale Token Works\keldactl.exe'
@@ -129,8 +130,32 @@ consoles() {
   console keldactl-log "keldactl log show" "$work/log.txt"
 }
 
+# The package is installed in a system of its own, with the stand-ins in the product's folder.
+installer() {
+  local tries folder
+  "$ROOT/scripts/package.sh" --out "$work/packages" x64
+  rm -rf "$work/prefix-installer"
+  use_prefix x64 "$work/prefix-installer"
+  folder="$WINEPREFIX/drive_c/Program Files/Norvale Token Works/KSP"
+  cmake --install "$BUILD/x64" --component standins --prefix "$folder" >/dev/null
+  use_standins "$folder"
+  "$WINE" msiexec /i "$(windows_path "$work"/packages/*-x64.msi)" /qb </dev/null >/dev/null 2>&1 &
+  worker=$!
+  window=
+  for ((tries = 0; tries < 600; tries++)); do
+    window=$(xdotool search --onlyvisible --name '^Windows Installer$' 2>/dev/null | head -n 1) || true
+    [[ ! $window ]] || break
+    sleep 0.1
+  done
+  [[ $window ]] || die "the package never gave its warning"
+  picture_of "$window" "$work/warning.png" && keep "$work/warning.png" installer-warning
+  xdotool windowfocus --sync "$window" key Return
+  wait "$worker" || true
+  worker=
+}
+
 for part in "$@"; do
-  [[ $part =~ ^(dialogs|consoles)$ ]] || die "unknown pictures $part; known are: dialogs consoles"
+  [[ $part =~ ^(dialogs|consoles|installer)$ ]] || die "unknown pictures $part; known are: dialogs consoles installer"
 done
 "$ROOT/scripts/prepare.sh" build run
 need_packages xterm fonts-dejavu-core
@@ -144,3 +169,4 @@ use_prefix x64 "$work/prefix"
 install_product
 [[ " $* " != *" consoles "* ]] || consoles
 [[ " $* " != *" dialogs "* ]] || wrong_pins
+[[ " $* " != *" installer "* ]] || installer

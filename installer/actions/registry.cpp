@@ -9,6 +9,13 @@ void Need(LSTATUS status) {
   if (status != ERROR_SUCCESS) throw status;
 }
 
+// False when there is nothing of that name. That something may not be read does not mean that it is not there.
+bool NeedIfThere(LSTATUS status) {
+  if (status == ERROR_FILE_NOT_FOUND || status == ERROR_PATH_NOT_FOUND) return false;
+  Need(status);
+  return true;
+}
+
 }  // namespace
 
 const std::vector<View>& Views() {
@@ -20,9 +27,8 @@ const std::vector<View>& Views() {
 
 std::optional<Key> Key::Open(const std::wstring& path, REGSAM view) {
   HKEY key = nullptr;
-  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, KEY_READ | KEY_WRITE | view, &key) != ERROR_SUCCESS) {
-    return std::nullopt;
-  }
+  const REGSAM access = KEY_READ | KEY_WRITE | view;
+  if (!NeedIfThere(RegOpenKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, access, &key))) return std::nullopt;
   return Key(key);
 }
 
@@ -58,7 +64,9 @@ std::vector<Value> ValuesOf(const Key& key) {
   wchar_t name[16384];  // the longest that there is
   for (DWORD index = 0;; ++index) {
     DWORD length = static_cast<DWORD>(std::size(name));
-    if (RegEnumValueW(key.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) break;
+    const LSTATUS status = RegEnumValueW(key.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr);
+    if (status == ERROR_NO_MORE_ITEMS) break;
+    Need(status);
     if (std::optional<Value> value = FindValue(key, std::wstring(name, length))) values.push_back(*std::move(value));
   }
   return values;
@@ -67,12 +75,14 @@ std::vector<Value> ValuesOf(const Key& key) {
 std::optional<Value> FindValue(const Key& key, const std::wstring& name) {
   Value value = {name, REG_NONE, {}};
   DWORD size = 0;
-  if (RegQueryValueExW(key.Get(), name.c_str(), nullptr, &value.type, nullptr, &size) != ERROR_SUCCESS) return {};
+  if (!NeedIfThere(RegQueryValueExW(key.Get(), name.c_str(), nullptr, &value.type, nullptr, &size))) return {};
   value.data.resize(size);
-  if (RegQueryValueExW(key.Get(), name.c_str(), nullptr, &value.type, value.data.data(), &size) != ERROR_SUCCESS) {
-    return {};
-  }
+  Need(RegQueryValueExW(key.Get(), name.c_str(), nullptr, &value.type, value.data.data(), &size));
   return value;
+}
+
+void Remove(const Key& key, const std::wstring& name) {
+  NeedIfThere(RegDeleteValueW(key.Get(), name.c_str()));
 }
 
 void Write(const Key& key, const Value& value) {

@@ -29,6 +29,7 @@ const std::vector<View>& Views();
 
 class Key {
  public:
+  // Nothing when there is no such key. Throws LSTATUS when there is one that cannot be opened.
   static std::optional<Key> Open(const std::wstring& path, REGSAM view);
   // Throws the error's number (LSTATUS) when the key can neither be opened nor made.
   static Key Create(const std::wstring& path, REGSAM view);
@@ -58,9 +59,10 @@ struct Value {
 Value TextValue(const std::wstring& name, const std::wstring& text);
 Value NumberValue(const std::wstring& name, DWORD number);
 
+// These throw LSTATUS.
 std::vector<Value> ValuesOf(const Key& key);
 std::optional<Value> FindValue(const Key& key, const std::wstring& name);
-// Throws LSTATUS.
+void Remove(const Key& key, const std::wstring& name);
 void Write(const Key& key, const Value& value);
 
 // With everything below it. A key that is not there is no failure; others are thrown as LSTATUS.

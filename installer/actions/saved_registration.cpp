@@ -6,6 +6,9 @@
 namespace installer {
 namespace {
 
+// The value of kSavedKey that is written when everything else has been saved.
+constexpr wchar_t kComplete[] = L"Complete";
+
 struct Tree {
   std::wstring path;
   REGSAM view;
@@ -29,17 +32,32 @@ std::vector<Tree> Trees() {
   return trees;
 }
 
+bool IsSaved() {
+  const std::optional<Key> saved = Key::Open(kSavedKey, OwnView());
+  return saved && FindValue(*saved, kComplete);
+}
+
+// The mark first: what is left when the rest fails is no saved state.
+void ForgetTrees() {
+  if (const std::optional<Key> saved = Key::Open(kSavedKey, OwnView())) Remove(*saved, kComplete);
+  RemoveTree(kSavedKey, OwnView());
+}
+
 }  // namespace
 
 void SaveRegistrationAndSettings() {
-  RemoveTree(kSavedKey, OwnView());
-  Key::Create(kSavedKey, OwnView());
+  ForgetTrees();
+  const Key saved = Key::Create(kSavedKey, OwnView());
   for (const Tree& tree : Trees())
     MirrorTree(tree.path, tree.view, tree.saved, OwnView());
+  Write(saved, NumberValue(kComplete, 1));
 }
 
 void RestoreRegistrationAndSettings(const Journal& journal, const std::wstring& client) {
-  if (!Key::Open(kSavedKey, OwnView())) return;
+  if (!IsSaved()) {
+    journal.Note(L"Registration and settings were not saved completely, and nothing is restored.");
+    return;
+  }
   // keldactl knows how to enter the provider into Windows' list and how to take it out; the values follow.
   const bool was_registered = Key::Open(SavedAs(L"Provider"), OwnView()).has_value();
   RunClient(journal, client, was_registered ? L"register" : L"unregister");
@@ -48,7 +66,7 @@ void RestoreRegistrationAndSettings(const Journal& journal, const std::wstring& 
 }
 
 void ForgetSaved() {
-  RemoveTree(kSavedKey, OwnView());
+  ForgetTrees();
   RemoveIfEmpty(kChosenKey, OwnView());
   RemoveIfEmpty(kSetupKey, OwnView());
   for (const View& view : Views())

@@ -28,6 +28,14 @@ for arch in "x64", "x86":
     zipped = sorted(entry.split("/")[-1] for entry in zipfile.ZipFile(name + ".zip").namelist())
     assert packed == zipped and len(packed) > 10, (packed, zipped)
 PYTHON
+check "what is packed says the package's version" python3 - "$work/first/keldaksp-$version" "$version" <<'PYTHON'
+import sys, zipfile
+said = sys.argv[2].encode("utf-16-le")
+for arch in "x64", "x86":
+    archive = zipfile.ZipFile(f"{sys.argv[1]}-{arch}.zip")
+    for name in archive.namelist():
+        assert not name.endswith((".dll", ".exe")) or said in archive.read(name), name
+PYTHON
 check "the bill of materials names every file" python3 - "$work/first/keldaksp-$version" <<'PYTHON'
 import hashlib, json, sys, zipfile
 bill = json.load(open(sys.argv[1] + ".spdx.json"))
@@ -54,7 +62,7 @@ signed() {
   local file
   rm -rf "$work/signing/files"
   python3 -m zipfile -e "$1/keldaksp-$version-x64.zip" "$work/signing/files"
-  for file in "$1"/*.msi "$work/signing/files"/*/{keldaksp.dll,x86/keldaksp.dll,keldactl.exe}; do
+  for file in "$1"/*.msi "$work/signing/files"/*/{,x86/}{keldaksp.dll,keldactl.exe}; do
     osslsigncode verify -CAfile "$work/signing/certificate.pem" -in "$file" || return 1
   done
 }
@@ -115,6 +123,23 @@ msi() {
   on "$arch" timeout -k 10 300 "$WINE" msiexec "$action" "$(windows_path "$package")" /qn \
     /l*v "$(windows_path "$work/out/msi.txt")" "$@" </dev/null >/dev/null 2>&1 || status=$?
 }
+# install_with_messages PACKAGE WORD...: with the plain user interface, whose message a robot answers. Wine, which keeps the
+# messages of launch conditions out of its log, tells them in messages.txt.
+install_with_messages() {
+  local package=$1 installer window
+  shift
+  status=0
+  WINEDEBUG=-all,+msgbox on "$arch" timeout -k 10 300 "$WINE" msiexec /i "$(windows_path "$package")" /qb "$@" \
+    </dev/null >messages.txt 2>&1 &
+  installer=$!
+  while kill -0 "$installer" 2>/dev/null; do
+    window=$(xdotool search --onlyvisible --name '^(Install Failed|Windows Installer)$' 2>/dev/null | head -n 1) || true
+    [[ ! $window ]] || xdotool windowfocus --sync "$window" key Return || true
+    sleep 0.1
+  done
+  wait "$installer" || status=$?
+}
+message_says() { grep -qF -e "$1" messages.txt || { cat messages.txt && false; }; }
 repair=(REINSTALL=ALL REINSTALLMODE=amus)
 succeeded() { ((status == 0)) || { tail -n 40 msi.txt; return 1; }; }
 refused() { ((status != 0)); }
@@ -164,12 +189,48 @@ check "what an upgrade leaves in place hangs on one condition" bash -c '(($(grep
   "$older" "$taking_away"
 msibuild "$older" -q "UPDATE InstallExecuteSequence SET Condition = 'REMOVE~=\"ALL\" AND NOT %KELDA_UPGRADING' WHERE Condition = '$taking_away'"
 
-# ---- x64: a refusal, which leaves everything as it is ----
+# ---- x64: refusals, which leave everything as it is ----
 prepare_system x64
 system=$WINEPREFIX/drive_c/windows
-msi /i "$package" PINCACHE=perhaps
-check "a setting that means nothing is refused" refused
-check "and changes nothing" unchanged
+path_marks='because of one of the characters'
+# A property with a quotation mark in it reaches a package in the package only: msiexec's own command line loses it.
+cp "$package" quoted.msi
+msibuild quoted.msi -q "INSERT INTO Property (Property, Value) VALUES ('LOGFILE', 'C:\\ksp\"log')"
+# A package, its properties, and what is said of them.
+# shellcheck disable=SC1003 # backslashes, no escapes
+refusals=(
+  "$package" 'PINCACHE=perhaps' 'PINCACHE has to be on or off; it is perhaps.'
+  "$package" 'PINCACHE=00000000' 'PINCACHE has to be on or off; it is 00000000.'
+  "$package" 'PROVIDERCACHE=1' 'PROVIDERCACHE has to be on or off; it is 1.'
+  "$package" 'KEYLENGTH=2049' 'KEYLENGTH has to be 1024, 2048, 3072 or 4096; it is 2049.'
+  "$package" 'KEYLENGTH=2048x' 'KEYLENGTH has to be 1024, 2048, 3072 or 4096; it is 2048x.'
+  "$package" 'LOGFILE=ksp.log' 'LOGFILE has to be a path with its drive, or off; it is ksp.log.'
+  "$package" 'LOGFILE=C:\logs\' 'LOGFILE has to be a file, not a folder; it is C:\\logs\\.'
+  "$package" 'LOGFILE=C:\ksp|CLIENT=C:\evil.exe' "LOGFILE is no path, $path_marks"
+  quoted.msi PINCACHE=off "LOGFILE is no path, $path_marks"
+  "$package" 'LOGFILE=C:\ksp*log' "LOGFILE is no path, $path_marks"
+  "$package" 'LOGFILE=C:\ksp?log' "LOGFILE is no path, $path_marks"
+  "$package" 'LOGFILE=C:\<ksp>log' "LOGFILE is no path, $path_marks"
+  "$package" 'INSTALLDIR=C:\Tools' 'INSTALLDIR has to be a folder in C:\\Program Files\\, which only administrators may change; it is C:\\Tools.'
+  "$package" 'INSTALLDIR=C:\Program Files' 'INSTALLDIR has to be a folder in C:\\Program Files\\'
+  "$package" 'INSTALLDIR=C:\Program Files\..\Tools' 'INSTALLDIR has to be a folder in C:\\Program Files\\'
+  "$package" 'INSTALLDIR=C:\Program Files\KSP|CLIENT=C:\evil.exe' "INSTALLDIR is no path, $path_marks"
+)
+for ((number = 0; number < ${#refusals[@]}; number += 3)); do
+  install_with_messages "${refusals[@]:number:2}"
+  check "${refusals[number + 1]} is refused (${refusals[number]##*/})" refused
+  check "with a message (${refusals[number + 1]})" message_says "${refusals[number + 2]}"
+done
+# shellcheck disable=SC1003 # a backslash, no escape
+set_value 'HKLM\Software\Norvale Token Works Ltd.\Setup' InstallDir REG_SZ 'C:\Tools\'
+install_with_messages "$package"
+check "another folder that was chosen once is refused too" refused
+check "with a message (the folder of before)" message_says 'which only administrators may change; it is C:\\Tools\\.'
+reg delete 'HKLM\Software\Norvale Token Works Ltd.' /f >/dev/null
+msi /i "$package" KEYLENGTH=2049
+check "a value that means nothing is refused without a user interface" refused
+check "what is refused changes nothing" unchanged
+check "and makes no folder" bash -c '! [[ -e $1/Tools || -e $1/logs ]]' - "$WINEPREFIX/drive_c"
 
 # ---- x64: installation of the lower version, with settings ----
 msi /i "$older" PINCACHE=off PROVIDERCACHE=off KEYLENGTH=3072 'LOGFILE=C:\logs\ksp.log'
@@ -177,6 +238,7 @@ check "a silent installation" succeeded
 check "the DLL is in System32" cmp "$BUILD/x64/bin/keldaksp.dll" "$system/system32/keldaksp.dll"
 check "and the other one in SysWOW64" cmp "$BUILD/x86/bin/keldaksp.dll" "$system/syswow64/keldaksp.dll"
 check "keldactl is installed" cmp "$BUILD/x64/bin/keldactl.exe" "$installed/keldactl.exe"
+check "and the one for the programs of 32 bits" cmp "$BUILD/x86/bin/keldactl.exe" "$installed/x86/keldactl.exe"
 check "and the documents" cmp "$ROOT/docs/registry.md" "$installed/docs/registry.md"
 check "keldactl is on the PATH" grep -qF 'C:\Program Files\Norvale Token Works\KSP' \
   <(value 'HKLM\System\CurrentControlSet\Control\Session Manager\Environment' PATH)
@@ -239,6 +301,9 @@ check "the 32-bit DLL is gone too" test ! -e "$system/syswow64/keldaksp.dll"
 
 # ---- x86 ----
 prepare_system x86
+install_with_messages "$work/first/keldaksp-$version-x86.msi" 'INSTALLDIR=C:\Tools'
+check "a folder that users may change is refused (x86)" refused
+check "with a message (x86)" message_says 'INSTALLDIR has to be a folder in C:\\Program Files\\, which only'
 without_token=$(why_no_soft_token x86)
 [[ $without_token ]] || mv "$installed/keldapkcs11.dll" module.dll
 msi /i "$work/first/keldaksp-$version-x86.msi" PINCACHE=off
@@ -281,6 +346,15 @@ msi /x undoing.msi
 check "a removal without a registration" succeeded
 check "a setting from before stays" value_is "$sdk" PINCACHE mine
 check "the machine is as it was" unchanged
+# The same without the action that saves: another installation's half of a saved state is no saved state.
+set_value 'HKLM\Software\Norvale Token Works Ltd.\Setup\Saved\Client' Other REG_SZ half
+msibuild undoing.msi -q "UPDATE InstallExecuteSequence SET Condition = '0' WHERE Action = 'SaveRegistration'"
+msi /i undoing.msi PROVIDERCACHE=off
+check "what was not saved completely is not restored" value_is "$sdk" dwUseProviderCache 0x0
+check "the log says so" log_says 'were not saved completely, and nothing is restored'
+check "and nothing saved is left then" bash -c '! grep -F Saved' <<<"$(keys 'HKLM\Software\Norvale Token Works Ltd.')"
+msi /x undoing.msi
+check "the machine is as it was, again" unchanged
 
 # A log file cannot have the name of a folder.
 msi /i "$package" 'LOGFILE=C:\windows'
