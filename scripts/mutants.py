@@ -171,6 +171,7 @@ class Worker:
 
     def __init__(self, folder, prefix):
         self.tree = folder / "tree"
+        self.builds = self.tree / "build"
         self.folder = folder
         self.prefix = prefix
         self.programs = []
@@ -199,7 +200,7 @@ class Worker:
 
     def build(self):
         return all(
-            self.run(["ninja", "-C", self.folder / what, "-j1", "test_programs"], self.build_seconds) == 0
+            self.run(["ninja", "-C", self.builds / what, "-j1", "test_programs"], self.build_seconds) == 0
             for what in ("native", "x64")
         )
 
@@ -207,9 +208,9 @@ class Worker:
         """The test programs that CTest knows; of those that are built natively too, only the native one."""
         found = {}
         for what in ("native", "x64"):
-            shown = subprocess.run(["ctest", "--test-dir", self.folder / what, "--show-only=json-v1"], check=True,
+            shown = subprocess.run(["ctest", "--test-dir", self.builds / what, "--show-only=json-v1"], check=True,
                                    capture_output=True)
-            folder = str(self.folder / what / "bin") + "/"
+            folder = str(self.builds / what / "bin") + "/"
             for test in json.loads(shown.stdout)["tests"]:
                 labels = next((p["value"] for p in test["properties"] if p["name"] == "LABELS"), [])
                 paths = [word for word in test.get("command", []) if word.startswith(folder)]
@@ -236,7 +237,7 @@ class Worker:
         return f"{program.name}: {failed.group(1)}" if failed else f"{program.name}: status {status}"
 
     def dll(self):
-        return self.folder / "x64/bin/keldaksp.dll"
+        return self.builds / "x64/bin/keldaksp.dll"
 
     def affected(self, program, stamps):
         inputs = [program.path, self.dll()] if program.windows else [program.path]
