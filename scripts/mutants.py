@@ -318,6 +318,12 @@ def harmless(document):
     return rows
 
 
+def misplaced(rows, root):
+    """The rows that name no place, or more than one."""
+    return [f"{file}: {code}" for file, code, _ in rows
+            if not (root / file).is_file() or bare((root / file).read_text()).count(code) != 1]
+
+
 def is_harmless(mutant, source, rows):
     """Whether a row names this change at this place. Spaces and line ends do not count, so that a row outlives a
     reformatting of the source."""
@@ -360,6 +366,12 @@ def main():
         for mutant, _ in zip(order, range(options.count)):
             print(shown(mutant))
         return 0
+
+    known = harmless(options.document)
+    lost = misplaced(known, workers[0].tree)
+    if lost:
+        print("\n".join(["Rows of the document that do not name one place:"] + lost))
+        return 1
 
     print("Building and testing the unchanged sources", flush=True)
     with concurrent.futures.ThreadPoolExecutor(len(workers)) as pool:
@@ -407,7 +419,6 @@ def main():
         raise errors.get()
 
     verdicts.sort(key=lambda pair: pair[0].number)
-    known = harmless(options.document)
     tree = workers[0].tree
     verdicts = [
         (m, "changes nothing" if v == "survived" and is_harmless(m, (tree / m.file).read_text(), known) else v)
