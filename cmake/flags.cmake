@@ -29,14 +29,16 @@ else()
   target_link_options(kelda_flags INTERFACE -fsanitize=address,undefined)
 endif()
 
-option(KELDA_COVERAGE "Programs and DLLs count the lines they run (for scripts/coverage.sh)" OFF)
+# Only the product counts: what merely tests it is then the same as in every other build, and the compiler's cache has it.
+option(KELDA_COVERAGE "The product counts the lines it runs (for scripts/coverage.sh)" OFF)
+define_property(TARGET PROPERTY KELDA_COUNTED INITIALIZE_FROM_VARIABLE KELDA_COUNTED)
+set(kelda_counters --coverage -O0 -fprofile-update=atomic)
+# No build path in a binary: two builds of one commit in different folders are equal. Counters need the real paths.
+set(kelda_paths -ffile-prefix-map=${CMAKE_SOURCE_DIR}=. -ffile-prefix-map=${CMAKE_BINARY_DIR}=build)
+target_compile_options(
+  kelda_flags INTERFACE "$<IF:$<BOOL:$<TARGET_PROPERTY:KELDA_COUNTED>>,${kelda_counters},${kelda_paths}>")
 if(KELDA_COVERAGE)
-  target_compile_options(kelda_flags INTERFACE --coverage -O0 -fprofile-update=atomic)
   target_link_options(kelda_flags INTERFACE --coverage)
-else()
-  # No build path in a binary: two builds of one commit in different folders are equal.
-  target_compile_options(kelda_flags INTERFACE -ffile-prefix-map=${CMAKE_SOURCE_DIR}=.
-                                               -ffile-prefix-map=${CMAKE_BINARY_DIR}=build)
 endif()
 
 # kelda_pkcs11: the PKCS#11 v2.40 types, from p11-kit's header.

@@ -171,6 +171,7 @@ class Worker:
 
     def __init__(self, folder, prefix):
         self.tree = folder / "tree"
+        self.builds = self.tree / "build"
         self.folder = folder
         self.prefix = prefix
         self.programs = []
@@ -199,7 +200,7 @@ class Worker:
 
     def build(self):
         return all(
-            self.run(["ninja", "-C", self.folder / what, "-j1", "test_programs"], self.build_seconds) == 0
+            self.run(["ninja", "-C", self.builds / what, "-j1", "test_programs"], self.build_seconds) == 0
             for what in ("native", "x64")
         )
 
@@ -207,9 +208,9 @@ class Worker:
         """The test programs that CTest knows; of those that are built natively too, only the native one."""
         found = {}
         for what in ("native", "x64"):
-            shown = subprocess.run(["ctest", "--test-dir", self.folder / what, "--show-only=json-v1"], check=True,
+            shown = subprocess.run(["ctest", "--test-dir", self.builds / what, "--show-only=json-v1"], check=True,
                                    capture_output=True)
-            folder = str(self.folder / what / "bin") + "/"
+            folder = str(self.builds / what / "bin") + "/"
             for test in json.loads(shown.stdout)["tests"]:
                 labels = next((p["value"] for p in test["properties"] if p["name"] == "LABELS"), [])
                 paths = [word for word in test.get("command", []) if word.startswith(folder)]
@@ -236,7 +237,7 @@ class Worker:
         return f"{program.name}: {failed.group(1)}" if failed else f"{program.name}: status {status}"
 
     def dll(self):
-        return self.folder / "x64/bin/keldaksp.dll"
+        return self.builds / "x64/bin/keldaksp.dll"
 
     def affected(self, program, stamps):
         inputs = [program.path, self.dll()] if program.windows else [program.path]
@@ -317,6 +318,12 @@ def harmless(document):
     return rows
 
 
+def misplaced(rows, root):
+    """The rows that name no place, or more than one."""
+    return [f"{file}: {code}" for file, code, _ in rows
+            if not (root / file).is_file() or bare((root / file).read_text()).count(code) != 1]
+
+
 def is_harmless(mutant, source, rows):
     """Whether a row names this change at this place. Spaces and line ends do not count, so that a row outlives a
     reformatting of the source."""
@@ -359,6 +366,12 @@ def main():
         for mutant, _ in zip(order, range(options.count)):
             print(shown(mutant))
         return 0
+
+    known = harmless(options.document)
+    lost = misplaced(known, workers[0].tree)
+    if lost:
+        print("\n".join(["Rows of the document that do not name one place:"] + lost))
+        return 1
 
     print("Building and testing the unchanged sources", flush=True)
     with concurrent.futures.ThreadPoolExecutor(len(workers)) as pool:
@@ -406,7 +419,6 @@ def main():
         raise errors.get()
 
     verdicts.sort(key=lambda pair: pair[0].number)
-    known = harmless(options.document)
     tree = workers[0].tree
     verdicts = [
         (m, "changes nothing" if v == "survived" and is_harmless(m, (tree / m.file).read_text(), known) else v)

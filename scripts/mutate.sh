@@ -24,11 +24,11 @@ for ((worker = 1; worker <= jobs; worker++)); do
   folder=$BUILD/mutation/$worker
   rm -rf "$folder/tree"
   mkdir -p "$folder/tree"
-  # All files are new (tar -m): what an earlier run built of other sources is built again.
   git -C "$ROOT" archive HEAD | tar -xm -C "$folder/tree"
   for what in native x64; do
-    # Each file is compiled once for each mutant, so that optimizing costs more than it brings.
-    cmake -S "$folder/tree" --preset "$what" -B "$folder/$what" -DCMAKE_CXX_FLAGS_RELEASE=-O0 \
+    # Each file is compiled once for each mutant, so that optimizing costs more than it brings. The builds lie in the
+    # tree as those of a checkout do: the compiler's cache then has what is compiled alike in both.
+    cmake -S "$folder/tree" --preset "$what" -B "$folder/tree/build/$what" -DCMAKE_CXX_FLAGS_RELEASE=-O0 \
       -DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache >"$folder/$what.configure.log" 2>&1 || {
       cat "$folder/$what.configure.log" >&2
       die "the $what build could not be configured"

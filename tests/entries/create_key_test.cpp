@@ -13,12 +13,12 @@ using fake::Bytes;
 using kit::Frame;
 using kit::Hex32;
 using kit::Join;
+using kit::kMachine;
+using kit::kOverwrite;
+using kit::kSilent;
 using kit::Line;
 using kit::Pointer32;
 
-constexpr DWORD kMachine = 0x20;
-constexpr DWORD kSilent = 0x40;
-constexpr DWORD kOverwrite = 0x80;
 constexpr NCRYPT_KEY_HANDLE kUntouched = 0x5A5A5A5A;
 
 class CreateKeyTest : public KeyEntryTest {

@@ -15,17 +15,17 @@ using fake::Bytes;
 using kit::Counting;
 using kit::Frame;
 using kit::Hex32;
+using kit::kBadFlags;
+using kit::kNoPadding;
+using kit::kOaep;
+using kit::kPkcs1;
+using kit::kSilent;
 using kit::Line;
 using kit::Number;
 using kit::Pointer32;
 
-constexpr DWORD kNoPadding = 0x1;
-constexpr DWORD kPkcs1 = 0x2;
-constexpr DWORD kOaep = 0x4;
-constexpr DWORD kSilent = 0x40;
 constexpr DWORD kBlock = 128;  // bytes of the tests' key
 
-const char kBadFlags[] = "NTE_BAD_FLAGS: The dwFlags parameter contains a value that is not valid.";
 const char kNoOaep[] = "NTE_NOT_SUPPORTED: OAEP padding scheme is currently not supported.";
 const char kNotWhole[] = "NTE_INVALID_PARAMETER: Data length is not a multiple of the algorithm block length.";
 const char kNotFinished[] = "NTE_BAD_KEY_STATE: The specified key is not yet finalized";
@@ -97,15 +97,6 @@ class EncryptionTest : public OpenedKeyTest<kBlock * 8> {
   void ExpectLinesAfterLogin(Direction direction, const Arguments& arguments, std::vector<Line> body, LONG status) {
     body.insert(body.begin(), LoginLine());
     EXPECT_TRUE(kit::SameLines(Lines(direction, arguments, body, status), PinLinesAsOne(kit::Log::Get().Take())));
-  }
-  // As WithoutLogin; a login counts the serial's length through the key-name log.
-  static std::vector<Line> PinLinesAsOne(std::vector<Line> lines) {
-    std::erase(lines, Number("cbSerial: ", 16));
-    return WithoutLogin(lines);
-  }
-  std::vector<std::string> CallsAfterLogin(std::vector<std::string> calls) const {
-    calls.insert(calls.begin(), {"C_GetTokenInfo(slot=11)", "VendorLogin(session=0x51, user=1, pin=31323334)"});
-    return calls;
   }
   static std::string Init(Direction direction) {
     return direction == Direction::Encrypt ? "C_EncryptInit(session=0x51, CKM_RSA_PKCS[NULL,0], key=0x101)"

@@ -8,10 +8,9 @@ namespace {
 
 using kit::Frame;
 using kit::Hex32;
+using kit::kSilent;
 using kit::Line;
 using kit::Pointer32;
-
-constexpr DWORD kSilent = 0x40;
 
 class EnumAlgorithmsTest : public KeyEntryTest {
  protected:

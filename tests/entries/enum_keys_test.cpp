@@ -16,23 +16,22 @@ using kit::Line;
 using kit::Number;
 using kit::Pointer32;
 
-class EnumKeysTest : public kit::ProviderTest {
+class EnumKeysTest : public kit::OpenedProviderTest {
  protected:
-  void SetUp() override {
-    kit::ProviderTest::SetUp();
-    AddReader();
-    provider_ = OpenProvider();
-  }
   void TearDown() override {
     if (name_) ksp().FreeBuffer(name_);
     if (state_) ksp().FreeBuffer(state_);
-    ksp().FreeProvider(provider_);
-    kit::ProviderTest::TearDown();
+    kit::OpenedProviderTest::TearDown();
   }
   SECURITY_STATUS Next(DWORD flags = 0) { return ksp().EnumKeys(provider_, nullptr, &name_, &state_, flags); }
   std::vector<Line> Arguments(NCRYPT_PROV_HANDLE provider, const void* name, const void* state, DWORD flags) const {
     return {Hex32("hProvider   : ", provider), "pszScope    : NULL", Pointer32("ppKeyName   : ", name),
             Pointer32("ppEnumState : ", state), Hex32("dwFlags     : ", flags)};
+  }
+  // Both as a caller who is done with them.
+  void FreeName() {
+    ksp().FreeBuffer(name_);
+    name_ = nullptr;
   }
   // Lines after the arguments, without the exit lines.
   static std::vector<Line> Body() {
@@ -40,7 +39,6 @@ class EnumKeysTest : public kit::ProviderTest {
     return all.size() < 9 ? all : std::vector<Line>(all.begin() + 7, all.end() - 2);
   }
 
-  NCRYPT_PROV_HANDLE provider_ = 0;
   NCryptKeyName* name_ = nullptr;
   PVOID state_ = nullptr;
 };
@@ -70,27 +68,23 @@ TEST_F(EnumKeysTest, WalksTheListInOrder) {
 TEST_F(EnumKeysTest, LogsTheFirstStep) {
   token().AddKeyPair(Ascii("First"), "");
   ASSERT_EQ(Next(NCRYPT_SILENT_FLAG), 0);
-  std::vector<Line> lines = kit::Log::Get().Take();
+  const std::vector<Line> lines = kit::Log::Get().Take();
   // The list is built between the lines compared here.
-  const auto first = std::find(lines.begin(), lines.end(), KeyName("InitializeObjectList - Entry"));
-  const auto last = std::find(lines.begin(), lines.end(), KeyName("InitializeObjectList - Exit"));
-  ASSERT_NE(last, lines.end());
-  lines.erase(first, last + 1);
+  ASSERT_FALSE(kit::ListLines(lines).empty());
   std::vector<Line> expected = Arguments(provider_, &name_, &state_, NCRYPT_SILENT_FLAG);
   for (const Line& line :
        {Line("EnumState is null"), KeyName("ReadKeyNameFromKeyObjectList - Entry"), Number("EnumState index = ", 0),
         KeyName("KeyName = First"), KeyName("ReadKeyNameFromKeyObjectList - Exit")}) {
     expected.push_back(line);
   }
-  EXPECT_TRUE(kit::SameLines(Frame("KELDAKSPEnumKeys", expected, 0), lines));
+  EXPECT_TRUE(kit::SameLines(Frame("KELDAKSPEnumKeys", expected, 0), kit::WithoutListLines(lines)));
 }
 
 TEST_F(EnumKeysTest, LaterStepsDoNotAskTheToken) {
   token().AddKeyPair(Ascii("First"), "");
   token().AddKeyPair(Ascii("Second"), "");
   ASSERT_EQ(Next(), 0);
-  ksp().FreeBuffer(name_);
-  name_ = nullptr;
+  FreeName();
   Forget();
   ASSERT_EQ(Next(), 0);
   std::vector<Line> expected = Arguments(provider_, &name_, &state_, 0);
@@ -206,8 +200,7 @@ TEST_F(EnumKeysTest, FailingAllocationsDoNotAdvance) {
   token().AddKeyPair(Ascii("First"), "");
   token().AddKeyPair(Ascii("Second"), "");
   ASSERT_EQ(Next(), 0);
-  ksp().FreeBuffer(name_);
-  name_ = nullptr;
+  FreeName();
   Forget();
   const auto expectLines = [&](std::initializer_list<Line> named) {
     std::vector<Line> expected = Arguments(provider_, &name_, &state_, 0);

@@ -13,15 +13,13 @@ using fake::Bytes;
 using kit::Dump;
 using kit::Frame;
 using kit::Hex32;
+using kit::kFullPrivateBlob;
+using kit::kPrivateBlob;
+using kit::kPublicBlob;
+using kit::kSilent;
 using kit::Line;
 using kit::Number;
 using kit::Pointer32;
-
-constexpr DWORD kSilent = 0x40;
-
-const wchar_t kPublic[] = L"RSAPUBLICBLOB";
-const wchar_t kPrivate[] = L"RSAPRIVATEBLOB";
-const wchar_t kFullPrivate[] = L"RSAFULLPRIVATEBLOB";
 
 const char kNotFinished[] = "NTE_BAD_KEY_STATE: Key is not yet finalized";
 const char kUnknownType[] = "NTE_NOT_SUPPORTED: pszBlobType is not supported";
@@ -38,7 +36,7 @@ class ExportKeyTest : public OpenedKeyTest<2048> {
     NCRYPT_PROV_HANDLE provider;
     NCRYPT_KEY_HANDLE key;
     NCRYPT_KEY_HANDLE exportKey = 0;
-    const wchar_t* type = kPublic;
+    const wchar_t* type = kPublicBlob;
     NCryptBufferDesc* parameters = nullptr;
     BYTE* output = nullptr;
     DWORD outputLength = 0;
@@ -66,10 +64,9 @@ class ExportKeyTest : public OpenedKeyTest<2048> {
     return arguments;
   }
   static std::vector<Line> Lines(const Arguments& a, const std::vector<Line>& body, LONG status) {
-    const std::wstring type = a.type ? a.type : L"";
     std::vector<Line> lines{
         Hex32("hProvider      : ", a.provider),       Hex32("hKey           : ", a.key),
-        Hex32("hExportKey     : ", a.exportKey),      "pszBlobType    : " + std::string(type.begin(), type.end()),
+        Hex32("hExportKey     : ", a.exportKey),      "pszBlobType    : " + kit::Narrow(a.type ? a.type : L""),
         Pointer32("pParameterList : ", a.parameters), Pointer32("pbOutput       : ", a.output),
         Hex32("cbOutput       : ", a.outputLength),   Pointer32("pcbResult      : ", a.result),
         Hex32("dwFlags        : ", a.flags)};
@@ -345,7 +342,7 @@ TEST_F(ExportKeyTest, ChecksInOrder) {
   ExpectRefused(arguments, kNotFinished, NTE_BAD_KEY_STATE);
   record_->fFinished = 1;
   ExpectRefused(arguments, kUnknownType, NTE_NOT_SUPPORTED);
-  arguments.type = kPrivate;
+  arguments.type = kPrivateBlob;
   ExpectRefused(arguments, kPolicy, NTE_NOT_SUPPORTED);
   record_->dwExportPolicy = 2;
   ExpectRefused(arguments, kWrapped, NTE_NOT_SUPPORTED);
@@ -379,8 +376,8 @@ TEST_F(ExportKeyTest, PolicyBits) {
   for (DWORD policy = 0; policy < 16; ++policy) {
     record_->dwExportPolicy = policy;
     EXPECT_EQ(Call(Given()), policy & 1 ? NTE_NOT_SUPPORTED : 0) << policy;
-    for (const wchar_t* type : {kPublic, kPrivate, kFullPrivate}) {
-      if (type == kPublic && !(policy & 1)) continue;
+    for (const wchar_t* type : {kPublicBlob, kPrivateBlob, kFullPrivateBlob}) {
+      if (type == kPublicBlob && !(policy & 1)) continue;
       Arguments arguments = Given();
       arguments.type = type;
       ExpectRefused(arguments, policy & 1 ? kPolicy : policy & 2 ? kNoPrivate : kNoPlain, NTE_NOT_SUPPORTED);

@@ -15,10 +15,9 @@ using fake::HexOf;
 using kit::Frame;
 using kit::Hex32;
 using kit::Join;
+using kit::kOverwrite;
 using kit::Line;
 using kit::Number;
-
-constexpr DWORD kOverwrite = 0x80;
 
 class FinalizeKeyTest : public KeyEntryTest {
  protected:
@@ -42,12 +41,7 @@ class FinalizeKeyTest : public KeyEntryTest {
   static std::vector<Line> Generated(long bits) {
     return LoggedIn({"Generating key pair", Number("Bit length: ", bits)});
   }
-  // The token calls behind those of the login with a cached PIN.
-  void ExpectCallsAfterLogin(const std::vector<std::string>& expected) {
-    std::vector<std::string> calls{"C_GetTokenInfo(slot=11)", "VendorLogin(session=0x51, user=1, pin=31323334)"};
-    calls.insert(calls.end(), expected.begin(), expected.end());
-    ExpectCalls(calls);
-  }
+  void ExpectCallsAfterLogin(const std::vector<std::string>& expected) { ExpectCalls(CallsAfterLogin(expected)); }
 
   NCRYPT_KEY_HANDLE key_ = 0;
   DWORD flags_ = 0;

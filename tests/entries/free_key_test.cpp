@@ -1,7 +1,5 @@
 // FreeKey: what it wipes and releases; the record itself stays.
-#include <algorithm>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "kit/provider.h"
@@ -13,18 +11,12 @@ using kit::Frame;
 using kit::Hex32;
 using kit::Line;
 
-class FreeKeyTest : public kit::ProviderTest {
+class FreeKeyTest : public kit::OpenedProviderTest {
  protected:
   void SetUp() override {
-    kit::ProviderTest::SetUp();
-    AddReader();
+    kit::OpenedProviderTest::SetUp();
     token().AddKeyPair(Ascii("Key1"), "");
-    provider_ = OpenProvider();
     key_ = OpenKey(provider_, L"Key1");
-  }
-  void TearDown() override {
-    ksp().FreeProvider(provider_);
-    kit::ProviderTest::TearDown();
   }
   std::vector<Line> Lines(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key, const std::vector<Line>& body,
                           LONG status) const {
@@ -32,12 +24,7 @@ class FreeKeyTest : public kit::ProviderTest {
     lines.insert(lines.end(), body.begin(), body.end());
     return Frame("KELDAKSPFreeKey", lines, status);
   }
-  // A block of the allocator that all blocks of the provider come from.
-  static BYTE* Block(std::string_view text) {
-    return static_cast<BYTE*>(kit::NewProviderBlock(text.data(), text.size()));
-  }
 
-  NCRYPT_PROV_HANDLE provider_ = 0;
   NCRYPT_KEY_HANDLE key_ = 0;
 };
 
@@ -63,13 +50,7 @@ TEST_F(FreeKeyTest, NameIsWipedBeforeItIsReleased) {
   const void* name = kit::KeyOf(key_)->pszKeyName;
   const kit::MemoryWatch watch;
   EXPECT_EQ(ksp().FreeKey(provider_, key_), 0);
-  const std::vector<kit::FreedBlock> freed = watch.Freed();
-  const auto block =
-      std::find_if(freed.begin(), freed.end(), [&](const kit::FreedBlock& one) { return one.address == name; });
-  ASSERT_NE(block, freed.end());
-  ASSERT_GE(block->contents.size(), sizeof L"Key1");
-  EXPECT_TRUE(std::all_of(block->contents.begin(), block->contents.begin() + sizeof L"Key1",
-                          [](BYTE byte) { return byte == 0; }));
+  EXPECT_TRUE(WipedAndFreed(watch, name, sizeof L"Key1"));
 }
 
 TEST_F(FreeKeyTest, SecondCallFindsNothing) {
@@ -98,16 +79,8 @@ TEST_F(FreeKeyTest, WipesAndReleasesEveryOwnedBlockInOrder) {
                     {"Deleting key name", "Deleting key file data blob", "Deleting public key handle",
                      "Deleting private key handle", "Deleting security descriptor", "Deleting private key blob"},
                     0));
-  const std::vector<kit::FreedBlock> freed = watch.Freed();
-  for (std::size_t i = 0; i < 3; ++i) {
-    EXPECT_TRUE(watch.WasFreed(blocks[i]));
-    const auto block =
-        std::find_if(freed.begin(), freed.end(), [&](const kit::FreedBlock& one) { return one.address == blocks[i]; });
-    ASSERT_NE(block, freed.end());
-    EXPECT_TRUE(std::all_of(block->contents.begin(), block->contents.begin() + static_cast<std::ptrdiff_t>(sizes[i]),
-                            [](BYTE byte) { return byte == 0; }))
-        << i << ": to its last byte";
-  }
+  for (std::size_t i = 0; i < 3; ++i)
+    EXPECT_TRUE(WipedAndFreed(watch, blocks[i], sizes[i])) << i << ": to its last byte";
   EXPECT_EQ(record->pbKeyFile, nullptr);
   EXPECT_EQ(record->pbSecurityDescr, nullptr);
   EXPECT_EQ(record->pbPrivateKey, nullptr);

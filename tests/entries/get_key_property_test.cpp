@@ -6,26 +6,22 @@
 namespace {
 
 using fake::Ascii;
+using fake::Bytes;
+using fake::Ulong;
 using kit::Frame;
 using kit::Hex32;
 using kit::Join;
+using kit::kPersistOnly;
 using kit::Line;
+using kit::Narrow;
 using kit::Pointer32;
+using kit::WideBytes;
 
-using Bytes = std::vector<BYTE>;
-
-constexpr DWORD kPersistOnly = 0x40000000;
 constexpr BYTE kFill = 0xEE;
 constexpr DWORD kUnwritten = 0xDEADBEEF;
 
-class GetKeyPropertyTest : public KeyEntryTest {
+class GetKeyPropertyTest : public NewKeyTest {
  protected:
-  void SetUp() override {
-    KeyEntryTest::SetUp();
-    key_ = Create(L"Key1");
-  }
-  kit::KeyRecord& record() const { return *kit::KeyOf(key_); }
-
   // Asks with a buffer of the given room; the bytes behind it must stay as they are.
   SECURITY_STATUS Get(const wchar_t* name, DWORD room, DWORD flags = 0) {
     buffer_.assign(room + 8, kFill);
@@ -57,19 +53,10 @@ class GetKeyPropertyTest : public KeyEntryTest {
                        body}),
                  status);
   }
-  static std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
-  static Bytes Number(DWORD number) {
-    const auto* bytes = reinterpret_cast<const BYTE*>(&number);
-    return Bytes(bytes, bytes + sizeof number);
-  }
-  static Bytes Text(const std::wstring& text) {
-    const auto* bytes = reinterpret_cast<const BYTE*>(text.c_str());
-    return Bytes(bytes, bytes + (text.size() + 1) * sizeof(wchar_t));
-  }
   static Bytes Numbers(std::initializer_list<DWORD> numbers) {
     Bytes all;
     for (const DWORD number : numbers) {
-      const Bytes one = Number(number);
+      const Bytes one = Ulong(number);
       all.insert(all.end(), one.begin(), one.end());
     }
     return all;
@@ -81,16 +68,16 @@ class GetKeyPropertyTest : public KeyEntryTest {
     Bytes value;
   };
   static std::vector<Property> Properties() {
-    return {{L"Algorithm Name", "dwProperty = KELDAKSP_ALGORITHM_PROPERTY", Text(L"RSA")},
-            {L"Block Length", "dwProperty = KELDAKSP_BLOCK_LENGTH_PROPERTY", Number(256)},
-            {L"Export Policy", "dwProperty = KELDAKSP_EXPORT_POLICY_PROPERTY", Number(2)},
-            {L"Key Usage", "dwProperty = KELDAKSP_KEY_USAGE_PROPERTY", Number(3)},
-            {L"Key Type", "dwProperty = KELDAKSP_KEY_TYPE_PROPERTY", Number(0)},
-            {L"Length", "dwProperty = KELDAKSP_LENGTH_PROPERTY", Number(2048)},
+    return {{L"Algorithm Name", "dwProperty = KELDAKSP_ALGORITHM_PROPERTY", WideBytes(L"RSA")},
+            {L"Block Length", "dwProperty = KELDAKSP_BLOCK_LENGTH_PROPERTY", Ulong(256)},
+            {L"Export Policy", "dwProperty = KELDAKSP_EXPORT_POLICY_PROPERTY", Ulong(2)},
+            {L"Key Usage", "dwProperty = KELDAKSP_KEY_USAGE_PROPERTY", Ulong(3)},
+            {L"Key Type", "dwProperty = KELDAKSP_KEY_TYPE_PROPERTY", Ulong(0)},
+            {L"Length", "dwProperty = KELDAKSP_LENGTH_PROPERTY", Ulong(2048)},
             {L"Lengths", "dwProperty = KELDAKSP_LENGTHS_PROPERTY", Numbers({512, 4096, 512, 2048})},
-            {L"Name", "dwProperty = KELDAKSP_NAME_PROPERTY", Text(L"Key1")},
-            {L"Algorithm Group", "dwProperty = KELDAKSP_ALGORITHM_GROUP_PROPERTY", Text(L"RSA")},
-            {L"Unique Name", "dwProperty = KELDAKSP_UNIQUE_NAME_PROPERTY", Text(L"Key1")}};
+            {L"Name", "dwProperty = KELDAKSP_NAME_PROPERTY", WideBytes(L"Key1")},
+            {L"Algorithm Group", "dwProperty = KELDAKSP_ALGORITHM_GROUP_PROPERTY", WideBytes(L"RSA")},
+            {L"Unique Name", "dwProperty = KELDAKSP_UNIQUE_NAME_PROPERTY", WideBytes(L"Key1")}};
   }
   static constexpr const wchar_t* kRefused[] = {L"SmartCardKeyCertificate",
                                                 L"Unknown",
@@ -104,7 +91,6 @@ class GetKeyPropertyTest : public KeyEntryTest {
                                                 L"HWND Handle",
                                                 L"Provider Handle"};
 
-  NCRYPT_KEY_HANDLE key_ = 0;
   Bytes buffer_;
   BYTE* output_ = nullptr;
   DWORD room_ = 0;
@@ -182,13 +168,13 @@ TEST_F(GetKeyPropertyTest, ValuesComeFromTheRecord) {
   record().dwKeyUsagePolicy = 0x55667788;
   record().dwKeyBitLength = 1024;
   EXPECT_EQ(Get(L"Export Policy", 4), 0);
-  EXPECT_EQ(written(4), Number(0x11223344));
+  EXPECT_EQ(written(4), Ulong(0x11223344));
   EXPECT_EQ(Get(L"Key Usage", 4), 0);
-  EXPECT_EQ(written(4), Number(0x55667788));
+  EXPECT_EQ(written(4), Ulong(0x55667788));
   EXPECT_EQ(Get(L"Length", 4), 0);
-  EXPECT_EQ(written(4), Number(1024));
+  EXPECT_EQ(written(4), Ulong(1024));
   EXPECT_EQ(Get(L"Block Length", 4), 0);
-  EXPECT_EQ(written(4), Number(128));
+  EXPECT_EQ(written(4), Ulong(128));
 }
 
 TEST_F(GetKeyPropertyTest, BlockLengthIsRoundedUp) {
@@ -199,7 +185,7 @@ TEST_F(GetKeyPropertyTest, BlockLengthIsRoundedUp) {
   for (const auto& one : cases) {
     record().dwKeyBitLength = one.bits;
     EXPECT_EQ(Get(L"Block Length", 4), 0);
-    EXPECT_EQ(written(4), Number(one.bytes)) << one.bits;
+    EXPECT_EQ(written(4), Ulong(one.bytes)) << one.bits;
   }
 }
 
@@ -232,24 +218,24 @@ TEST_F(GetKeyPropertyTest, EmptyAndLongNames) {
   key_ = Create(L"");
   EXPECT_EQ(Get(L"Name", 2), 0);
   EXPECT_EQ(result_, 2u);
-  EXPECT_EQ(written(2), Text(L""));
+  EXPECT_EQ(written(2), WideBytes(L""));
   const std::wstring longest(259, L'n');
   key_ = Create(longest.c_str());
   EXPECT_EQ(AskSize(L"Unique Name"), 0);
   EXPECT_EQ(result_, 520u);
   EXPECT_EQ(Get(L"Unique Name", 520), 0);
-  EXPECT_EQ(written(520), Text(longest));
+  EXPECT_EQ(written(520), WideBytes(longest));
 }
 
 TEST_F(GetKeyPropertyTest, KeysOfTheTokenHaveThemAsWell) {
   token().AddKeyPair(Ascii("Key1"), "label", 1024);
   key_ = Open(L"Key1");
   EXPECT_EQ(Get(L"Name", 100), 0);
-  EXPECT_EQ(written(10), Text(L"Key1")) << "the name comes from the identifier";
+  EXPECT_EQ(written(10), WideBytes(L"Key1")) << "the name comes from the identifier";
   EXPECT_EQ(Get(L"Length", 4), 0);
-  EXPECT_EQ(written(4), Number(1024));
+  EXPECT_EQ(written(4), Ulong(1024));
   EXPECT_EQ(Get(L"Key Type", 4), 0);
-  EXPECT_EQ(written(4), Number(0));
+  EXPECT_EQ(written(4), Ulong(0));
 }
 
 TEST_F(GetKeyPropertyTest, PersistOnlyFlagIsRefusedWithoutAMessage) {

@@ -9,7 +9,9 @@ namespace {
 using fake::Bytes;
 using kit::Frame;
 using kit::Hex32;
+using kit::kSilent;
 using kit::Line;
+using kit::Narrow;
 using kit::Pointer32;
 
 const wchar_t* const kNumbers[] = {L"Impl Type", L"Max Name Length", L"Version", L"Security Descr Support"};

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "kit/bytes.h"
 #include "kit/key_entry.h"
 
 namespace {
@@ -14,23 +15,24 @@ using fake::Ascii;
 using fake::Bytes;
 using kit::Frame;
 using kit::Hex32;
+using kit::Joined;
+using kit::kBadFlags;
+using kit::kDoNotFinalize;
+using kit::kOverwrite;
+using kit::kPrivateBlob;
+using kit::kPublicBlob;
+using kit::kSilent;
 using kit::Line;
 using kit::Number;
 using kit::Pointer32;
+using kit::WideBytes;
 
-constexpr DWORD kSilent = 0x40;
-constexpr DWORD kOverwrite = 0x80;
-constexpr DWORD kDoNotFinalize = 0x400;
 constexpr ULONG kKeyNameBuffer = 45;  // NCRYPTBUFFER_PKCS_KEY_NAME
 constexpr std::uint32_t kRsa1 = 0x31415352;
 constexpr std::uint32_t kRsa2 = 0x32415352;
 constexpr std::uint32_t kLargestBlock = 0x03FFFFFF;  // bytes; what asks for more finds no memory
 
-const wchar_t kPublic[] = L"RSAPUBLICBLOB";
-const wchar_t kPrivate[] = L"RSAPRIVATEBLOB";
-
 const char kWrongType[] = "NTE_INVALID_PARAMETER: Only RSA BLOBs are currently supported";
-const char kBadFlags[] = "NTE_BAD_FLAGS: The dwFlags parameter contains a value that is not valid.";
 const char kUnsupportedFlags[] =
     "NTE_NOT_SUPPORTED: NCRYPT_MACHINE_KEY_FLAG and NCRYPT_WRITE_KEY_TO_LEGACY_STORE_FLAG are not supported flags.";
 const char kNoName[] = "ReadKeyNameFromParams failed";
@@ -63,13 +65,6 @@ Bytes Numbers(std::size_t count, unsigned seed) {
   return bytes;
 }
 
-Bytes Joined(std::initializer_list<Bytes> parts) {
-  Bytes all;
-  for (const Bytes& part : parts)
-    all.insert(all.end(), part.begin(), part.end());
-  return all;
-}
-
 Bytes HeaderBytes(const Header& header) {
   return Joined({fake::Ulong(header.magic), fake::Ulong(header.bitLength), fake::Ulong(header.cbPublicExp),
                  fake::Ulong(header.cbModulus), fake::Ulong(header.cbPrime1), fake::Ulong(header.cbPrime2)});
@@ -85,11 +80,6 @@ Bytes PublicBlob(const Header& header = {}, const Bytes& exponent = {1, 0, 1}, c
 
 Bytes PrivateBlob(std::uint32_t magic = kRsa2) {
   return Joined({HeaderBytes({magic, 1024, 3, 128, 64, 64}), {1, 0, 1}, kModulus, kPrime1, kPrime2});
-}
-
-Bytes WideBytes(const std::wstring& text, bool terminated = true) {
-  const auto* bytes = reinterpret_cast<const BYTE*>(text.c_str());
-  return Bytes(bytes, bytes + (text.size() + (terminated ? 1 : 0)) * sizeof(wchar_t));
 }
 
 // A parameter list. The data of its buffers ends with their memory.
@@ -123,7 +113,7 @@ class ImportKeyTest : public KeyEntryTest {
   struct Arguments {
     NCRYPT_PROV_HANDLE provider;
     NCRYPT_KEY_HANDLE importKey = 0;
-    const wchar_t* type = kPublic;
+    const wchar_t* type = kPublicBlob;
     NCryptBufferDesc* parameters = nullptr;
     NCRYPT_KEY_HANDLE* key = nullptr;
     BYTE* data = nullptr;
@@ -133,7 +123,7 @@ class ImportKeyTest : public KeyEntryTest {
   SECURITY_STATUS Call(const Arguments& a) {
     return ksp().ImportKey(a.provider, a.importKey, a.type, a.parameters, a.key, a.data, a.length, a.flags);
   }
-  Arguments Given(Bytes blob, const wchar_t* type = kPublic, DWORD flags = 0) {
+  Arguments Given(Bytes blob, const wchar_t* type = kPublicBlob, DWORD flags = 0) {
     blob_ = std::move(blob);
     blob_.shrink_to_fit();
     key_ = kUntouched;
@@ -145,12 +135,12 @@ class ImportKeyTest : public KeyEntryTest {
     arguments.flags = flags;
     return arguments;
   }
-  SECURITY_STATUS Import(Bytes blob, const wchar_t* type = kPublic, DWORD flags = 0) {
+  SECURITY_STATUS Import(Bytes blob, const wchar_t* type = kPublicBlob, DWORD flags = 0) {
     return Call(Given(std::move(blob), type, flags));
   }
   // A private blob that is not finalized: what is kept of the arguments, without a login and an object on the token.
   SECURITY_STATUS ImportNamed(Parameters& parameters) {
-    Arguments arguments = Given(PrivateBlob(), kPrivate, kDoNotFinalize);
+    Arguments arguments = Given(PrivateBlob(), kPrivateBlob, kDoNotFinalize);
     arguments.parameters = parameters.List();
     return Call(arguments);
   }
@@ -166,10 +156,9 @@ class ImportKeyTest : public KeyEntryTest {
   }
 
   static std::vector<Line> Lines(const Arguments& a, const std::vector<Line>& body, LONG status) {
-    const std::wstring type = a.type ? a.type : L"";
     std::vector<Line> lines{Hex32("hProvider      : ", a.provider),
                             Hex32("hImportKey     : ", a.importKey),
-                            "pszBlobType    : " + std::string(type.begin(), type.end()),
+                            "pszBlobType    : " + kit::Narrow(a.type ? a.type : L""),
                             Pointer32("pParameterList : ", a.parameters),
                             Pointer32("phKey          : ", a.key),
                             Pointer32("pbData         : ", a.data),
@@ -193,9 +182,7 @@ class ImportKeyTest : public KeyEntryTest {
     ExpectCalls({});
   }
   void ExpectLinesWithLogin(const std::vector<Line>& expected) {
-    std::vector<Line> lines = kit::Log::Get().Take();
-    std::erase(lines, Number("cbSerial: ", 16));  // part of the login, through the key-name log
-    EXPECT_TRUE(kit::SameLines(expected, WithoutLogin(lines)));
+    EXPECT_TRUE(kit::SameLines(expected, PinLinesAsOne(kit::Log::Get().Take())));
   }
   static std::vector<Line> Nested(std::vector<Line> lines, const std::vector<Line>& inner) {
     lines.insert(lines.end(), inner.begin(), inner.end());
@@ -204,9 +191,6 @@ class ImportKeyTest : public KeyEntryTest {
 
   static std::string Random() { return "C_GenerateRandom(session=0x51, length=64)"; }
   static std::string Logout() { return "C_Logout(session=0x51)"; }
-  static std::vector<std::string> Login() {
-    return {"C_GetTokenInfo(slot=11)", "VendorLogin(session=0x51, user=1, pin=31323334)"};
-  }
   // The first 64 random bytes of the token, and as many zeros.
   static Bytes Id() {
     Bytes id(128, 0);
@@ -304,7 +288,7 @@ TEST_F(ImportKeyTest, NamedPublicKeyIsLoggedInForAndStaysOnTheToken) {
   object.onToken = true;
   object.label = "a name";
   std::vector<std::string> calls{Random()};
-  for (const std::string& call : Login())
+  for (const std::string& call : CallsAfterLogin())
     calls.push_back(call);
   calls.push_back(Create(object));
   calls.push_back(Logout());
@@ -319,7 +303,7 @@ TEST_F(ImportKeyTest, NamedPublicKeyIsLoggedInForAndStaysOnTheToken) {
 TEST_F(ImportKeyTest, LoginFailureEndsANamedImport) {
   Parameters parameters;
   parameters.Add(WideBytes(L"a name"));
-  Arguments arguments = Given(PublicBlob(), kPublic, kSilent);
+  Arguments arguments = Given(PublicBlob(), kPublicBlob, kSilent);
   arguments.parameters = parameters.List();
   kit::DialogRobot robot({[](kit::Dialog& dialog) { dialog.PressCancel(); }});
   kit::MemoryWatch watch;
@@ -354,7 +338,7 @@ TEST_F(ImportKeyTest, ExponentsOfFiveBytesAndMoreAreRefused) {
     Header header;
     header.cbPublicExp = length;
     ExpectRefused(Given(PublicBlob(header, Bytes(length, 1))), kLongExponent, NTE_NOT_SUPPORTED);
-    ExpectRefused(Given(PublicBlob(header, Bytes(length, 1)), kPrivate), kLongExponent, NTE_NOT_SUPPORTED);
+    ExpectRefused(Given(PublicBlob(header, Bytes(length, 1)), kPrivateBlob), kLongExponent, NTE_NOT_SUPPORTED);
   }
 }
 
@@ -362,7 +346,7 @@ TEST_F(ImportKeyTest, ExportBringsTheKeyBackWithItsExponentReversed) {
   EXPECT_EQ(Import(PublicBlob()), 0);
   Bytes output(156);
   DWORD length = 0;
-  EXPECT_EQ(ksp().ExportKey(provider_, key_, 0, kPublic, nullptr, output.data(), 156, &length, 0), 0);
+  EXPECT_EQ(ksp().ExportKey(provider_, key_, 0, kPublicBlob, nullptr, output.data(), 156, &length, 0), 0);
   EXPECT_EQ(output, PublicBlob({kRsa1, 1024, 4, 128, 0, 0}, {0, 1, 0, 1})) << "four bytes are kept of every exponent";
 }
 
@@ -399,7 +383,7 @@ TEST_F(ImportKeyTest, OverwriteFlagHasNoEffect) {
   LogIn();
   Parameters parameters;
   parameters.Add(WideBytes(L"taken"));
-  Arguments arguments = Given(PublicBlob(), kPublic, kOverwrite);
+  Arguments arguments = Given(PublicBlob(), kPublicBlob, kOverwrite);
   arguments.parameters = parameters.List();
   EXPECT_EQ(Call(arguments), 0);
   EXPECT_EQ(token().Count("C_FindObjectsInit"), 0u);
@@ -408,7 +392,7 @@ TEST_F(ImportKeyTest, OverwriteFlagHasNoEffect) {
 }
 
 TEST_F(ImportKeyTest, DoNotFinalizeDoesNotHoldAPublicKeyBack) {
-  EXPECT_EQ(Import(PublicBlob(), kPublic, kDoNotFinalize), 0);
+  EXPECT_EQ(Import(PublicBlob(), kPublicBlob, kDoNotFinalize), 0);
   ExpectCalls({Random(), Create(), Logout()});
 }
 
@@ -493,12 +477,12 @@ TEST_F(FailingImport, EachAllocationMayFail) {
   ThrowOnce();
   Parameters parameters;
   parameters.Add(WideBytes(L"a name"));
-  for (const wchar_t* type : {kPublic, kPrivate}) {
+  for (const wchar_t* type : {kPublicBlob, kPrivateBlob}) {
     std::size_t nth = 0;
     bool reached = true;
     bool refused = false;
     while (reached) {
-      Arguments arguments = Given(type == kPublic ? PublicBlob() : PrivateBlob(), type);
+      Arguments arguments = Given(type == kPublicBlob ? PublicBlob() : PrivateBlob(), type);
       arguments.parameters = parameters.List();
       SECURITY_STATUS status = 0;
       {
@@ -525,7 +509,7 @@ TEST_F(FailingImport, EachAllocationMayFail) {
 // --- private blobs
 
 TEST_F(ImportKeyTest, PrivateBlobReturnsSuccessAndAHandleThatIsRefused) {
-  const Arguments arguments = Given(PrivateBlob(), kPrivate);
+  const Arguments arguments = Given(PrivateBlob(), kPrivateBlob);
   EXPECT_EQ(Call(arguments), 0);
   ASSERT_NE(key_, kUntouched);
   EXPECT_EQ(record().dwMagic, kRsa2);
@@ -543,7 +527,7 @@ TEST_F(ImportKeyTest, PrivateBlobReturnsSuccessAndAHandleThatIsRefused) {
   EXPECT_EQ(ksp().Decrypt(provider_, key_, bytes, 128, nullptr, bytes, 128, &length, 0), NTE_INVALID_HANDLE);
   EXPECT_EQ(ksp().GetKeyProperty(provider_, key_, L"Length", bytes, 4, &length, 0), NTE_INVALID_HANDLE);
   EXPECT_EQ(ksp().SetKeyProperty(provider_, key_, L"Length", bytes, 4, 0), NTE_INVALID_HANDLE);
-  EXPECT_EQ(ksp().ExportKey(provider_, key_, 0, kPublic, nullptr, bytes, 256, &length, 0), NTE_INTERNAL_ERROR);
+  EXPECT_EQ(ksp().ExportKey(provider_, key_, 0, kPublicBlob, nullptr, bytes, 256, &length, 0), NTE_INTERNAL_ERROR);
   const NCRYPT_KEY_HANDLE refused = key_;
   Arguments wrapped = Given(PublicBlob());
   wrapped.importKey = refused;
@@ -551,14 +535,14 @@ TEST_F(ImportKeyTest, PrivateBlobReturnsSuccessAndAHandleThatIsRefused) {
 }
 
 TEST_F(ImportKeyTest, HandleOfAPrivateBlobIsNotFreedEither) {
-  EXPECT_EQ(Import(PrivateBlob(), kPrivate), 0);
+  EXPECT_EQ(Import(PrivateBlob(), kPrivateBlob), 0);
   EXPECT_EQ(ksp().DeleteKey(provider_, key_, 0), NTE_INVALID_HANDLE);
   EXPECT_EQ(ksp().FreeKey(provider_, key_), NTE_INVALID_HANDLE);
   EXPECT_NE(record().pbPrivateKey, nullptr);
 }
 
 TEST_F(ImportKeyTest, PrivateBlobIsKeptWithItsPrimes) {
-  EXPECT_EQ(Import(PrivateBlob(), kPrivate, kDoNotFinalize), 0);
+  EXPECT_EQ(Import(PrivateBlob(), kPrivateBlob, kDoNotFinalize), 0);
   EXPECT_EQ(record().dwKeyBitLength, 1024u);
   EXPECT_EQ(record().dwAlgID, 0u);
   EXPECT_EQ(record().pszKeyBlobType, nullptr);
@@ -578,13 +562,13 @@ TEST_F(ImportKeyTest, PrivateBlobIsKeptWithItsPrimes) {
 
 TEST_F(ImportKeyTest, BytesBehindThePrimesAreOnlyKept) {
   const Bytes blob = Joined({PrivateBlob(), Numbers(64 * 3 + 128, 9)});
-  EXPECT_EQ(Import(blob, kPrivate, kDoNotFinalize), 0);
+  EXPECT_EQ(Import(blob, kPrivateBlob, kDoNotFinalize), 0);
   EXPECT_EQ(record().pbCoefficient, nullptr);
   EXPECT_EQ(Bytes(record().pbPrivateKey, record().pbPrivateKey + record().cbPrivateKey), blob);
 }
 
 TEST_F(ImportKeyTest, DoNotFinalizeLeavesTheFinalizationOut) {
-  const Arguments arguments = Given(PrivateBlob(), kPrivate, kDoNotFinalize);
+  const Arguments arguments = Given(PrivateBlob(), kPrivateBlob, kDoNotFinalize);
   EXPECT_EQ(Call(arguments), 0);
   ExpectLines(Lines(arguments, {}, 0));
   ExpectCalls({Logout()});
@@ -594,7 +578,7 @@ TEST_F(ImportKeyTest, DoNotFinalizeLeavesTheFinalizationOut) {
 // object is made, the private one is not, and the import does not look.
 TEST_F(ImportKeyTest, PrivateBlobWithThePublicMagicIsFinalizedAsFarAsItGoes) {
   LogIn();
-  const Arguments arguments = Given(PrivateBlob(kRsa1), kPrivate);
+  const Arguments arguments = Given(PrivateBlob(kRsa1), kPrivateBlob);
   EXPECT_EQ(Call(arguments), 0);
   ExpectLinesWithLogin(Lines(
       arguments,
@@ -604,7 +588,7 @@ TEST_F(ImportKeyTest, PrivateBlobWithThePublicMagicIsFinalizedAsFarAsItGoes) {
                             "Creating private key", Number("Private key creation failed: ", 400)},
                            NTE_INTERNAL_ERROR)),
       0));
-  std::vector<std::string> calls = Login();
+  std::vector<std::string> calls = CallsAfterLogin();
   calls.push_back(Random());
   calls.push_back(Create());
   calls.push_back(Logout());
@@ -621,14 +605,14 @@ TEST_F(ImportKeyTest, NamedPrivateBlobIsFinalizedUnderItsName) {
   LogIn();
   Parameters parameters;
   parameters.Add(WideBytes(L"a name"));
-  Arguments arguments = Given(PrivateBlob(kRsa1), kPrivate);
+  Arguments arguments = Given(PrivateBlob(kRsa1), kPrivateBlob);
   arguments.parameters = parameters.List();
   EXPECT_EQ(Call(arguments), 0);
   // The count that the conversion reports has the terminator.
   Created object;
   object.onToken = true;
   object.label = std::string("a name\0", 7);
-  std::vector<std::string> calls = Login();
+  std::vector<std::string> calls = CallsAfterLogin();
   calls.push_back(Random());
   calls.push_back(Create(object));
   calls.push_back(Logout());
@@ -637,13 +621,13 @@ TEST_F(ImportKeyTest, NamedPrivateBlobIsFinalizedUnderItsName) {
 
 TEST_F(ImportKeyTest, CancelledFinalizationIsNotLookedAt) {
   kit::DialogRobot robot({[](kit::Dialog& dialog) { dialog.PressCancel(); }});
-  EXPECT_EQ(Import(PrivateBlob(kRsa1), kPrivate), 0);
+  EXPECT_EQ(Import(PrivateBlob(kRsa1), kPrivateBlob), 0);
   EXPECT_EQ(robot.Finish(), 1u);
   EXPECT_NE(key_, kUntouched);
 }
 
 TEST_F(ImportKeyTest, FreeKeyWipesTheKeptBlob) {
-  EXPECT_EQ(Import(PrivateBlob(kRsa1), kPrivate, kDoNotFinalize), 0);
+  EXPECT_EQ(Import(PrivateBlob(kRsa1), kPrivateBlob, kDoNotFinalize), 0);
   const void* const kept = record().pbPrivateKey;
   kit::MemoryWatch watch;
   EXPECT_EQ(ksp().FreeKey(provider_, key_), 0);
@@ -653,15 +637,15 @@ TEST_F(ImportKeyTest, FreeKeyWipesTheKeptBlob) {
 TEST_F(ImportKeyTest, NoPartOfAPrivateBlobIsLeftInReleasedMemory) {
   LogIn();
   kit::MemoryWatch watch;
-  EXPECT_EQ(Import(PrivateBlob(), kPrivate), 0);
-  EXPECT_EQ(Import(PrivateBlob(kRsa1), kPrivate), 0);
+  EXPECT_EQ(Import(PrivateBlob(), kPrivateBlob), 0);
+  EXPECT_EQ(Import(PrivateBlob(kRsa1), kPrivateBlob), 0);
   token().Fail("C_GenerateRandom", CKR_DEVICE_ERROR);
-  EXPECT_EQ(Import(PrivateBlob(), kPublic), NTE_INTERNAL_ERROR);
+  EXPECT_EQ(Import(PrivateBlob(), kPublicBlob), NTE_INTERNAL_ERROR);
   Header longExponent{kRsa2, 1024, 5, 128, 64, 64};
-  EXPECT_EQ(Import(Joined({HeaderBytes(longExponent), Bytes(5, 1), kModulus, kPrime1, kPrime2}), kPrivate),
+  EXPECT_EQ(Import(Joined({HeaderBytes(longExponent), Bytes(5, 1), kModulus, kPrime1, kPrime2}), kPrivateBlob),
             NTE_NOT_SUPPORTED);
   Header tooLong{kRsa2, 1024, 3, 128, 64, 0xFFFFFFFF};
-  EXPECT_EQ(Import(Joined({HeaderBytes(tooLong), {1, 0, 1}, kModulus, kPrime1, kPrime2}), kPrivate),
+  EXPECT_EQ(Import(Joined({HeaderBytes(tooLong), {1, 0, 1}, kModulus, kPrime1, kPrime2}), kPrivateBlob),
             NTE_INTERNAL_ERROR);
   for (const Bytes& part : {kPrime1, kPrime2, kModulus})
     EXPECT_FALSE(watch.FreedContains(std::string_view(reinterpret_cast<const char*>(part.data()), 16)));
@@ -722,7 +706,7 @@ TEST_F(ImportKeyTest, TheHandleIsHandedOutWhenAllElseIsDone) {
   for (const char* function : {"C_GenerateRandom", "C_CreateObject"})
     token().Before(function, [&](const fake::Call&) { seen.push_back(key_); });
   EXPECT_EQ(Import(PublicBlob()), 0);
-  EXPECT_EQ(Import(PrivateBlob(kRsa1), kPrivate), 0);
+  EXPECT_EQ(Import(PrivateBlob(kRsa1), kPrivateBlob), 0);
   EXPECT_EQ(seen, std::vector<NCRYPT_KEY_HANDLE>(4, kUntouched));
 }
 
@@ -755,7 +739,7 @@ class NamedImport : public ImportKeyTest {
 };
 
 TEST_F(NamedImport, NoParameterListNoName) {
-  EXPECT_EQ(Import(PrivateBlob(), kPrivate, kDoNotFinalize), 0);
+  EXPECT_EQ(Import(PrivateBlob(), kPrivateBlob, kDoNotFinalize), 0);
   EXPECT_EQ(record().pszKeyName, nullptr);
   EXPECT_EQ(record().cbKeyName, 0u);
 }
@@ -780,7 +764,7 @@ TEST_F(NamedImport, TheRecordHasACopy) {
 TEST_F(NamedImport, LogsNothingOfItsOwn) {
   Parameters parameters;
   parameters.Add(WideBytes(L"Key1"));
-  Arguments arguments = Given(PrivateBlob(), kPrivate, kDoNotFinalize);
+  Arguments arguments = Given(PrivateBlob(), kPrivateBlob, kDoNotFinalize);
   arguments.parameters = parameters.List();
   EXPECT_EQ(Call(arguments), 0);
   ExpectLines(Lines(arguments, {}, 0));
@@ -805,7 +789,7 @@ TEST_F(NamedImport, BuffersThatAreNoNameAreLeftOut) {
   EXPECT_EQ(NameOf(parameters), L"name");
 
   parameters.Add(WideBytes(L"without data"));
-  Arguments arguments = Given(PrivateBlob(), kPrivate, kDoNotFinalize);
+  Arguments arguments = Given(PrivateBlob(), kPrivateBlob, kDoNotFinalize);
   arguments.parameters = parameters.List();
   parameters.buffers().back().pvBuffer = nullptr;
   EXPECT_EQ(Call(arguments), 0);
@@ -824,7 +808,7 @@ TEST_F(NamedImport, OnlyBuffersThatAreNoNameLeaveTheKeyNameless) {
 TEST_F(NamedImport, ListsWithoutBuffers) {
   for (const ULONG count : {0ul, 1ul, 0xFFFFFFFFul}) {
     NCryptBufferDesc list{0, count, nullptr};
-    Arguments arguments = Given(PrivateBlob(), kPrivate, kDoNotFinalize);
+    Arguments arguments = Given(PrivateBlob(), kPrivateBlob, kDoNotFinalize);
     arguments.parameters = &list;
     EXPECT_EQ(Call(arguments), 0);
     EXPECT_EQ(record().pszKeyName, nullptr);
@@ -879,7 +863,7 @@ TEST_F(NamedImport, WhatFollowsTheTerminatorIsNotPartOfTheName) {
 TEST_F(NamedImport, LengthAtItsMaximumIsNotFollowed) {
   Parameters parameters;
   parameters.Add(WideBytes(L"Key1"));
-  Arguments arguments = Given(PrivateBlob(), kPrivate, kDoNotFinalize);
+  Arguments arguments = Given(PrivateBlob(), kPrivateBlob, kDoNotFinalize);
   arguments.parameters = parameters.List();
   parameters.buffers()[0].cbBuffer = 0xFFFFFFFF;
   EXPECT_EQ(Call(arguments), 0);
@@ -890,7 +874,7 @@ TEST_F(NamedImport, NameAtAnOddAddress) {
   Bytes data = Joined({{0}, WideBytes(L"Key1")});
   NCryptBuffer buffer{10, kKeyNameBuffer, data.data() + 1};
   NCryptBufferDesc list{0, 1, &buffer};
-  Arguments arguments = Given(PrivateBlob(), kPrivate, kDoNotFinalize);
+  Arguments arguments = Given(PrivateBlob(), kPrivateBlob, kDoNotFinalize);
   arguments.parameters = &list;
   EXPECT_EQ(Call(arguments), 0);
   EXPECT_STREQ(record().pszKeyName, L"Key1");
@@ -951,7 +935,7 @@ class WrappedImport : public ImportKeyTest {
     return Joined({Bytes(blob.begin(), blob.begin() + 8),
                    token().Ciphertext(wrapping_.publicKey, Bytes(blob.begin() + 8, blob.end()))});
   }
-  Arguments GivenWrapped(Bytes data, const wchar_t* type = kPublic, DWORD flags = 0) {
+  Arguments GivenWrapped(Bytes data, const wchar_t* type = kPublicBlob, DWORD flags = 0) {
     Arguments arguments = Given(std::move(data), type, flags);
     arguments.importKey = wrappingKey_;
     return arguments;
@@ -985,7 +969,7 @@ TEST_F(WrappedImport, DataBehindItsFirstEightBytesIsDecrypted) {
 
 TEST_F(WrappedImport, PrivateBlobIsKeptInPlainForm) {
   CachePin(provider_, wrappingKey_);
-  EXPECT_EQ(Call(GivenWrapped(Wrapped(SmallPrivateBlob()), kPrivate, kDoNotFinalize)), 0);
+  EXPECT_EQ(Call(GivenWrapped(Wrapped(SmallPrivateBlob()), kPrivateBlob, kDoNotFinalize)), 0);
   EXPECT_EQ(Bytes(record().pbPrivateKey, record().pbPrivateKey + record().cbPrivateKey), SmallPrivateBlob());
   EXPECT_EQ(Bytes(record().pbPrime1, record().pbPrime1 + 32), Numbers(32, 5));
 }
@@ -994,9 +978,9 @@ TEST_F(WrappedImport, PlainBytesAreWipedBeforeTheirMemoryIsReleased) {
   CachePin(provider_, wrappingKey_);
   const Bytes plain = SmallPrivateBlob();
   kit::MemoryWatch watch;
-  EXPECT_EQ(Call(GivenWrapped(Wrapped(plain), kPrivate, kDoNotFinalize)), 0);
+  EXPECT_EQ(Call(GivenWrapped(Wrapped(plain), kPrivateBlob, kDoNotFinalize)), 0);
   token().Fail("C_GenerateRandom", CKR_DEVICE_ERROR);
-  EXPECT_EQ(Call(GivenWrapped(Wrapped(plain), kPublic)), NTE_INTERNAL_ERROR);
+  EXPECT_EQ(Call(GivenWrapped(Wrapped(plain), kPublicBlob)), NTE_INTERNAL_ERROR);
   for (std::size_t start : {std::size_t{27}, std::size_t{91}, std::size_t{123}}) {
     EXPECT_FALSE(watch.FreedContains(std::string_view(reinterpret_cast<const char*>(plain.data()) + start, 16)))
         << start;
@@ -1080,7 +1064,7 @@ TEST_F(WrappedImport, BlobEndsWithThePlainText) {
     return result;
   };
   const Bytes plain = SmallPrivateBlob();
-  EXPECT_EQ(Call(GivenWrapped(Wrapped(plain), kPrivate, kDoNotFinalize)), 0);
+  EXPECT_EQ(Call(GivenWrapped(Wrapped(plain), kPrivateBlob, kDoNotFinalize)), 0);
   const Bytes cipher(blob_.begin() + 8, blob_.end());
   const std::string room = "PTR, room=" + std::to_string(plain.size() - 8 + 100);
   ExpectCalls({Init(), Decrypt(cipher, "NULL"), Init(), Decrypt(cipher, room), Logout()});
@@ -1100,7 +1084,7 @@ TEST_F(WrappedImport, LengthsThatTheTokenMakesUp) {
     if (out) *length += 1000;
     return result;
   };
-  EXPECT_EQ(Call(GivenWrapped(Wrapped(SmallPrivateBlob()), kPrivate, kDoNotFinalize)), 0);
+  EXPECT_EQ(Call(GivenWrapped(Wrapped(SmallPrivateBlob()), kPrivateBlob, kDoNotFinalize)), 0);
   EXPECT_EQ(Bytes(record().pbPrivateKey, record().pbPrivateKey + record().cbPrivateKey), SmallPrivateBlob());
   // More room than any plain text takes.
   token().List()->standard.C_Decrypt = [](CK_SESSION_HANDLE session, CK_BYTE* data, CK_ULONG cbData, CK_BYTE*,
@@ -1113,7 +1097,7 @@ TEST_F(WrappedImport, LengthsThatTheTokenMakesUp) {
     answered = length;
     token().SlotAt(0).loggedIn = true;
     token().ClearCalls();
-    EXPECT_EQ(Call(GivenWrapped(Wrapped(SmallPrivateBlob()), kPrivate, kDoNotFinalize)), NTE_NO_MEMORY) << length;
+    EXPECT_EQ(Call(GivenWrapped(Wrapped(SmallPrivateBlob()), kPrivateBlob, kDoNotFinalize)), NTE_NO_MEMORY) << length;
     EXPECT_EQ(key_, kUntouched);
     EXPECT_EQ(token().Count("C_Decrypt"), 1u) << "the length alone is asked for";
   }
@@ -1135,12 +1119,12 @@ TEST_F(WrappedImport, ATokenThatDecryptsNothingGivesNothing) {
   CachePin(provider_, wrappingKey_);
   token().FailAlways("C_Decrypt", CKR_OK);  // says yes and leaves the length at 0
   const Bytes data = HeaderBytes({});
-  EXPECT_EQ(Call(GivenWrapped(Bytes(data.begin(), data.begin() + 8), kPrivate, kDoNotFinalize)), 0);
+  EXPECT_EQ(Call(GivenWrapped(Bytes(data.begin(), data.begin() + 8), kPrivateBlob, kDoNotFinalize)), 0);
   EXPECT_EQ(record().dwKeyBitLength, 1024u);
   EXPECT_EQ(record().cbPrivateKey, 8u);
   EXPECT_EQ(Bytes(record().pbModulus, record().pbModulus + 128), Bytes(128, 0));
   token().SlotAt(0).loggedIn = true;  // the import has logged out
-  EXPECT_EQ(Call(GivenWrapped({'R', 'S', 'A'}, kPrivate, kDoNotFinalize)), 0);
+  EXPECT_EQ(Call(GivenWrapped({'R', 'S', 'A'}, kPrivateBlob, kDoNotFinalize)), 0);
   EXPECT_EQ(record().cbPrivateKey, 8u);
   EXPECT_EQ(record().dwMagic, 0x00415352u);
 }
@@ -1153,7 +1137,7 @@ TEST_F(WrappedImport, EachAllocationMayFail) {
   bool reached = true;
   bool refused = false;
   while (reached) {
-    const Arguments arguments = GivenWrapped(Wrapped(plain), kPrivate, kDoNotFinalize);
+    const Arguments arguments = GivenWrapped(Wrapped(plain), kPrivateBlob, kDoNotFinalize);
     token().SlotAt(0).loggedIn = true;  // an import that succeeded has logged out
     SECURITY_STATUS status = 0;
     {
@@ -1188,7 +1172,7 @@ TEST_F(ImportKeyTest, ChecksInOrder) {
   ExpectRefused(arguments, "NTE_INVALID_HANDLE: pProvider is NULL", NTE_INVALID_HANDLE);
   arguments.provider = provider_;
   ExpectRefused(arguments, kWrongType, NTE_NOT_SUPPORTED);
-  arguments.type = kPublic;
+  arguments.type = kPublicBlob;
   ExpectRefused(arguments, "NTE_INVALID_PARAMETER: phKey is NULL", NTE_INVALID_PARAMETER);
   arguments.key = &key_;
   ExpectRefused(arguments, "NTE_INVALID_PARAMETER: pbData is NULL", NTE_INVALID_PARAMETER);
@@ -1223,11 +1207,11 @@ TEST_F(ImportKeyTest, EveryFlag) {
   for (unsigned bit = 0; bit < 32; ++bit) {
     const DWORD flag = DWORD{1} << bit;
     if ((flag & 0x6E8) == 0) {
-      ExpectRefused(Given(PublicBlob(), kPublic, flag | 0x6E8), kBadFlags, NTE_BAD_FLAGS);
+      ExpectRefused(Given(PublicBlob(), kPublicBlob, flag | 0x6E8), kBadFlags, NTE_BAD_FLAGS);
     } else if ((flag & 0x220) != 0) {
-      ExpectRefused(Given(PublicBlob(), kPublic, flag | 0x4C8), kUnsupportedFlags, NTE_NOT_SUPPORTED);
+      ExpectRefused(Given(PublicBlob(), kPublicBlob, flag | 0x4C8), kUnsupportedFlags, NTE_NOT_SUPPORTED);
     } else {
-      EXPECT_EQ(Import(PublicBlob(), kPublic, flag), 0) << flag;
+      EXPECT_EQ(Import(PublicBlob(), kPublicBlob, flag), 0) << flag;
     }
   }
 }
@@ -1235,7 +1219,7 @@ TEST_F(ImportKeyTest, EveryFlag) {
 TEST_F(ImportKeyTest, ALengthAtItsMaximumFindsNoMemory) {
   ThrowOnce();
   for (const DWORD length : {DWORD{0xFFFFFFFF}, DWORD{0x80000000}, DWORD{kLargestBlock + 1}}) {
-    for (const wchar_t* type : {kPublic, kPrivate}) {
+    for (const wchar_t* type : {kPublicBlob, kPrivateBlob}) {
       Arguments arguments = Given(PublicBlob(), type);
       arguments.length = length;
       kit::MemoryWatch watch;
@@ -1288,7 +1272,7 @@ TEST_F(ImportKeyTest, LengthsBeyondTheDataReadAsZero) {
 
   blob = PrivateBlob();
   blob.resize(24 + 3 + 128 + 64 + 10);
-  EXPECT_EQ(Import(blob, kPrivate, kDoNotFinalize), 0);
+  EXPECT_EQ(Import(blob, kPrivateBlob, kDoNotFinalize), 0);
   Bytes prime2(kPrime2.begin(), kPrime2.begin() + 10);
   prime2.resize(64, 0);
   EXPECT_EQ(Bytes(record().pbPrime2, record().pbPrime2 + 64), prime2);
@@ -1298,7 +1282,7 @@ TEST_F(ImportKeyTest, LengthsBeyondTheDataReadAsZero) {
 // A bit length changed later by the length property (up to 4096 bits) still finds its bytes.
 TEST_F(ImportKeyTest, ComponentsAreAtLeastAsLongAsAnyBitLengthAsksFor) {
   kit::MemoryWatch watch;
-  EXPECT_EQ(Import(Joined({HeaderBytes({kRsa1, 512, 1, 1, 1, 1}), {3, 4, 5, 6}}), kPrivate, kDoNotFinalize), 0);
+  EXPECT_EQ(Import(Joined({HeaderBytes({kRsa1, 512, 1, 1, 1, 1}), {3, 4, 5, 6}}), kPrivateBlob, kDoNotFinalize), 0);
   const auto live = watch.Live();
   EXPECT_GE(live.at(record().pbModulus), 512u);
   EXPECT_GE(live.at(record().pbPrime1), 256u);
@@ -1311,12 +1295,13 @@ TEST_F(ImportKeyTest, ComponentsAreAtLeastAsLongAsAnyBitLengthAsksFor) {
 // A bit length or a part beyond any key that a token takes makes no component longer.
 TEST_F(ImportKeyTest, ComponentsAreNoLongerThanAnyKeyTakes) {
   kit::MemoryWatch watch;
-  EXPECT_EQ(Import(Joined({HeaderBytes({kRsa1, 80000, 1, 1, 1, 1}), {3, 4, 5, 6}}), kPrivate, kDoNotFinalize), 0);
+  EXPECT_EQ(Import(Joined({HeaderBytes({kRsa1, 80000, 1, 1, 1, 1}), {3, 4, 5, 6}}), kPrivateBlob, kDoNotFinalize), 0);
   const auto live = watch.Live();
   EXPECT_EQ(live.at(record().pbModulus), 512u);
   EXPECT_EQ(live.at(record().pbPrime1), 512u);
   EXPECT_EQ(live.at(record().pbPrime2), 512u);
-  EXPECT_EQ(Import(Joined({HeaderBytes({kRsa1, 512, 0, 2000, 0, 0}), Bytes(2000, 7)}), kPrivate, kDoNotFinalize), 0);
+  EXPECT_EQ(Import(Joined({HeaderBytes({kRsa1, 512, 0, 2000, 0, 0}), Bytes(2000, 7)}), kPrivateBlob, kDoNotFinalize),
+            0);
   EXPECT_EQ(Bytes(record().pbModulus, record().pbModulus + 512), Bytes(512, 7));
 }
 
@@ -1333,7 +1318,7 @@ TEST_F(ImportKeyTest, DataOfUpToAHeader) {
       EXPECT_EQ(Bytes(record().pbModulus, record().pbModulus + 128), Bytes(128, 0)) << length;
       EXPECT_EQ(Bytes(record().PublicExponent, record().PublicExponent + 4), Bytes(4, 0));
     }
-    EXPECT_EQ(Import(data, kPrivate, kDoNotFinalize), 0) << length;
+    EXPECT_EQ(Import(data, kPrivateBlob, kDoNotFinalize), 0) << length;
     EXPECT_EQ(record().cbPrivateKey, length);
     EXPECT_EQ(fake::Ulong(record().dwMagic), Bytes(padded.begin(), padded.begin() + 4));
   }
@@ -1345,7 +1330,7 @@ SECURITY_STATUS Expected(const Header& header, const wchar_t* type) {
     if (length > kLargestBlock) return NTE_INTERNAL_ERROR;
   }
   if (header.cbPublicExp > 4) return NTE_NOT_SUPPORTED;
-  if (type == kPrivate) return 0;
+  if (type == kPrivateBlob) return 0;
   const std::uint32_t bits = header.bitLength / 8 * 8;
   return bits == 512 || bits == 1024 || bits == 2048 || bits == 4096 ? 0 : NTE_INTERNAL_ERROR;
 }
@@ -1357,7 +1342,7 @@ TEST_F(ImportKeyTest, EveryHeaderFieldAtItsEnds) {
   for (const Field field : fields) {
     for (const std::uint32_t value :
          {0u, 1u, 1000u, 0x10000u, kLargestBlock + 1, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFEu, 0xFFFFFFFFu}) {
-      for (const wchar_t* type : {kPublic, kPrivate}) {
+      for (const wchar_t* type : {kPublicBlob, kPrivateBlob}) {
         Header header;
         header.*field = value;
         EXPECT_EQ(Import(PublicBlob(header), type, kDoNotFinalize), Expected(header, type))
@@ -1374,7 +1359,7 @@ TEST_F(ImportKeyTest, EveryHeaderFieldAtItsEnds) {
 
 TEST_F(ImportKeyTest, AllHeaderFieldsAtTheirMaximum) {
   const std::uint32_t max = 0xFFFFFFFF;
-  for (const wchar_t* type : {kPublic, kPrivate}) {
+  for (const wchar_t* type : {kPublicBlob, kPrivateBlob}) {
     const Arguments arguments = Given(HeaderBytes({max, max, max, max, max, max}), type);
     EXPECT_EQ(Call(arguments), NTE_INTERNAL_ERROR);
     ExpectLines(Lines(arguments, {}, NTE_INTERNAL_ERROR));
@@ -1391,7 +1376,7 @@ TEST_F(ImportKeyTest, NothingLargeStaysBehindWhateverTheHeaderSays) {
       header.bitLength = bits;
       header.cbModulus = header.cbPrime1 = header.cbPrime2 = 0x100000;
       const kit::MemoryWatch watch;
-      EXPECT_EQ(Import(HeaderBytes(header), kPrivate, kDoNotFinalize), 0);
+      EXPECT_EQ(Import(HeaderBytes(header), kPrivateBlob, kDoNotFinalize), 0);
       EXPECT_EQ(record().dwKeyBitLength, bits);
       for (const auto& [address, size] : watch.Live())
         EXPECT_LE(size, 2048u);

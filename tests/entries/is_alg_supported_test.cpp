@@ -9,9 +9,8 @@ namespace {
 
 using kit::Frame;
 using kit::Hex32;
+using kit::kSilent;
 using kit::Line;
-
-constexpr DWORD kSilent = 0x40;
 
 class IsAlgSupportedTest : public KeyEntryTest {
  protected:

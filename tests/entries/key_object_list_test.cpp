@@ -12,6 +12,7 @@ namespace {
 using fake::Ascii;
 using fake::Bytes;
 using kit::Dump;
+using kit::Join;
 using kit::KeyName;
 using kit::Line;
 using kit::Number;
@@ -21,37 +22,12 @@ const char kSearchPrivate[] = "C_FindObjectsInit(session=0x51, {CKA_TOKEN=01, CK
 const char kCount[] = "C_FindObjects(session=0x51, objects=NULL, maximum=1000)";
 const char kFinal[] = "C_FindObjectsFinal(session=0x51)";
 
-class KeyObjectListTest : public kit::ProviderTest {
+class KeyObjectListTest : public kit::OpenedProviderTest {
  protected:
-  void SetUp() override {
-    kit::ProviderTest::SetUp();
-    AddReader();
-  }
-  void TearDown() override {
-    if (provider_) ksp().FreeProvider(provider_);
-    kit::ProviderTest::TearDown();
-  }
-  void Open() { provider_ = OpenProvider(); }
-  // Starts an enumeration, which builds the list; frees what it hands out.
-  SECURITY_STATUS Build() {
-    if (!provider_) Open();
-    NCryptKeyName* name = nullptr;
-    PVOID state = nullptr;
-    const SECURITY_STATUS status = ksp().EnumKeys(provider_, nullptr, &name, &state, 0);
-    if (name) ksp().FreeBuffer(name);
-    if (state) ksp().FreeBuffer(state);
-    return status;
-  }
-  std::size_t Entries() const { return kit::RecordOf(provider_)->cKeyObjects; }
-  const kit::KeyRecord& Entry(std::size_t index) const { return kit::RecordOf(provider_)->pKeyObjects[index]; }
-  // The lines between "InitializeObjectList - Entry" and "- Exit", both included.
-  static std::vector<Line> BuildLines() {
-    std::vector<Line> all = kit::Log::Get().Take();
-    const auto first = std::find(all.begin(), all.end(), KeyName("InitializeObjectList - Entry"));
-    const auto last = std::find(all.begin(), all.end(), KeyName("InitializeObjectList - Exit"));
-    if (first == all.end() || last == all.end()) return {};
-    return std::vector<Line>(first, last + 1);
-  }
+  std::size_t Entries() const { return providerRecord().cKeyObjects; }
+  const kit::KeyRecord& Entry(std::size_t index) const { return providerRecord().pKeyObjects[index]; }
+  // The lines of the building alone.
+  static std::vector<Line> BuildLines() { return kit::ListLines(kit::Log::Get().Take()); }
   static std::string Fetch(std::size_t count) {
     return "C_FindObjects(session=0x51, objects=PTR, maximum=" + std::to_string(count) + ")";
   }
@@ -70,19 +46,11 @@ class KeyObjectListTest : public kit::ProviderTest {
     return {KeyName(Dump("CKA_ID\t\t: ", id)), KeyName(Dump("CKA_LABEL\t: ", label)),
             Number("CKA_MODULUS_BITS: ", bits)};
   }
-  static std::vector<Line> Join(std::initializer_list<std::vector<Line>> parts) {
-    std::vector<Line> all;
-    for (const std::vector<Line>& part : parts)
-      all.insert(all.end(), part.begin(), part.end());
-    return all;
-  }
-
-  NCRYPT_PROV_HANDLE provider_ = 0;
 };
 
 TEST_F(KeyObjectListTest, PairsPublicAndPrivateKey) {
   const fake::KeyPair pair = token().AddKeyPair(Ascii("Key1"), "my label", 1024);
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   ASSERT_EQ(Entries(), 1u);
   const kit::KeyRecord& entry = Entry(0);
   EXPECT_EQ(entry.cbLength, sizeof(kit::KeyRecord));
@@ -122,8 +90,7 @@ TEST_F(KeyObjectListTest, PairsPublicAndPrivateKey) {
 
 TEST_F(KeyObjectListTest, BothReadsUseTheSame200ByteBuffers) {
   token().AddKeyPair(Ascii("Key1"), "label");
-  Open();
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   std::vector<std::vector<fake::Attribute>> reads;
   for (const fake::Call& call : token().Calls()) {
     if (call.function == "C_GetAttributeValue") reads.push_back(call.templates.at(0));
@@ -135,7 +102,7 @@ TEST_F(KeyObjectListTest, BothReadsUseTheSame200ByteBuffers) {
 
 TEST_F(KeyObjectListTest, PrivateKeyWithoutPublicOneHasAnEntryOfItsOwn) {
   const CK_OBJECT_HANDLE key = token().AddPrivateKey(Ascii("Lone"), "", 2048);
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   ASSERT_EQ(Entries(), 1u);
   EXPECT_EQ(Entry(0).hPublicKeyObject, 0u);
   EXPECT_EQ(Entry(0).hPrivateKeyObject, key);
@@ -148,7 +115,7 @@ TEST_F(KeyObjectListTest, PrivateKeyWithoutPublicOneHasAnEntryOfItsOwn) {
 TEST_F(KeyObjectListTest, SecondPublicKeyOfAnIdentifierIsSkipped) {
   const CK_OBJECT_HANDLE first = token().AddPublicKey(Ascii("Same"), "one", 1024);
   token().AddPublicKey(Ascii("Same"), "two", 2048);
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   ASSERT_EQ(Entries(), 1u);
   EXPECT_EQ(Entry(0).hPublicKeyObject, first);
   EXPECT_EQ(Entry(0).dwKeyBitLength, 1024u);
@@ -160,7 +127,7 @@ TEST_F(KeyObjectListTest, SecondPrivateKeyOfAnIdentifierIsSkipped) {
   token().AddPublicKey(Ascii("Same"), "");
   const CK_OBJECT_HANDLE first = token().AddPrivateKey(Ascii("Same"), "");
   token().AddPrivateKey(Ascii("Same"), "");
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   ASSERT_EQ(Entries(), 1u);
   EXPECT_EQ(Entry(0).hPrivateKeyObject, first);
   const std::vector<Line> lines = BuildLines();
@@ -171,7 +138,7 @@ TEST_F(KeyObjectListTest, SecondPrivateKeyOfAnIdentifierIsSkipped) {
 TEST_F(KeyObjectListTest, PublicKeysComeBeforePrivateOnesWhateverTheTokensOrder) {
   const CK_OBJECT_HANDLE privateKey = token().AddPrivateKey(Ascii("Key"), "", 512);
   const CK_OBJECT_HANDLE publicKey = token().AddPublicKey(Ascii("Key"), "", 1024);
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   ASSERT_EQ(Entries(), 1u);
   EXPECT_EQ(Entry(0).hPublicKeyObject, publicKey);
   EXPECT_EQ(Entry(0).hPrivateKeyObject, privateKey);
@@ -182,7 +149,7 @@ TEST_F(KeyObjectListTest, IdentifiersMatchOverTheLengthOfTheEntry) {
   // The entry's identifier is a leading part of the private key's: they pair, although they differ.
   const CK_OBJECT_HANDLE shorter = token().AddPublicKey(Ascii("Key"), "");
   const CK_OBJECT_HANDLE longer = token().AddPrivateKey(Ascii("Key1"), "");
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   ASSERT_EQ(Entries(), 1u);
   EXPECT_EQ(Entry(0).hPublicKeyObject, shorter);
   EXPECT_EQ(Entry(0).hPrivateKeyObject, longer);
@@ -192,7 +159,7 @@ TEST_F(KeyObjectListTest, TheFirstOfSeveralLeadingPartsIsTaken) {
   token().AddPublicKey(Ascii("Key1"), "");
   const CK_OBJECT_HANDLE second = token().AddPublicKey(Ascii("Other"), "");
   const CK_OBJECT_HANDLE privateKey = token().AddPrivateKey(Ascii("Key12"), "");
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   ASSERT_EQ(Entries(), 2u);
   EXPECT_EQ(Entry(0).hPrivateKeyObject, privateKey);
   EXPECT_EQ(Entry(1).hPublicKeyObject, second);
@@ -202,7 +169,7 @@ TEST_F(KeyObjectListTest, TheFirstOfSeveralLeadingPartsIsTaken) {
 TEST_F(KeyObjectListTest, IdentifiersThatDifferWithinTheLengthOfTheEntryDoNotMatch) {
   token().AddPublicKey(Ascii("Key1"), "");
   token().AddPrivateKey(Ascii("Key2"), "");
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   EXPECT_EQ(Entries(), 2u);
 }
 
@@ -210,7 +177,7 @@ TEST_F(KeyObjectListTest, LeftoverOfALongerIdentifierInTheBufferIsSeen) {
   // The buffers are zeroed once, not between keys: the second key's identifier is followed by what the first one left.
   token().AddPublicKey(Ascii("Key1"), "");
   token().AddPublicKey(Ascii("K"), "");
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   // "K" read into a buffer that held "Key1" compares equal over the four bytes of the first entry.
   EXPECT_EQ(Entries(), 1u);
 }
@@ -218,7 +185,7 @@ TEST_F(KeyObjectListTest, LeftoverOfALongerIdentifierInTheBufferIsSeen) {
 TEST_F(KeyObjectListTest, EntryWithEmptyIdentifierMatchesEveryLaterKey) {
   token().AddPublicKey({}, "label");
   const CK_OBJECT_HANDLE privateKey = token().AddPrivateKey(Ascii("Key1"), "");
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   ASSERT_EQ(Entries(), 1u);
   EXPECT_EQ(Entry(0).hPrivateKeyObject, privateKey);
   EXPECT_EQ(Entry(0).pszKeyName, nullptr) << "an identifier that is present but empty gives no name";
@@ -229,7 +196,7 @@ TEST_F(KeyObjectListTest, EntryWithEmptyIdentifierMatchesEveryLaterKey) {
 }
 
 TEST_F(KeyObjectListTest, EmptyToken) {
-  EXPECT_EQ(Build(), NTE_NO_MORE_ITEMS);
+  EXPECT_EQ(BuildList(), NTE_NO_MORE_ITEMS);
   EXPECT_EQ(Entries(), 0u);
   EXPECT_TRUE(kit::SameLines(
       {KeyName("InitializeObjectList - Entry"), KeyName("Find Token Public Keys"), Number("numPublicKeys = ", 0),
@@ -243,20 +210,20 @@ TEST_F(KeyObjectListTest, EmptyToken) {
 
 TEST_F(KeyObjectListTest, RebuiltByEveryNewEnumeration) {
   token().AddKeyPair(Ascii("Key1"), "");
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   EXPECT_EQ(Entries(), 1u);
   token().AddKeyPair(Ascii("Other"), "");
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   EXPECT_EQ(Entries(), 2u);
 }
 
 TEST_F(KeyObjectListTest, RebuildFreesTheOldArray) {
   token().AddKeyPair(Ascii("Key1"), "");
   kit::MemoryWatch watch;
-  EXPECT_EQ(Build(), 0);
-  const void* old = kit::RecordOf(provider_)->pKeyObjects;
+  EXPECT_EQ(BuildList(), 0);
+  const void* old = providerRecord().pKeyObjects;
   ASSERT_NE(old, nullptr);
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   EXPECT_TRUE(watch.WasFreed(old));
 }
 
@@ -271,9 +238,8 @@ class FailingBuild : public KeyObjectListTest, public ::testing::WithParamInterf
 
 TEST_P(FailingBuild, IsAnInternalError) {
   token().AddKeyPair(Ascii("Key1"), "");
-  Open();
   token().Fail(GetParam().function, CKR_DEVICE_ERROR, GetParam().nth);
-  EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
+  EXPECT_EQ(BuildList(), NTE_INTERNAL_ERROR);
   const std::vector<std::string> calls = token().TakeTexts();
   ASSERT_FALSE(calls.empty());
   EXPECT_EQ(calls.back().substr(0, calls.back().find('(')), GetParam().function)
@@ -304,9 +270,8 @@ INSTANTIATE_TEST_SUITE_P(EachCall, FailingBuild,
 
 TEST_F(KeyObjectListTest, FailureMidwayLeavesTheEntriesAdded) {
   token().AddKeyPair(Ascii("Key1"), "");
-  Open();
   token().Fail("C_GetAttributeValue", CKR_DEVICE_ERROR, 2);
-  EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
+  EXPECT_EQ(BuildList(), NTE_INTERNAL_ERROR);
   EXPECT_EQ(Entries(), 1u);
   EXPECT_TRUE(kit::SameLines(
       Join({{KeyName("InitializeObjectList - Entry"), KeyName("Find Token Public Keys"), Number("numPublicKeys = ", 1),
@@ -320,25 +285,24 @@ TEST_F(KeyObjectListTest, FailureMidwayLeavesTheEntriesAdded) {
 
 TEST_F(KeyObjectListTest, FailingRebuildHasEmptiedTheList) {
   token().AddKeyPair(Ascii("Key1"), "");
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   token().Fail("C_FindObjectsInit", CKR_DEVICE_ERROR);
-  EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
+  EXPECT_EQ(BuildList(), NTE_INTERNAL_ERROR);
   EXPECT_EQ(Entries(), 0u);
-  EXPECT_EQ(kit::RecordOf(provider_)->pKeyObjects, nullptr);
+  EXPECT_EQ(providerRecord().pKeyObjects, nullptr);
 }
 
 TEST_F(KeyObjectListTest, HandleArraysAreReleasedOnEveryPath) {
   token().AddKeyPair(Ascii("Key1"), "");
-  Open();
   for (const bool fails : {false, true}) {
     if (fails) token().Fail("C_GetAttributeValue", CKR_DEVICE_ERROR, 2);
     token().ClearCalls();
     const kit::MemoryWatch watch;
-    EXPECT_EQ(Build(), fails ? NTE_INTERNAL_ERROR : 0);
+    EXPECT_EQ(BuildList(), fails ? NTE_INTERNAL_ERROR : 0);
     const std::map<const void*, std::size_t> live = watch.Live();
     // The list and the name of its one entry are all that stays, and what FreeBuffer leaves of a name handed out.
     EXPECT_EQ(live.size(), fails ? 2u : 4u);
-    EXPECT_EQ(live.count(kit::RecordOf(provider_)->pKeyObjects), 1u);
+    EXPECT_EQ(live.count(providerRecord().pKeyObjects), 1u);
     EXPECT_EQ(live.count(Entry(0).pszKeyName), 1u);
   }
 }
@@ -347,7 +311,7 @@ TEST_F(KeyObjectListTest, NamesAndIdentifiersAreWipedWithTheList) {
   for (const char* id : {"First identifier", "Second identifier", "Third identifier"})
     token().AddKeyPair(Ascii(id), "");
   const kit::MemoryWatch watch;
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   EXPECT_EQ(Entries(), 3u);
   ksp().FreeProvider(provider_);
   provider_ = 0;
@@ -359,7 +323,7 @@ TEST_F(KeyObjectListTest, ListIsOneArrayWithRoomForThePublicKeysFound) {
   for (const char* id : {"A", "B", "C"})
     token().AddPublicKey(Ascii(id), "");
   const kit::MemoryWatch watch;
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   ASSERT_EQ(Entries(), 3u);
   const std::map<const void*, std::size_t> live = watch.Live();
   ASSERT_EQ(live.count(&Entry(0)), 1u);
@@ -384,7 +348,7 @@ TEST_F(KeyObjectListTest, ArrayMovesOnceForPrivateKeysOfTheirOwn) {
   for (const char* id : {"Third identifier", "Last identifier"})
     token().AddPrivateKey(Ascii(id), "");
   const kit::MemoryWatch watch;
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   ASSERT_EQ(Entries(), 4u);
   EXPECT_EQ(watch.Live().at(&Entry(0)), 4 * sizeof(kit::KeyRecord));
   for (std::size_t i = 0; i < 4; ++i) {
@@ -404,12 +368,11 @@ TEST_F(KeyObjectListTest, ArrayMovesOnceForPrivateKeysOfTheirOwn) {
 TEST_F(KeyObjectListTest, WithoutRoomForAllKeysTheArrayGrowsOneByOne) {
   for (const char* id : {"A", "B", "C", "D"})
     token().AddKeyPair(Ascii(id), "");
-  Open();
   kit::MemoryWatch watch;
   watch.FailWhen([](std::size_t size, std::size_t) {
     return size % sizeof(kit::KeyRecord) == 0 && size > 2 * sizeof(kit::KeyRecord);
   });
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   ASSERT_EQ(Entries(), 2u) << "keys for which there is no room are left out";
   for (std::size_t i = 0; i < 2; ++i) {
     EXPECT_EQ(std::wstring(Entry(i).pszKeyName), std::wstring(1, static_cast<wchar_t>(L'A' + i)));
@@ -482,7 +445,6 @@ TEST_P(RandomLists, FollowThePlainRule) {
   Add(publicKeys, &Expected::publicKey, buffer, expected);
   Add(privateKeys, &Expected::privateKey, buffer, expected);
 
-  Open();
   kit::MemoryWatch watch;
   bool refused = false;
   watch.FailWhen([&](std::size_t size, std::size_t) {
@@ -490,7 +452,7 @@ TEST_P(RandomLists, FollowThePlainRule) {
     refused = refused || index;
     return index;
   });
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   EXPECT_EQ(refused, given.withoutIndex);
   ASSERT_EQ(Entries(), expected.size());
   for (std::size_t i = 0; i < expected.size(); ++i) {
@@ -510,42 +472,40 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(KeyObjectListTest, IdentifierOf200BytesFitsOf201Fails) {
   const CK_OBJECT_HANDLE key = token().AddPublicKey(Bytes(200, 'i'), "");
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   EXPECT_EQ(Entry(0).cbKeyId, 200u);
   token().ObjectAttributes(key)[CKA_ID] = Bytes(201, 'i');
-  EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
+  EXPECT_EQ(BuildList(), NTE_INTERNAL_ERROR);
   token().ObjectAttributes(key)[CKA_ID] = Bytes(20, 'i');
   token().ObjectAttributes(key)[CKA_LABEL] = Bytes(201, 'l');
-  EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
+  EXPECT_EQ(BuildList(), NTE_INTERNAL_ERROR);
   token().ObjectAttributes(key)[CKA_LABEL] = Bytes(200, 'l');
-  EXPECT_EQ(Build(), 0) << "a label of 200 bytes fits as well";
+  EXPECT_EQ(BuildList(), 0) << "a label of 200 bytes fits as well";
   token().ObjectAttributes(key).erase(CKA_LABEL);
-  EXPECT_EQ(Build(), NTE_INTERNAL_ERROR) << "a key without label attribute cannot be read";
+  EXPECT_EQ(BuildList(), NTE_INTERNAL_ERROR) << "a key without label attribute cannot be read";
 }
 
 // Whatever the module says, nothing is taken from behind the buffers.
 TEST_F(KeyObjectListTest, ModuleThatTellsMoreThanFitsIsNotBelieved) {
   token().AddPublicKey(Ascii("Key1"), "");
-  Open();
   static std::size_t tooLong;
+  const fake::ListGuard guard;
   CK_FUNCTION_LIST& functions = token().List()->standard;
-  const CK_C_GetAttributeValue original = functions.C_GetAttributeValue;
   functions.C_GetAttributeValue = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE, CK_ATTRIBUTE* entries, CK_ULONG) -> CK_RV {
     entries[tooLong].ulValueLen = 201;
     return CKR_OK;
   };
   for (tooLong = 0; tooLong < 2; ++tooLong) {
-    EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
+    EXPECT_EQ(BuildList(), NTE_INTERNAL_ERROR);
     EXPECT_EQ(Entries(), 0u);
   }
-  functions.C_GetAttributeValue = original;
 }
 
 TEST_F(KeyObjectListTest, ModuleThatSaysYesAndWritesNothing) {
   token().AddPublicKey(Ascii("Key1"), "");
-  EXPECT_EQ(Build(), 0);  // leaves nothing in the buffers of the next one
+  EXPECT_EQ(BuildList(), 0);  // leaves nothing in the buffers of the next one
   token().FailAlways("C_GetAttributeValue", CKR_OK);
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   ASSERT_EQ(Entries(), 1u);
   EXPECT_EQ(Entry(0).cbKeyId, 200u) << "the length that was asked for";
   EXPECT_EQ(Bytes(Entry(0).KeyId, Entry(0).KeyId + 200), Bytes(200, 0));
@@ -557,14 +517,14 @@ TEST_F(KeyObjectListTest, ModuleThatSaysYesAndWritesNothing) {
 
 TEST_F(KeyObjectListTest, NameEndsBeforeTheFirstZeroByte) {
   token().AddPublicKey({0x3F, 0x9A, 0x00, 0x12}, "");
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   EXPECT_STREQ(Entry(0).pszKeyName, L"\x3F\x9A");
   EXPECT_EQ(Entry(0).cbKeyId, 4u);
 }
 
 TEST_F(KeyObjectListTest, IdentifierThatBeginsWithZeroGivesAnEmptyNameNotTheLabel) {
   token().AddPublicKey({0x00}, "label");
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   ASSERT_NE(Entry(0).pszKeyName, nullptr);
   EXPECT_STREQ(Entry(0).pszKeyName, L"");
   EXPECT_EQ(Entry(0).cbKeyName, 1u);
@@ -573,28 +533,22 @@ TEST_F(KeyObjectListTest, IdentifierThatBeginsWithZeroGivesAnEmptyNameNotTheLabe
 TEST_F(KeyObjectListTest, AnyAllocationMayFail) {
   token().AddKeyPair(Ascii("Key1"), "label");
   token().AddKeyPair(Ascii("Second"), "label");
-  Open();
-  for (std::size_t nth = 1; nth < 500; ++nth) {
-    kit::MemoryWatch watch;
-    watch.FailAllocation(nth);
-    const SECURITY_STATUS status = Build();
-    const bool reached = watch.Allocations() >= nth;
-    watch.StopFailing();
-    EXPECT_TRUE(status == 0 || status == NTE_NO_MEMORY || status == NTE_INTERNAL_ERROR || status == NTE_NO_MORE_ITEMS)
-        << std::hex << status;
-    if (!reached) break;
-    ASSERT_LT(nth, 499u);
-  }
-  EXPECT_EQ(Build(), 0);
+  FailEachAllocation([&] { return BuildList(); },
+                     [](SECURITY_STATUS status, std::size_t) {
+                       EXPECT_TRUE(status == 0 || status == NTE_NO_MEMORY || status == NTE_INTERNAL_ERROR ||
+                                   status == NTE_NO_MORE_ITEMS)
+                           << std::hex << status;
+                       return false;  // the list stays
+                     });
+  EXPECT_EQ(BuildList(), 0);
   EXPECT_EQ(Entries(), 2u);
 }
 
 TEST_F(KeyObjectListTest, ArrayOfHandlesThatCannotBeAllocated) {
   token().AddKeyPair(Ascii("Key1"), "label");
-  Open();
   kit::MemoryWatch watch;
   watch.FailWhen([](std::size_t size, std::size_t) { return size == sizeof(CK_OBJECT_HANDLE); });
-  EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
+  EXPECT_EQ(BuildList(), NTE_INTERNAL_ERROR);
   EXPECT_TRUE(kit::SameLines({KeyName("InitializeObjectList - Entry"), KeyName("Find Token Public Keys"),
                               KeyName("NTE_INTERNAL_ERROR: Object memory allocation error"),
                               KeyName("Find Token Public Keys error"), KeyName("InitializeObjectList - Exit")},
@@ -606,10 +560,9 @@ TEST_F(KeyObjectListTest, ArrayOfPrivateHandlesThatCannotBeAllocated) {
   token().AddPublicKey(Ascii("Key1"), "");
   token().AddPrivateKey(Ascii("Key1"), "");
   token().AddPrivateKey(Ascii("Key2"), "");
-  Open();
   kit::MemoryWatch watch;
   watch.FailWhen([](std::size_t size, std::size_t) { return size == 2 * sizeof(CK_OBJECT_HANDLE); });
-  EXPECT_EQ(Build(), NTE_INTERNAL_ERROR);
+  EXPECT_EQ(BuildList(), NTE_INTERNAL_ERROR);
   EXPECT_TRUE(kit::SameLines(
       {KeyName("InitializeObjectList - Entry"), KeyName("Find Token Public Keys"), Number("numPublicKeys = ", 1),
        KeyName("Find Token Private Keys "), KeyName("NTE_INTERNAL_ERROR: Object memory allocation error"),
@@ -620,21 +573,19 @@ TEST_F(KeyObjectListTest, ArrayOfPrivateHandlesThatCannotBeAllocated) {
 
 TEST_F(KeyObjectListTest, MoreKeysInTheSecondPassThanInTheFirst) {
   token().AddKeyPair(Ascii("Key1"), "");
-  Open();
   std::size_t searches = 0;
   token().Before("C_FindObjectsInit", [&](const fake::Call&) {
     if (++searches == 2) token().AddPublicKey(Ascii("Late"), "");
   });
-  EXPECT_EQ(Build(), 0);
+  EXPECT_EQ(BuildList(), 0);
   EXPECT_EQ(Entries(), 1u);
 }
 
 // A module that counts two objects and hands out one: the second is no object, and is not made one of.
 TEST_F(KeyObjectListTest, ModuleThatHandsOutFewerHandlesThanItCounts) {
   token().AddPublicKey(Ascii("Key1"), "");
-  Open();
+  const fake::ListGuard guard;
   CK_FUNCTION_LIST& functions = token().List()->standard;
-  const CK_C_FindObjects original = functions.C_FindObjects;
   functions.C_FindObjects = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE* objects, CK_ULONG, CK_ULONG* count) -> CK_RV {
     if (objects) objects[0] = 0x101;
     *count = 2;
@@ -647,9 +598,8 @@ TEST_F(KeyObjectListTest, ModuleThatHandsOutFewerHandlesThanItCounts) {
       if (block) std::fill_n(static_cast<BYTE*>(block), size, BYTE{0xEE});
       return block;
     });
-    EXPECT_EQ(Build(), NTE_INTERNAL_ERROR) << "the token knows no object 0";
+    EXPECT_EQ(BuildList(), NTE_INTERNAL_ERROR) << "the token knows no object 0";
   }
-  functions.C_FindObjects = original;
   const std::vector<std::string> calls = token().TakeTexts();
   ASSERT_FALSE(calls.empty());
   EXPECT_EQ(calls.back(), Read(0));
@@ -658,25 +608,23 @@ TEST_F(KeyObjectListTest, ModuleThatHandsOutFewerHandlesThanItCounts) {
 // ... or says at the second pass that there are more than there is room for.
 TEST_F(KeyObjectListTest, ModuleThatCountsMoreThanItWasAskedFor) {
   token().AddPublicKey(Ascii("Key1"), "");
-  Open();
+  const fake::ListGuard guard;
   CK_FUNCTION_LIST& functions = token().List()->standard;
-  const CK_C_FindObjects original = functions.C_FindObjects;
   functions.C_FindObjects = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE* objects, CK_ULONG, CK_ULONG* count) -> CK_RV {
     if (objects) objects[0] = 0x101;
     *count = objects ? 0xFFFFFFFF : 1;
     return CKR_OK;
   };
-  EXPECT_EQ(Build(), 0);
-  functions.C_FindObjects = original;
+  EXPECT_EQ(BuildList(), 0);
   EXPECT_EQ(Entries(), 1u);
 }
 
 // An entry whose public object has the handle 0 has none yet: a second public key of its identifier pairs with it.
 TEST_F(KeyObjectListTest, PublicKeyPairsWithAnEntryThatHasNone) {
   const CK_OBJECT_HANDLE key = token().AddPublicKey(Ascii("Key1"), "");
-  Open();
   static CK_C_GetAttributeValue getAttributeValue;
   static CK_C_FindObjects findObjects;
+  const fake::ListGuard guard;
   CK_FUNCTION_LIST& functions = token().List()->standard;
   getAttributeValue = functions.C_GetAttributeValue;
   findObjects = functions.C_FindObjects;
@@ -693,9 +641,7 @@ TEST_F(KeyObjectListTest, PublicKeyPairsWithAnEntryThatHasNone) {
     ++*count;
     return result;
   };
-  EXPECT_EQ(Build(), 0);
-  functions.C_GetAttributeValue = getAttributeValue;
-  functions.C_FindObjects = findObjects;
+  EXPECT_EQ(BuildList(), 0);
   ASSERT_EQ(Entries(), 1u);
   EXPECT_EQ(Entry(0).hPublicKeyObject, key);
   const std::vector<Line> lines = BuildLines();
@@ -705,18 +651,16 @@ TEST_F(KeyObjectListTest, PublicKeyPairsWithAnEntryThatHasNone) {
 
 TEST_F(KeyObjectListTest, NoMoreThan1000KeysOfAClass) {
   token().AddPublicKey(Ascii("Key1"), "");
-  Open();
   static CK_ULONG asked;
+  const fake::ListGuard guard;
   CK_FUNCTION_LIST& functions = token().List()->standard;
-  const CK_C_FindObjects original = functions.C_FindObjects;
   functions.C_FindObjects = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE* objects, CK_ULONG maximum,
                                CK_ULONG* count) -> CK_RV {
     if (objects) asked = maximum;
     *count = objects ? 0 : 0x40000001;
     return CKR_OK;
   };
-  EXPECT_EQ(Build(), NTE_NO_MORE_ITEMS);
-  functions.C_FindObjects = original;
+  EXPECT_EQ(BuildList(), NTE_NO_MORE_ITEMS);
   EXPECT_EQ(asked, 1000u);
 }
 

@@ -16,11 +16,11 @@ using kit::Frame;
 using kit::Hex32;
 using kit::kProviderKey;
 using kit::kProviderName;
+using kit::kSilent;
 using kit::Line;
 using kit::Pointer32;
 using kit::Registry;
 
-constexpr DWORD kSilent = NCRYPT_SILENT_FLAG;
 const char kName[] = "Norvale Token Works KSP v1.0";
 
 class OpenProviderTest : public kit::ProviderTest {

@@ -7,18 +7,6 @@
 
 #include "kit/key_entry.h"
 
-inline constexpr DWORD kSilent = 0x40;
-inline constexpr DWORD kPersistOnly = 0x40000000;
-
-inline std::string Narrow(const std::wstring& text) {
-  return std::string(text.begin(), text.end());
-}
-
-inline fake::Bytes BytesOf(const std::wstring& text, bool terminated) {
-  const auto* bytes = reinterpret_cast<const BYTE*>(text.c_str());
-  return fake::Bytes(bytes, bytes + (text.size() + (terminated ? 1 : 0)) * sizeof(wchar_t));
-}
-
 class ProviderPropertyTest : public KeyEntryTest {
  protected:
   SECURITY_STATUS Get(const wchar_t* name, BYTE* output, DWORD cbOutput, DWORD flags = 0) {

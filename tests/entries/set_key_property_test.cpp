@@ -13,24 +13,18 @@
 namespace {
 
 using fake::Ascii;
+using fake::Bytes;
 using fake::HexOf;
 using kit::Frame;
 using kit::Hex32;
 using kit::Join;
 using kit::Line;
+using kit::Narrow;
 using kit::Number;
 using kit::Pointer32;
 
-using Bytes = std::vector<BYTE>;
-
-class SetKeyPropertyTest : public KeyEntryTest {
+class SetKeyPropertyTest : public NewKeyTest {
  protected:
-  void SetUp() override {
-    KeyEntryTest::SetUp();
-    key_ = Create(L"Key1");
-  }
-  kit::KeyRecord& record() const { return *kit::KeyOf(key_); }
-
   SECURITY_STATUS Set(const wchar_t* name, Bytes input, DWORD flags = 0) {
     const auto size = static_cast<DWORD>(input.size());
     input.push_back(0);  // so that the address of an empty input is not null
@@ -45,11 +39,7 @@ class SetKeyPropertyTest : public KeyEntryTest {
   SECURITY_STATUS SetNumber(const wchar_t* name, DWORD number, DWORD flags = 0) {
     return Set(name, fake::Ulong(number), flags);
   }
-  static Bytes Text(const std::wstring& text) {
-    const auto* bytes = reinterpret_cast<const BYTE*>(text.data());
-    return Bytes(bytes, bytes + text.size() * sizeof(wchar_t));
-  }
-  static std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+  static Bytes Text(const std::wstring& text) { return kit::WideBytes(text, false); }
 
   std::vector<Line> Lines(const std::string& name, const std::vector<Line>& body, LONG status) const {
     return Frame(
@@ -63,7 +53,6 @@ class SetKeyPropertyTest : public KeyEntryTest {
   static constexpr const wchar_t* kHandled[] = {
       L"Key Usage", L"Length", L"Name", L"SmartCardKeyCertificate", L"UI Policy", L"Export Policy", L"HWND Handle"};
 
-  NCRYPT_KEY_HANDLE key_ = 0;
   BYTE* input_ = nullptr;
   DWORD size_ = 0;
   DWORD flags_ = 0;
@@ -465,6 +454,8 @@ class KeyCertificateTest : public SetKeyPropertyTest {
 
   static constexpr wchar_t kName[] = L"SmartCardKeyCertificate";
   static constexpr char kNarrowName[] = "SmartCardKeyCertificate";
+  static constexpr char kInternal[] =
+      "NTE_INTERNAL_ERROR: An internal error occured. Check PKCS logs for more information";
   const kit::TestCertificate certificate_ = kit::MakeCertificate("Subject", "Issuer", {0x01, 0x02, 0x03});
   fake::KeyPair pair_;
 };
@@ -605,7 +596,6 @@ TEST_F(KeyCertificateTest, KeyWithoutObjects) {
 }
 
 TEST_F(KeyCertificateTest, HalfAKeyIsNotLookedUp) {
-  constexpr char kInternal[] = "NTE_INTERNAL_ERROR: An internal error occured. Check PKCS logs for more information";
   record().hPublicKeyObject = 0;
   EXPECT_EQ(SetCertificate(certificate_), NTE_INVALID_PARAMETER) << "the message does not tell the status";
   ExpectLines(Lines(kNarrowName, Join({Attached(false, true), {kInternal}}), NTE_INVALID_PARAMETER));
@@ -617,7 +607,6 @@ TEST_F(KeyCertificateTest, HalfAKeyIsNotLookedUp) {
 }
 
 TEST_F(KeyCertificateTest, EveryTokenCallOfTheLookupCanFail) {
-  constexpr char kInternal[] = "NTE_INTERNAL_ERROR: An internal error occured. Check PKCS logs for more information";
   for (const char* function : {"C_GetAttributeValue", "C_FindObjectsInit", "C_FindObjects"}) {
     token().Fail(function, CKR_DEVICE_ERROR);
     EXPECT_EQ(SetCertificate(certificate_), NTE_INTERNAL_ERROR) << function;

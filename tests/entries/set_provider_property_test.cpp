@@ -10,8 +10,12 @@ namespace {
 using fake::Bytes;
 using kit::Frame;
 using kit::Hex32;
+using kit::kPersistOnly;
+using kit::kSilent;
 using kit::Line;
+using kit::Narrow;
 using kit::Pointer32;
+using kit::WideBytes;
 
 const wchar_t* const kReadOnly[] = {L"Impl Type", L"Max Name Length", L"Security Descr Support", L"Version", L"Name"};
 
@@ -27,7 +31,7 @@ class SetProviderPropertyTest : public ProviderPropertyTest {
 };
 
 TEST_F(SetProviderPropertyTest, ContextIsKeptAndReadBack) {
-  Bytes text = BytesOf(L"context", true);
+  Bytes text = WideBytes(L"context");
   EXPECT_EQ(ksp().SetProviderProperty(provider_, L"Use Context", text.data(), 16, kSilent), 0);
   ExpectLines(SetLines(provider_, "Use Context", text.data(), 16, kSilent, {}, 0));
   ExpectCalls({});
@@ -36,14 +40,14 @@ TEST_F(SetProviderPropertyTest, ContextIsKeptAndReadBack) {
   EXPECT_EQ(Get(L"Use Context", output, 15), NTE_BUFFER_TOO_SMALL);
   EXPECT_EQ(result_, 16u);
   EXPECT_EQ(Get(L"Use Context", output, 16), 0);
-  EXPECT_EQ(Bytes(output, output + 16), BytesOf(L"context", true)) << "a copy is kept";
+  EXPECT_EQ(Bytes(output, output + 16), WideBytes(L"context")) << "a copy is kept";
   EXPECT_EQ(Get(L"Use Context", nullptr, 0), 0);
   EXPECT_EQ(result_, 16u);
 }
 
 // The copy takes twice the input's bytes, zero-filled: a text without a terminator gets one.
 TEST_F(SetProviderPropertyTest, ContextWithoutATerminatorGetsOne) {
-  EXPECT_EQ(Set(L"Use Context", BytesOf(L"context", false)), 0);
+  EXPECT_EQ(Set(L"Use Context", WideBytes(L"context", false)), 0);
   EXPECT_EQ(Context(), L"context");
   EXPECT_EQ(Set(L"Use Context", {'a', 0, 'b'}), 0);
   EXPECT_EQ(Context(), L"ab") << "half a character is filled up with zero";
@@ -80,27 +84,27 @@ TEST_F(SetProviderPropertyTest, ContextTakesTwiceTheInput) {
 }
 
 TEST_F(SetProviderPropertyTest, NewContextReleasesTheOldOne) {
-  EXPECT_EQ(Set(L"Use Context", BytesOf(L"first", true)), 0);
+  EXPECT_EQ(Set(L"Use Context", WideBytes(L"first")), 0);
   const void* const first = providerRecord().pContext;
   kit::MemoryWatch watch;
-  EXPECT_EQ(Set(L"Use Context", BytesOf(L"second", true)), 0);
+  EXPECT_EQ(Set(L"Use Context", WideBytes(L"second")), 0);
   EXPECT_TRUE(watch.WasFreed(first));
   EXPECT_EQ(Context(), L"second");
 }
 
 TEST_F(SetProviderPropertyTest, ContextCanBeSetFromItself) {
-  EXPECT_EQ(Set(L"Use Context", BytesOf(L"itself", true)), 0);
+  EXPECT_EQ(Set(L"Use Context", WideBytes(L"itself")), 0);
   EXPECT_EQ(ksp().SetProviderProperty(provider_, L"Use Context", static_cast<BYTE*>(providerRecord().pContext), 14, 0),
             0);
   EXPECT_EQ(Context(), L"itself");
 }
 
 TEST_F(SetProviderPropertyTest, WithoutMemoryTheOldContextStays) {
-  EXPECT_EQ(Set(L"Use Context", BytesOf(L"first", true)), 0);
+  EXPECT_EQ(Set(L"Use Context", WideBytes(L"first")), 0);
   {
     kit::MemoryWatch watch;
     watch.FailWhen([](std::size_t size, std::size_t) { return size == 28; });
-    EXPECT_EQ(Set(L"Use Context", BytesOf(L"second", true)), NTE_NO_MEMORY);
+    EXPECT_EQ(Set(L"Use Context", WideBytes(L"second")), NTE_NO_MEMORY);
   }
   Forget();
   BYTE byte = 'x';
@@ -166,9 +170,9 @@ TEST_F(SetProviderPropertyTest, EveryFlagOfAWrite) {
 }
 
 TEST_F(SetProviderPropertyTest, RefusedWritesLeaveTheContext) {
-  EXPECT_EQ(Set(L"Use Context", BytesOf(L"kept", true)), 0);
-  EXPECT_EQ(Set(L"Use Context", BytesOf(L"other", true), kPersistOnly), NTE_NOT_SUPPORTED);
-  EXPECT_EQ(Set(L"Use Context", BytesOf(L"other", true), 1), NTE_BAD_FLAGS);
+  EXPECT_EQ(Set(L"Use Context", WideBytes(L"kept")), 0);
+  EXPECT_EQ(Set(L"Use Context", WideBytes(L"other"), kPersistOnly), NTE_NOT_SUPPORTED);
+  EXPECT_EQ(Set(L"Use Context", WideBytes(L"other"), 1), NTE_BAD_FLAGS);
   EXPECT_EQ(ksp().SetProviderProperty(provider_, L"Use Context", nullptr, 4, 0), NTE_INVALID_PARAMETER);
   EXPECT_EQ(Context(), L"kept");
 }

@@ -13,10 +13,14 @@ using kit::Dump;
 using kit::Frame;
 using kit::Hex32;
 using kit::Joined;
+using kit::kBadFlags;
 using kit::kMd5;
+using kit::kPkcs1;
+using kit::kPss;
 using kit::kSha1;
 using kit::kSha256;
 using kit::kSha512;
+using kit::kSilent;
 using kit::Line;
 using kit::Number;
 using kit::Pin;
@@ -47,9 +51,8 @@ class SignHashTest : public SigningTest {
             signature_.data(), 128,  &length_, flags};
   }
   std::vector<std::string> SignCalls(const Bytes& block, const std::string& out) const {
-    return {"C_GetTokenInfo(slot=11)", "VendorLogin(session=0x51, user=1, pin=31323334)",
-            "C_SignInit(session=0x51, CKM_RSA_PKCS[NULL,0], key=0x102)",
-            "C_Sign(session=0x51, data=" + fake::HexOf(block) + ", out=" + out + ")"};
+    return CallsAfterLogin({"C_SignInit(session=0x51, CKM_RSA_PKCS[NULL,0], key=0x102)",
+                            "C_Sign(session=0x51, data=" + fake::HexOf(block) + ", out=" + out + ")"});
   }
 };
 
@@ -58,7 +61,7 @@ TEST_F(SignHashTest, SignsAHashWithACachedPin) {
   const Bytes hash = Counting(20);
   EXPECT_EQ(Sign(hash), 0);
   EXPECT_EQ(length_, 128u);
-  EXPECT_EQ(signature_, token().Signature(pair_.privateKey, Joined(kSha1, hash)));
+  EXPECT_EQ(signature_, token().Signature(pair_.privateKey, Joined({kSha1, hash})));
 
   const std::vector<Line> lines = kit::Log::Get().Take();
   const int entry = EntryInstance(lines);
@@ -67,7 +70,7 @@ TEST_F(SignHashTest, SignsAHashWithACachedPin) {
   body.emplace_back(Dump("Hash\t\t: ", hash));
   body.emplace_back(Dump("Signature\t\t: ", signature_));
   EXPECT_TRUE(kit::SameLines(SignLines(Given(), body, 0), lines));
-  ExpectCalls(SignCalls(Joined(kSha1, hash), "PTR, room=128"));
+  ExpectCalls(SignCalls(Joined({kSha1, hash}), "PTR, room=128"));
   // The token object of the signature has a log instance of its own, which reads the switch; nothing else is read.
   EXPECT_EQ(kit::Registry::Get().TakeReads(), (std::vector<std::wstring>{L"KSPLOG", L"KSPDIR"}));
 }
@@ -133,7 +136,7 @@ TEST_F(SignHashTest, AsksForThePinOnceAndRemembersIt) {
   }});
   const Bytes hash = Counting(32);
   EXPECT_EQ(Sign(hash), 0);
-  EXPECT_EQ(signature_, token().Signature(pair_.privateKey, Joined(kSha256, hash)));
+  EXPECT_EQ(signature_, token().Signature(pair_.privateKey, Joined({kSha256, hash})));
   EXPECT_EQ(Sign(hash), 0);
   EXPECT_EQ(robot.Finish(), 1u);
   EXPECT_EQ(token().Count("VendorLogin"), 2u);
@@ -153,7 +156,7 @@ class AcceptedLengths : public SignHashTest, public ::testing::WithParamInterfac
 TEST_P(AcceptedLengths, AreSignedWithTheirPrefix) {
   CachePin();
   const Bytes input = Counting(GetParam().length);
-  const Bytes block = GetParam().prefix ? Joined(*GetParam().prefix, input) : input;
+  const Bytes block = GetParam().prefix ? Joined({*GetParam().prefix, input}) : input;
   EXPECT_EQ(Sign(input), 0);
   EXPECT_EQ(signature_, token().Signature(pair_.privateKey, block));
   ExpectCalls(SignCalls(block, "PTR, room=128"));
@@ -188,7 +191,7 @@ TEST_F(SignHashTest, EveryOtherLengthIsRefusedAfterTheLogin) {
               NTE_INVALID_PARAMETER)
         << length;
     EXPECT_EQ(length_, 128u) << "the room given is handed back whatever the status";
-    ExpectCalls({"C_GetTokenInfo(slot=11)", "VendorLogin(session=0x51, user=1, pin=31323334)"});
+    ExpectCalls(CallsAfterLogin());
   }
 }
 
@@ -223,7 +226,7 @@ TEST_F(SignHashTest, DigestInfoGivesTheSignatureOfItsHash) {
   const Bytes hash = Counting(20);
   EXPECT_EQ(Sign(hash), 0);
   const Bytes first = signature_;
-  EXPECT_EQ(Sign(Joined(kSha1, hash)), 0);
+  EXPECT_EQ(Sign(Joined({kSha1, hash})), 0);
   EXPECT_EQ(signature_, first);
 }
 
@@ -240,7 +243,7 @@ TEST_F(SignHashTest, SizeQueryRunsTheWholeSequence) {
   body.push_back(Number("pbSignature is NULL. Signature length: ", 128));
   EXPECT_TRUE(kit::SameLines(SignLines({provider_, key_, nullptr, hash_.data(), 20, nullptr, 77, &length_, 0}, body, 0),
                              lines));
-  ExpectCalls(SignCalls(Joined(kSha1, hash), "NULL"));
+  ExpectCalls(SignCalls(Joined({kSha1, hash}), "NULL"));
 }
 
 TEST_F(SignHashTest, ShortBuffer) {
@@ -261,7 +264,7 @@ TEST_F(SignHashTest, PaddingInfoIsLoggedAndIgnored) {
   hash_ = Counting(20);
   signature_.assign(128, 0);
   EXPECT_EQ(ksp().SignHash(provider_, key_, &info, hash_.data(), 20, signature_.data(), 128, &length_, kPkcs1), 0);
-  EXPECT_EQ(signature_, token().Signature(pair_.privateKey, Joined(kSha1, hash_)));
+  EXPECT_EQ(signature_, token().Signature(pair_.privateKey, Joined({kSha1, hash_})));
   const std::vector<Line> lines = kit::Log::Get().Take();
   EXPECT_EQ(lines.at(4), Line(Pointer32("pPaddingInfo : ", &info)));
 }
@@ -409,7 +412,7 @@ TEST_F(SignHashTest, DataBufferStaysAndHoldsTheDigestInfo) {
   for (const auto& [address, size] : watch.Live()) {
     if (size < 35) continue;
     const auto* bytes = static_cast<const BYTE*>(address);
-    kept += Bytes(bytes, bytes + 35) == Joined(kSha1, hash);
+    kept += Bytes(bytes, bytes + 35) == Joined({kSha1, hash});
   }
   EXPECT_EQ(kept, 1u) << "the signed data, which is public, is not released";
 }

@@ -10,10 +10,6 @@
 #include "kit/digest_info.h"
 #include "kit/key_entry.h"
 
-inline constexpr DWORD kPkcs1 = 0x2;
-inline constexpr DWORD kPss = 0x8;
-inline constexpr DWORD kSilent = 0x40;
-inline constexpr char kBadFlags[] = "NTE_BAD_FLAGS: The dwFlags parameter contains a value that is not valid.";
 inline constexpr char kNoPss[] = "NTE_NOT_SUPPORTED: PSS padding scheme is currently not supported.";
 
 class SigningTest : public OpenedKeyTest<1024> {

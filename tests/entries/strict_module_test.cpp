@@ -11,25 +11,8 @@ namespace {
 
 using fake::Ascii;
 
-class StrictModuleTest : public kit::ProviderTest {
+class StrictModuleTest : public kit::OpenedProviderTest {
  protected:
-  void SetUp() override {
-    kit::ProviderTest::SetUp();
-    AddReader();
-    provider_ = OpenProvider();
-  }
-  void TearDown() override {
-    ksp().FreeProvider(provider_);
-    kit::ProviderTest::TearDown();
-  }
-  SECURITY_STATUS StartEnumeration() {
-    NCryptKeyName* name = nullptr;
-    PVOID state = nullptr;
-    const SECURITY_STATUS status = ksp().EnumKeys(provider_, nullptr, &name, &state, 0);
-    if (name != nullptr) ksp().FreeBuffer(name);
-    if (state != nullptr) ksp().FreeBuffer(state);
-    return status;
-  }
   std::vector<std::string> Searches() const {
     std::vector<std::string> texts;
     for (const fake::Call& call : token().Calls()) {
@@ -37,8 +20,6 @@ class StrictModuleTest : public kit::ProviderTest {
     }
     return texts;
   }
-
-  NCRYPT_PROV_HANDLE provider_ = 0;
 };
 
 const char kCount[] = "C_FindObjects(session=0x51, objects=NULL, maximum=1000)";
@@ -54,7 +35,7 @@ TEST_F(StrictModuleTest, TokenWithoutKeysIsAskedForOneObject) {
                                CK_ULONG* count) -> CK_RV {
     return maximum != 0 ? findObjects(session, objects, maximum, count) : CK_RV{CKR_ARGUMENTS_BAD};
   };
-  EXPECT_EQ(StartEnumeration(), NTE_NO_MORE_ITEMS);
+  EXPECT_EQ(BuildList(), NTE_NO_MORE_ITEMS);
   EXPECT_TRUE(kit::SameTexts({kCount, kFetchOne, kCount, kFetchOne}, Searches()));
   NCRYPT_KEY_HANDLE key = 0;
   EXPECT_EQ(ksp().OpenKey(provider_, &key, L"Key1", 1, 0), NTE_BAD_KEYSET);
@@ -66,10 +47,9 @@ TEST_F(StrictModuleTest, KeyThatAppearsBetweenThePasses) {
   token().Before("C_FindObjectsInit", [&](const fake::Call&) {
     if (++searches == 2) token().AddPublicKey(Ascii("Late"), "");
   });
-  EXPECT_EQ(StartEnumeration(), 0);
-  const auto* record = kit::RecordOf(provider_);
-  ASSERT_EQ(record->cKeyObjects, 1u);
-  EXPECT_STREQ(record->pKeyObjects[0].pszKeyName, L"Late");
+  EXPECT_EQ(BuildList(), 0);
+  ASSERT_EQ(providerRecord().cKeyObjects, 1u);
+  EXPECT_STREQ(providerRecord().pKeyObjects[0].pszKeyName, L"Late");
 }
 
 // Modules that leave out what they cannot do: the list has null pointers in it.

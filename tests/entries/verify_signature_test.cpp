@@ -11,10 +11,14 @@ using fake::Bytes;
 using kit::Counting;
 using kit::Hex32;
 using kit::Joined;
+using kit::kBadFlags;
 using kit::kBanner;
 using kit::kClosingBanner;
+using kit::kPkcs1;
+using kit::kPss;
 using kit::kSha1;
 using kit::kSha256;
+using kit::kSilent;
 using kit::Line;
 using kit::Pointer32;
 
@@ -46,7 +50,7 @@ class VerifySignatureTest : public SigningTest {
 
 TEST_F(VerifySignatureTest, VerifiesTheBlockAsPassed) {
   CachePin();
-  const Bytes info = Joined(kSha1, Counting(20));
+  const Bytes info = Joined({kSha1, Counting(20)});
   const Bytes signature = token().Signature(pair_.privateKey, info);
   EXPECT_EQ(Verify(info, signature), 0);
   const std::vector<Line> lines = kit::Log::Get().Take();
@@ -54,9 +58,9 @@ TEST_F(VerifySignatureTest, VerifiesTheBlockAsPassed) {
       kit::SameLines(VerifyLines({provider_, key_, nullptr, hash_.data(), 35, signature_.data(), 128, nullptr, 0},
                                  CachedLogin(EntryInstance(lines)), 0),
                      lines));
-  ExpectCalls({"C_GetTokenInfo(slot=11)", "VendorLogin(session=0x51, user=1, pin=31323334)",
-               "C_VerifyInit(session=0x51, CKM_RSA_PKCS[NULL,0], key=0x101)",
-               "C_Verify(session=0x51, data=" + fake::HexOf(info) + ", signature=" + fake::HexOf(signature) + ")"});
+  ExpectCalls(CallsAfterLogin(
+      {"C_VerifyInit(session=0x51, CKM_RSA_PKCS[NULL,0], key=0x101)",
+       "C_Verify(session=0x51, data=" + fake::HexOf(info) + ", signature=" + fake::HexOf(signature) + ")"}));
   EXPECT_EQ(kit::Registry::Get().TakeReads(), (std::vector<std::wstring>{L"KSPLOG", L"KSPDIR"}));
 }
 
@@ -66,12 +70,12 @@ TEST_F(VerifySignatureTest, SignatureOverABareHashNeedsTheDigestInfo) {
   EXPECT_EQ(Sign(hash), 0);
   const Bytes signature = signature_;
   EXPECT_EQ(Verify(hash, signature), NTE_FAIL) << "signing wraps, verification does not";
-  EXPECT_EQ(Verify(Joined(kSha256, hash), signature), 0);
+  EXPECT_EQ(Verify(Joined({kSha256, hash}), signature), 0);
 }
 
 TEST_F(VerifySignatureTest, WrongSignature) {
   CachePin();
-  const Bytes info = Joined(kSha1, Counting(20));
+  const Bytes info = Joined({kSha1, Counting(20)});
   Bytes signature = token().Signature(pair_.privateKey, info);
   signature[5] ^= 1;
   EXPECT_EQ(Verify(info, signature), NTE_FAIL);
@@ -85,7 +89,7 @@ TEST_F(VerifySignatureTest, WrongSignature) {
 
 TEST_F(VerifySignatureTest, PaddingInfoIsLoggedAndIgnored) {
   CachePin();
-  hash_ = Joined(kSha1, Counting(20));
+  hash_ = Joined({kSha1, Counting(20)});
   signature_ = token().Signature(pair_.privateKey, hash_);
   BCRYPT_PKCS1_PADDING_INFO info{L"SHA256"};
   EXPECT_EQ(ksp().VerifySignature(provider_, key_, &info, hash_.data(), 35, signature_.data(), 128, kPkcs1 | kSilent),
@@ -99,7 +103,7 @@ TEST_F(VerifySignatureTest, PaddingInfoIsLoggedAndIgnored) {
 
 TEST_F(VerifySignatureTest, FlagsBitByBit) {
   CachePin();
-  const Bytes info = Joined(kSha1, Counting(20));
+  const Bytes info = Joined({kSha1, Counting(20)});
   const Bytes signature = token().Signature(pair_.privateKey, info);
   for (int bit = 0; bit < 32; ++bit) {
     const DWORD flag = DWORD{1} << bit;
@@ -134,7 +138,7 @@ TEST_F(VerifySignatureTest, RecordsThatAreNoneAreRefused) {
 
 TEST_F(VerifySignatureTest, NothingStaysBehind) {
   CachePin();
-  const Bytes info = Joined(kSha1, Counting(20));
+  const Bytes info = Joined({kSha1, Counting(20)});
   const Bytes signature = token().Signature(pair_.privateKey, info);
   const auto leavesNothing = [&](SECURITY_STATUS expected) {
     kit::MemoryWatch watch;
@@ -199,13 +203,13 @@ TEST_F(VerifySignatureTest, NeedsALogin) {
 TEST_F(VerifySignatureTest, UsagePolicyIsNotAsked) {
   CachePin();
   record_->dwKeyUsagePolicy = 0;
-  const Bytes info = Joined(kSha1, Counting(20));
+  const Bytes info = Joined({kSha1, Counting(20)});
   EXPECT_EQ(Verify(info, token().Signature(pair_.privateKey, info)), 0);
 }
 
 TEST_F(VerifySignatureTest, FailingCalls) {
   CachePin();
-  const Bytes info = Joined(kSha1, Counting(20));
+  const Bytes info = Joined({kSha1, Counting(20)});
   const Bytes signature = token().Signature(pair_.privateKey, info);
   token().Fail("C_VerifyInit", 0x150);
   EXPECT_EQ(Verify(info, signature), NTE_INTERNAL_ERROR);

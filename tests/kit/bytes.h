@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <initializer_list>
 #include <vector>
 
 namespace kit {
@@ -16,9 +17,11 @@ inline Bytes Counting(std::size_t count, unsigned char first = 1) {
   return bytes;
 }
 
-inline Bytes Joined(Bytes first, const Bytes& second) {
-  first.insert(first.end(), second.begin(), second.end());
-  return first;
+inline Bytes Joined(std::initializer_list<Bytes> parts) {
+  Bytes all;
+  for (const Bytes& part : parts)
+    all.insert(all.end(), part.begin(), part.end());
+  return all;
 }
 
 }  // namespace kit

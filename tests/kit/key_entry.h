@@ -2,7 +2,6 @@
 #pragma once
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 #include <iterator>
@@ -11,23 +10,16 @@
 
 #include "kit/dialogs.h"
 #include "kit/provider.h"
+#include "kit/text.h"
 
-// A provider on one reader, with session 0x51 on slot 11.
-class KeyEntryTest : public kit::ProviderTest {
+// A provider on one reader whose tests make and open keys.
+class KeyEntryTest : public kit::OpenedProviderTest {
  protected:
-  void SetUp() override {
-    kit::ProviderTest::SetUp();
-    AddReader();
-    provider_ = OpenProvider();
-  }
   void TearDown() override {
     for (const NCRYPT_KEY_HANDLE key : keys_)
       ksp().FreeKey(provider_, key);
-    if (provider_) ksp().FreeProvider(provider_);
-    kit::ProviderTest::TearDown();
+    kit::OpenedProviderTest::TearDown();
   }
-
-  kit::ProviderRecord& providerRecord() const { return *kit::RecordOf(provider_); }
 
   // An unfinished key. Lines, token calls and registry reads of its making are forgotten.
   NCRYPT_KEY_HANDLE Create(const wchar_t* name, DWORD spec = 0, DWORD flags = 0) {
@@ -71,53 +63,17 @@ class KeyEntryTest : public kit::ProviderTest {
     return result;
   }
   static kit::Line LoginLine() { return kit::Pin("(login)"); }
-
-  // Lets each allocation of a call fail in turn, until one attempt needs no more allocations than it gets. What the
-  // call answers is judged by check(status, nth); nothing that was allocated may stay behind then. Each failure is
-  // tried twice, since the runtime library keeps what it needs for a thread's first exception.
-  template <typename Call, typename Check>
-  void FailEachAllocation(Call call, Check check) {
-    constexpr std::size_t kEnough = 500;
-    bool reached = true;
-    for (std::size_t nth = 1; reached && nth < kEnough; ++nth) {
-      for (const bool first : {true, false}) {
-        kit::MemoryWatch watch;
-        watch.FailAllocation(nth);
-        const SECURITY_STATUS status = call();
-        reached = watch.Allocations() >= nth;
-        watch.StopFailing();
-        const bool clean = check(status, nth);
-        if (!first && clean) {
-          EXPECT_TRUE(watch.Live().empty()) << "allocation " << nth;
-        }
-      }
-    }
-    EXPECT_FALSE(reached);
-    Forget();
+  // The same of an operation that has counted the serial's length through the key-name log before.
+  static std::vector<kit::Line> PinLinesAsOne(std::vector<kit::Line> lines) {
+    std::erase(lines, kit::Number("cbSerial: ", 16));
+    return WithoutLogin(lines);
+  }
+  // The token calls of a login with the cached PIN, and those behind them.
+  static std::vector<std::string> CallsAfterLogin(std::vector<std::string> calls = {}) {
+    calls.insert(calls.begin(), {"C_GetTokenInfo(slot=11)", "VendorLogin(session=0x51, user=1, pin=31323334)"});
+    return calls;
   }
 
-  // A block of the allocator that all blocks of the provider come from.
-  static BYTE* Block(const std::string& text) {
-    auto* block = static_cast<BYTE*>(std::malloc(text.size()));
-    if (block) std::memcpy(block, text.data(), text.size());
-    return block;
-  }
-  // Whether the last block of at least this size that was released at the address held nothing but zeros in it.
-  static ::testing::AssertionResult WipedAndFreed(const kit::MemoryWatch& watch, const void* address,
-                                                  std::size_t size) {
-    const std::vector<kit::FreedBlock> freed = watch.Freed();
-    const auto block = std::find_if(freed.rbegin(), freed.rend(), [&](const kit::FreedBlock& one) {
-      return one.address == address && one.contents.size() >= size;
-    });
-    if (block == freed.rend()) return ::testing::AssertionFailure() << "the block was not released";
-    const auto end = block->contents.begin() + static_cast<std::ptrdiff_t>(size);
-    if (std::any_of(block->contents.begin(), end, [](std::uint8_t byte) { return byte != 0; })) {
-      return ::testing::AssertionFailure() << "the block was released unwiped";
-    }
-    return ::testing::AssertionSuccess();
-  }
-
-  NCRYPT_PROV_HANDLE provider_ = 0;
   std::vector<NCRYPT_KEY_HANDLE> keys_;
 };
 
@@ -147,6 +103,18 @@ class ForeignHandles {
  private:
   std::vector<Record> records_;
   std::vector<ULONG_PTR> handles_;
+};
+
+// One key, new and unfinished, that a test may replace by another.
+class NewKeyTest : public KeyEntryTest {
+ protected:
+  void SetUp() override {
+    KeyEntryTest::SetUp();
+    key_ = Create(L"Key1");
+  }
+  kit::KeyRecord& record() const { return *kit::KeyOf(key_); }
+
+  NCRYPT_KEY_HANDLE key_ = 0;
 };
 
 // A key pair of the token, opened under its name.

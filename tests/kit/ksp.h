@@ -106,6 +106,22 @@ inline constexpr const char* kSlots[26] = {"OpenProvider",
 
 inline constexpr const wchar_t kProviderName[] = L"Norvale Token Works KSP v1.0";
 
+// Flags of the entries.
+inline constexpr DWORD kNoPadding = 0x1;
+inline constexpr DWORD kPkcs1 = 0x2;
+inline constexpr DWORD kOaep = 0x4;
+inline constexpr DWORD kPss = 0x8;
+inline constexpr DWORD kMachine = 0x20;
+inline constexpr DWORD kSilent = 0x40;
+inline constexpr DWORD kOverwrite = 0x80;
+inline constexpr DWORD kDoNotFinalize = 0x400;
+inline constexpr DWORD kPersistOnly = 0x40000000;
+
+// Types of key blobs.
+inline constexpr wchar_t kPublicBlob[] = L"RSAPUBLICBLOB";
+inline constexpr wchar_t kPrivateBlob[] = L"RSAPRIVATEBLOB";
+inline constexpr wchar_t kFullPrivateBlob[] = L"RSAFULLPRIVATEBLOB";
+
 // The record behind a provider handle.
 struct ProviderRecord {
   ULONG cbLength;  // bytes: the record and the provider name with its terminator

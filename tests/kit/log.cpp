@@ -1,5 +1,6 @@
 #include "kit/log.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <ostream>
@@ -312,6 +313,29 @@ std::vector<Line> Join(std::initializer_list<std::vector<Line>> parts) {
   for (const std::vector<Line>& part : parts)
     all.insert(all.end(), part.begin(), part.end());
   return all;
+}
+
+namespace {
+
+// Where the lines of a building of the list begin and end; both the end of all when it was not built.
+std::pair<std::vector<Line>::const_iterator, std::vector<Line>::const_iterator> ListRange(
+    const std::vector<Line>& lines) {
+  const auto first = std::find(lines.begin(), lines.end(), KeyName("InitializeObjectList - Entry"));
+  const auto last = std::find(first, lines.end(), KeyName("InitializeObjectList - Exit"));
+  if (last == lines.end()) return {lines.end(), lines.end()};
+  return {first, last + 1};
+}
+
+}  // namespace
+
+std::vector<Line> ListLines(const std::vector<Line>& lines) {
+  const auto [first, last] = ListRange(lines);
+  return std::vector<Line>(first, last);
+}
+
+std::vector<Line> WithoutListLines(const std::vector<Line>& lines) {
+  const auto [first, last] = ListRange(lines);
+  return Join({std::vector<Line>(lines.begin(), first), std::vector<Line>(last, lines.end())});
 }
 
 std::vector<Line> TakeBody(const std::vector<Line>& arguments) {

@@ -102,7 +102,15 @@ std::string Dump(const std::string& label, const std::vector<unsigned char>& byt
 inline constexpr const char kBanner[] = "==================================================================";
 inline constexpr const char kClosingBanner[] = "==================================================================\n\n";
 
+// What the entries that work with a key's bytes say to a flag that they do not know.
+inline constexpr const char kBadFlags[] = "NTE_BAD_FLAGS: The dwFlags parameter contains a value that is not valid.";
+
 std::vector<Line> Join(std::initializer_list<std::vector<Line>> parts);
+
+// The lines of one building of the key object list, from its entry to its exit; empty when it was not built.
+std::vector<Line> ListLines(const std::vector<Line>& lines);
+// All but those.
+std::vector<Line> WithoutListLines(const std::vector<Line>& lines);
 
 // Takes the lines of one entry and leaves those between its argument lines and its exit line. Of the arguments only the
 // count matters.

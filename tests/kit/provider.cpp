@@ -193,6 +193,44 @@ void ProviderTest::ExpectCalls(const std::vector<std::string>& expected) {
   KIT_EXPECT_CALLS(expected);
 }
 
+BYTE* ProviderTest::Block(std::string_view text) {
+  return static_cast<BYTE*>(NewProviderBlock(text.data(), text.size()));
+}
+
+::testing::AssertionResult ProviderTest::WipedAndFreed(const MemoryWatch& watch, const void* address,
+                                                       std::size_t size) {
+  const std::vector<FreedBlock> freed = watch.Freed();
+  const auto block = std::find_if(freed.rbegin(), freed.rend(), [&](const FreedBlock& one) {
+    return one.address == address && one.contents.size() >= size;
+  });
+  if (block == freed.rend()) return ::testing::AssertionFailure() << "the block was not released";
+  const auto end = block->contents.begin() + static_cast<std::ptrdiff_t>(size);
+  if (std::any_of(block->contents.begin(), end, [](std::uint8_t byte) { return byte != 0; })) {
+    return ::testing::AssertionFailure() << "the block was released unwiped";
+  }
+  return ::testing::AssertionSuccess();
+}
+
+void OpenedProviderTest::SetUp() {
+  ProviderTest::SetUp();
+  AddReader();
+  provider_ = OpenProvider();
+}
+
+void OpenedProviderTest::TearDown() {
+  if (provider_) ksp().FreeProvider(provider_);
+  ProviderTest::TearDown();
+}
+
+SECURITY_STATUS OpenedProviderTest::BuildList() {
+  NCryptKeyName* name = nullptr;
+  PVOID state = nullptr;
+  const SECURITY_STATUS status = ksp().EnumKeys(provider_, nullptr, &name, &state, 0);
+  if (name) ksp().FreeBuffer(name);
+  if (state) ksp().FreeBuffer(state);
+  return status;
+}
+
 ::testing::AssertionResult SameLines(const std::vector<Line>& expected, const std::vector<Line>& actual) {
   return Same(expected, actual);
 }

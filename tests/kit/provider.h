@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -76,6 +77,48 @@ class ProviderTest : public ::testing::Test {
   // Compares all lines since the last look with the expected ones, instance by instance.
   void ExpectLines(const std::vector<Line>& expected);
   void ExpectCalls(const std::vector<std::string>& expected);
+
+  // A block of the allocator that all blocks of the provider come from.
+  static BYTE* Block(std::string_view text);
+  // Whether the last block of at least this size that was released at the address held nothing but zeros in it.
+  static ::testing::AssertionResult WipedAndFreed(const MemoryWatch& watch, const void* address, std::size_t size);
+
+  // Lets each allocation of a call fail in turn, until one attempt needs no more allocations than it gets. What the
+  // call answers is judged by check(status, nth), which tells whether nothing that was allocated may stay behind. Each
+  // failure is tried twice, since the runtime library keeps what it needs for a thread's first exception.
+  template <typename Call, typename Check>
+  void FailEachAllocation(Call call, Check check) {
+    constexpr std::size_t kEnough = 500;
+    bool reached = true;
+    for (std::size_t nth = 1; reached && nth < kEnough; ++nth) {
+      for (const bool first : {true, false}) {
+        MemoryWatch watch;
+        watch.FailAllocation(nth);
+        const SECURITY_STATUS status = call();
+        reached = watch.Allocations() >= nth;
+        watch.StopFailing();
+        const bool clean = check(status, nth);
+        if (!first && clean) {
+          EXPECT_TRUE(watch.Live().empty()) << "allocation " << nth;
+        }
+      }
+    }
+    EXPECT_FALSE(reached);
+    Forget();
+  }
+};
+
+// A provider on one reader, with session 0x51 on slot 11. A test that frees it says so with provider_ = 0.
+class OpenedProviderTest : public ProviderTest {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  ProviderRecord& providerRecord() const { return *RecordOf(provider_); }
+  // Starts an enumeration, which builds the key object list anew; frees what it hands out.
+  SECURITY_STATUS BuildList();
+
+  NCRYPT_PROV_HANDLE provider_ = 0;
 };
 
 // Readable comparison of two lists: says where they part.
