@@ -93,6 +93,13 @@ expect() {
 }
 says() { grep -qE -e "$1" said.txt || { cat said.txt && false; }; }
 says_not() { ! grep -E -e "$1" said.txt; }
+# closed FOLDER...: nobody but their owner may write in them.
+closed() {
+  local folder
+  for folder in "$@"; do ((($(stat -c 0%a "$folder") & 022) == 0)) || { ls -ld "$folder" && false; }; done
+}
+# on_terminal ARGUMENT...: what keldactl says on a terminal.
+on_terminal() { script -qec "$(printf '%q ' "$WINE" "$work/app/keldactl.exe" "$@")" /dev/null; }
 
 # ---- A system without the provider, and with others ----
 keldactl none providers
@@ -228,13 +235,27 @@ for key in "${sdks[@]}"; do
   check "the switch (${key:14:12})" value_is "$key" KSPLOG 1
   check "the file (${key:14:12})" value_is "$key" KSPDIR 'C:\logs\deep\ksp.log'
 done
+logs=$WINEPREFIX/drive_c/logs
+check "nobody else may write in the folders that it makes" closed "$logs" "$logs/deep"
+check "which it does not warn of" says_not 'Users may change'
 keldactl none log show
 check "the log is empty at first" test ! -s said.txt
 keldactl none status
 check "status tells the log" says '^  Log +on, in C:.logs.deep.ksp\.log$'
 keldactl none check
 expect "check warns of the log" 0 'warning  The log: on, in'
-rm -f "$WINEPREFIX/drive_c/logs/deep/ksp.log"
+# Without the DLL, which writes a line as it is loaded.
+mv "$system32" hidden.dll
+rm -f "$logs/deep/ksp.log"
+keldactl none check
+expect "check of a log that nobody has written yet" 1 'warning  The log: on, in'
+check "does not make it" test ! -e "$logs/deep/ksp.log"
+set_value "$sdk" KSPDIR REG_SZ 'C:\nowhere\ksp.log'
+keldactl none check
+expect "check of a log that nobody can write" 1 'failed   The log: on, but "C:.nowhere.ksp\.log" cannot be written'
+check "with an advice" says 'keldactl log on FILE, with another file'
+set_value "$sdk" KSPDIR REG_SZ 'C:\logs\deep\ksp.log'
+mv hidden.dll "$system32"
 echo data >data.txt
 keldactl "$KELDA_PIN" sign --key Key1 data.txt
 keldactl cancel sign --key Key1 --out x.sig data.txt
@@ -256,6 +277,20 @@ keldactl none log show --raw
 cp said.txt raw.txt
 check "log show --raw is the file" cmp raw.txt "$WINEPREFIX/drive_c/logs/deep/ksp.log"
 check "the log holds no PIN" bash -c '! grep -q "$1" raw.txt' - "$KELDA_PIN"
+sed 's/Key1/\x1b[31mA_key_of_a_long_name/' raw.txt >"$logs/evil.log"
+keldactl none log show 'C:\logs\evil.log'
+expect "control characters of a log are shown as such, and a blank behind a long name" 0 \
+  '^SignHash +\\x1B\[31mA_key_of_a_long_name ok$'
+keldactl none log show --nested 'C:\logs\evil.log'
+check "in nested lines too" says '^    pszKeyName +: \\x1B\[31mA_key'
+check "and nowhere as they are" says_not $'\x1b'
+keldactl none log show --raw 'C:\logs\evil.log'
+check "log show --raw of it is the file" cmp said.txt "$logs/evil.log"
+if [[ ${arch-x64} == x64 ]]; then
+  on_terminal log show --raw 'C:\logs\evil.log' >terminal.txt
+  check "but not on a terminal" grep -qF '\x1B[31mA_key' terminal.txt
+  check "which it does not steer" bash -c '! grep -q "$(printf "\033")\[31mA_key" terminal.txt'
+fi
 cp raw.txt "$WINEPREFIX/drive_c/logs/other.log"
 keldactl none log show 'C:\logs\other.log'
 expect "log show reads another file" 0 '^SignHash +Key1 +ok$'
@@ -289,6 +324,20 @@ mkdir -p "$WINEPREFIX/drive_c/logs/folder.log"
 keldactl none log on 'C:\logs\folder.log'
 expect "a log file that cannot be written is refused" 5 'Opening the log file'
 check "and not written into the registry" value_is "$sdk" KSPDIR 'C:\logs\deep\ksp.log'
+echo theirs >"$logs/victim"
+chmod 644 "$logs/victim"
+ln "$logs/victim" "$logs/hard.log"
+keldactl none log on 'C:\logs\hard.log'
+expect "nor is a file that has another name" 1 '"C:.logs.hard\.log" cannot be the log file, .* other names'
+check "whose rights are as they were" test "$(stat -c %a "$logs/victim")" = 644
+keldactl none log on nul
+expect "nor what is no file" 1 'it is no file on a disk'
+check "none of them is written into the registry" value_is "$sdk" KSPDIR 'C:\logs\deep\ksp.log'
+mkdir -m 777 "$logs/open"
+keldactl none log on 'C:\logs\open\ksp.log'
+expect "log on warns of a folder that users may write in" 0 'warning: Users may change what is in "C:.logs.open"\.'
+keldactl none log on 'C:\logs\deep\ksp.log'
+check "and not of one that they may not" says_not 'Users may change'
 keldactl none log off
 expect "log off" 0 '^The log is off'
 for key in "${sdks[@]}"; do
@@ -312,7 +361,7 @@ expect "an unknown colour is refused" 2 '--colour is auto, always or never, not 
 
 # ---- The health check ----
 keldactl none check
-expect "check of a healthy system" 0 '^[0-9]+ ok, [0-9]+ warnings, 0 failed, 0 skipped$'
+expect "check of a healthy system" 0 '^[0-9]+ ok, (1 warning|([02-9]|[1-9][0-9]+) warnings), 0 failed, 0 skipped$'
 check "it takes more than thirty steps" bash -c '(($(grep -cE "^[ 0-9]{2}  (ok|warning) " said.txt) > 30))'
 check "it looks at each key" bash -c '[[ $(grep -cE "^[0-9]+  ok +Key .* its private half: on the token" said.txt) == 2 ]]'
 keldactl none check --json
@@ -334,10 +383,44 @@ expect "check --sign wants one key" 1 'failed   The PIN is taken: there is not e
 check "and tells how" says 'keldactl check --sign --key NAME'
 keldactl none check --token-module
 expect "check --token-module" 0 '^demo +Norvale Reader 0 +2 +2 +0$'
+keldactl none check --token-module --json
+check "check --token-module in JSON" python3 -c 'import json; j = json.load(open("said.txt")); assert j["process"] == "answered" and j["tokens"][0]["label"] == "demo"'
+keldactl none check --key Nobody --colour always
+expect "check --colour shows failures in colour" 1 $'^\x1b\\[31m[ 0-9]+  failed   The key "Nobody".*\x1b\\[0m$'
+keldactl none check --key Nobody --colour never
+check "and --colour never does not" says_not $'\x1b'
+keldactl none check --answer-to 1
+expect "what keldactl tells itself is no option for others" 2 'needs --token-module$'
+keldactl none check --token-module --answer-to 1
+check "and does nothing for them" test "$status" -eq 1 -a ! -s said.txt
 keldactl none check --token-module --sign
 expect "--token-module goes alone" 2 'do not go together'
 
 mv "$work/app/keldapkcs11.dll" module.dll
+# A module that does what none should.
+cp "$BUILD/${arch-x64}/fake/odd/keldapkcs11.dll" "$work/app/keldapkcs11.dll"
+export KELDA_ODD_MODULE=hang
+on "${arch-x64}" "$WINE" "$work/app/keldactl.exe" check --token-module >hanging.txt 2>&1 </dev/null &
+hanging=$!
+KELDA_ODD_MODULE=chatty keldactl none check --token-module
+expect "a module that writes on standard output is understood" 0 '^The token module "Odd 0\.0" initializes\.$'
+check "and what it writes goes nowhere" says_not 'odd module is here'
+KELDA_ODD_MODULE=chatty on "${arch-x64}" "$WINE" "$work/app/keldactl.exe" check --json >said.txt 2>noise.txt </dev/null || true
+check "a module that the provider loads does so on standard error" grep -q 'odd module is here' noise.txt
+check "which leaves the JSON alone" python3 -c 'import json; j = json.load(open("said.txt")); assert {s["id"]: s["result"] for s in j["steps"]}["module_initializes"] == "ok"'
+KELDA_ODD_MODULE=crash keldactl none check
+expect "a module that crashes is a failed step" 1 'failed   It loads: the process that loaded it crashed \(0xC000001D\)$'
+check "which the provider's DLL is not let bring in" says 'failed   The DLL loads: not tried: '
+check "with an advice" says "^ +Install the token maker's software again\.\$"
+KELDA_ODD_MODULE=crash keldactl none check --token-module
+expect "check --token-module tells that too" 1 '^The token module does not answer: the process that loaded it crashed'
+status=0
+wait "$hanging" || status=$?
+cp hanging.txt said.txt
+said=$(cat said.txt)
+expect "a module that hangs is given up" 1 'gave no answer for a minute\.$'
+unset KELDA_ODD_MODULE
+rm "$work/app/keldapkcs11.dll"
 keldactl none check
 expect "check without the token module" 1 'failed   The token module is found: keldapkcs11.dll is nowhere$'
 check "says where it belongs" says "Install the token maker's software"
@@ -467,6 +550,40 @@ keldactl none check
 expect "a token without keys is a warning" 0 'warning  Its list of keys: the token has none$'
 
 # ---- Taking it back ----
+# The DLL in use: the PIN dialog of a program that has loaded it is open.
+in_use() { find "$(dirname "$system32")" -name 'keldaksp.dll.*.old' | grep .; }
+pending() {
+  reg query 'HKLM\System\CurrentControlSet\Control\Session Manager' /v PendingFileRenameOperations 2>/dev/null | tr -d '\r' || true
+}
+keldactl "$KELDA_PIN" create --key Busy --length 1024
+hex=$(sed -n '/^From now on/,$p' said.txt | awk 'NR == 3 { print $(NF - 1) }')
+if [[ $hex == - ]]; then busy=(--nameless); else busy=(--key "$hex"); fi
+on "${arch-x64}" "$WINE" "$work/app/keldactl.exe" sign "${busy[@]}" data.txt >busy.txt 2>&1 </dev/null &
+user=$!
+for ((tries = 0; tries < 300; tries++)); do
+  window=$(xdotool search --onlyvisible --name '^Enter PIN for demo$' 2>/dev/null | head -n 1) || true
+  [[ ! $window ]] || break
+  sleep 0.1
+done
+keldactl none unregister
+expect "unregister of a DLL in use" 0 'system32.keldaksp\.dll" is in use; Windows will remove it at the next start\.$'
+check "it is out of its place at once" test ! -e "$system32"
+check "under another name" in_use
+check "by which alone Windows will remove it" bash -c '[[ $1 == *keldaksp.dll.1.old* && $1 != *keldaksp.dll\\* ]]' - "$(pending)"
+keldactl none register --copy
+expect "register --copy does not wait for that" 0 '^Registered the provider'
+check "the DLL is in its place" cmp "$work/app/keldaksp.dll" "$system32"
+xdotool windowfocus --sync "$window" key Escape || true
+wait "$user" || true
+on "${arch-x64}" wineserver -k
+on "${arch-x64}" wineserver -w
+on "${arch-x64}" "$WINE" wineboot </dev/null >/dev/null 2>&1
+check "after the next start it still is" cmp "$work/app/keldaksp.dll" "$system32"
+check "and the old one is gone" bash -c '! find "$1" -name "keldaksp.dll.*.old" | grep .' - "$(dirname "$system32")"
+keldactl none keys
+expect "programs can use it" 0 ' RSA$'
+keldactl "$KELDA_PIN" delete "${busy[@]}" --yes
+
 keldactl none unregister
 expect "unregister" 0 '^Unregistered the provider'
 check "the copies are gone" test ! -e "$system32" -a ! -e "$syswow64"

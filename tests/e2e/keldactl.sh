@@ -481,6 +481,88 @@ choose="Down Down Return" keldactl none keys --reader "Norvale Reader 0"
 expect "another choice is told" 3 'works with the reader "Reader 0", not "Norvale Reader 0"$'
 plug "Norvale Reader 0=demo"
 
+# ---- The options that many commands share ----
+declare -A words=([keys]='' [provider]='' [show]='--key Key1' [export]='--key Key1' [sign]='--key Key1 data.txt'
+  [verify]='--key Key1 --signature sha256.sig data.txt' [encrypt]='--key Key1 secret.txt x' [decrypt]='--key Key1 again.enc x'
+  [certificate]='--key Key1' [request]='--key Key1 --subject CN=x' [delete]='--key Key1 --yes' [create]='--key Never'
+  [import]='--key Never public.pem')
+for command in "${!words[@]}"; do
+  read -r -a rest <<<"${words[$command]}"
+  keldactl none "$command" --silent --reader Nowhere "${rest[@]}"
+  expect "$command looks at --reader" 3 "^keldactl $command: there is no reader \"Nowhere\"\$"
+  keldactl none "$command" --provider "No such provider" "${rest[@]}"
+  expect "$command looks at --provider" 3 "^keldactl $command: Opening the provider \"No such provider\" failed"
+  [[ ${rest[*]} == *Key1* ]] || continue
+  keldactl none "$command" "${rest[@]/#Key1/Nobody}"
+  expect "$command looks for its key" 3 "^keldactl $command: no key \"Nobody\" in"
+  keldactl none "$command" --nameless "${rest[@]:2}"
+  expect "$command knows --nameless" 3 "^keldactl $command: no key without a name in"
+  keldactl none "$command" "${rest[@]:2}"
+  expect "$command needs one of them" 2 '--key is missing'
+done
+check "none of them made a file" test ! -e x
+check "nor a key" test "$(labels Never)" -eq 0
+
+# ---- The certificate store, and two keys of one name ----
+certify() {
+  openssl x509 -new -force_pubkey "$1" -subj "$2" -CA ca.pem -CAkey ca-key.pem -CAcreateserial -days 1 -out "$3" 2>>openssl.txt
+}
+thumbprint_of() { openssl x509 -in "$1" -noout -fingerprint -sha1 | sed 's/.*=//;s/://g'; }
+certify key1.pem '/CN=Jane Doe' jane.crt
+jane=$(thumbprint_of jane.crt)
+keldactl none certificate --install --key Key1
+expect "--install does not take an option for its file" 1 'NTE_NOT_SUPPORTED'
+keldactl none certificate --install= --key Key1
+expect "nor nothing behind =" 2 '--install needs a value'
+keldactl none certificate --key Key1 --install -dash.crt
+expect "nor a file that looks like an option" 2 'unknown option -dash'
+cp jane.crt ./-dash.crt
+keldactl none certificate --key Key1 --install=-dash.crt
+expect "which goes behind =" 0 'tied to the key "Key1"'
+keldactl none certificate --install jane.crt --key Key1
+expect "--install takes the next word" 0 'tied to the key "Key1"'
+input=jane.crt keldactl none certificate --key Key1 --install -
+expect "--install takes standard input" 0 'tied to the key "Key1"'
+keldactl none certificate --key Key1 --install jane.crt other.crt
+expect "--install takes one file" 2 'too much: "other.crt"'
+# The same public key under another identifier.
+token demo --write-object key1.pem.der --type pubkey --id 4b657932 --label Twin >/dev/null
+keldactl none certificate --key Key2 --install jane.crt
+expect "a certificate is tied to another key" 0 'tied to the key "Key2"'
+keldactl none certificates
+expect "it points at that one" 0 "^$jane +CN=Jane Doe +[-0-9]+ +4B657932 +yes\$"
+check "and there is one entry" test "$(grep -c "$jane" said.txt)" -eq 1
+token demo --delete-object --type pubkey --id 4b657932 >/dev/null
+keldactl none certificate --key Key1 --install jane.crt
+expect "and is tied back" 0 'tied to the key "Key1"'
+keldactl none certificates --reader Nowhere
+expect "certificates looks at --reader" 3 'there is no reader "Nowhere"$'
+keldactl none certificates --silent --provider "$provider"
+expect "certificates knows --silent and --provider" 0 "^$jane "
+keldactl none certificates --provider "No such provider"
+expect "another provider has none" 0 '^No certificate in your store points at "No such provider"\.$'
+plug "Reader 0=alpha"
+keldactl none certificates
+expect "another token's key of the same name is not taken for its own" 0 "^$jane .* 4B657931 +another key\$"
+keldactl none certificate --key Key1 --uninstall
+expect "nor is the certificate uninstalled with it" 3 'No certificate in your store belongs to the key "Key1" \(4B657931\)$'
+check "that is said" says "warning: the certificate of \"CN=Jane Doe\" \($jane\) points at a key of this name and stays: it belongs to another key"
+check "with the way out" says 'keldactl certificates --remove THUMBPRINT'
+keldactl none export --key Key1 --out alpha.pem
+certify alpha.pem '/CN=Alpha' alpha.crt
+keldactl none certificate --key Key1 --install alpha.crt
+expect "the other key has a certificate too" 0 'tied to the key "Key1"'
+keldactl "$KELDA_PIN" delete --key Key1 --yes --certificates
+expect "delete --certificates takes the deleted key's" 0 "^Took its certificate $(thumbprint_of alpha.crt) out of your store\.\$"
+check "and says which stays" says "warning: the certificate of \"CN=Jane Doe\" \($jane\) points at a key of this name and stays"
+plug "Norvale Reader 0=demo"
+keldactl none certificates
+check "the other token's stays" bash -c 'grep -q "^$1 .* yes$" said.txt && ! grep -q CN=Alpha said.txt' - "$jane"
+keldactl none certificate --key Key1 --uninstall
+expect "and is uninstalled with its own key" 0 "^Took the certificate of \"CN=Jane Doe\" \($jane\) out of your store"
+keldactl none certificates
+expect "then there is none" 0 '^No certificate in your store'
+
 # ---- Another provider, and a terminal ----
 # Wine's own provider keeps keys in memory only, and its ncrypt.dll is no router.
 elsewhere() { WINEDLLOVERRIDES="ncrypt,winscard=b;mscoree=;mshtml=" keldactl none "$@" --provider "Microsoft Software Key Storage Provider"; }

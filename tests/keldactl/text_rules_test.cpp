@@ -2,6 +2,7 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -77,6 +78,36 @@ TEST(KeldactlText, VersionsAreWrittenAsPeopleWriteThem) {
   EXPECT_EQ(keldactl::VersionText(0x01000100), "1.0.1");
   EXPECT_EQ(keldactl::VersionText(0x04020001), "4.2.0.1");
   EXPECT_EQ(keldactl::VersionText(0x04020000), "4.2");
+}
+
+TEST(KeldactlText, LinesForATerminalKeepTheirEndsOnly) {
+  const auto lines = [](View text) { return keldactl::PrintableLines<char16_t>(text); };
+  EXPECT_EQ(lines(u"one\r\ntwo\n"), u"one\ntwo\n");
+  EXPECT_EQ(lines(u"\x1b[31mred\n\nrest\x07"), u"\\x1B[31mred\n\nrest\\x07");
+  EXPECT_EQ(lines(u"back\rover\n"), u"back\\x0Dover\n");
+  EXPECT_EQ(lines(u"\n"), u"\n");
+  EXPECT_EQ(lines(u""), u"");
+}
+
+TEST(KeldactlText, AColumnEndsInABlank) {
+  const auto column = [](Text text) { return keldactl::InColumn<char16_t>(std::move(text), 4); };
+  EXPECT_EQ(column(u"ab"), u"ab  ");
+  EXPECT_EQ(column(u"abc"), u"abc ");
+  EXPECT_EQ(column(u"abcd"), u"abcd ");
+  EXPECT_EQ(column(u"abcdef"), u"abcdef ");
+}
+
+TEST(KeldactlText, OneThingIsOne) {
+  const auto counted = [](size_t count) { return keldactl::Counted<char16_t>(count, u"warning"); };
+  EXPECT_EQ(counted(0), u"0 warnings");
+  EXPECT_EQ(counted(1), u"1 warning");
+  EXPECT_EQ(counted(2), u"2 warnings");
+  EXPECT_EQ(counted(21), u"21 warnings");
+}
+
+TEST(KeldactlText, BytesHaveTwoDigitsEach) {
+  const unsigned char bytes[] = {0x00, 0x1F, 0xA0, 0xFF};
+  EXPECT_EQ(keldactl::HexOfBytes<char16_t>(bytes), u"001FA0FF");
 }
 
 }  // namespace

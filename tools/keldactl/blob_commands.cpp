@@ -62,7 +62,7 @@ struct Import {
 };
 
 Import ReadImport(const std::wstring& path) {
-  const Bytes file = ReadWholeFile(path);
+  Bytes file = ReadWholeFile(path);
   if (const std::optional<PemBlock> pem = ParsePem(file)) {
     if (pem->label == "PUBLIC KEY") return {PublicBlob(ParsePublicKeyInfo(pem->der)), BCRYPT_RSAPUBLIC_BLOB, false};
     if (pem->label == "RSA PUBLIC KEY")
@@ -71,11 +71,11 @@ Import ReadImport(const std::wstring& path) {
   }
   switch (BlobMagic(file)) {
     case BCRYPT_RSAPUBLIC_MAGIC:
-      return {file, BCRYPT_RSAPUBLIC_BLOB, false};
+      return {std::move(file), BCRYPT_RSAPUBLIC_BLOB, false};
     case BCRYPT_RSAPRIVATE_MAGIC:
-      return {file, BCRYPT_RSAPRIVATE_BLOB, true};
+      return {std::move(file), BCRYPT_RSAPRIVATE_BLOB, true};
     case BCRYPT_RSAFULLPRIVATE_MAGIC:
-      return {file, BCRYPT_RSAFULLPRIVATE_BLOB, true};
+      return {std::move(file), BCRYPT_RSAFULLPRIVATE_BLOB, true};
     default:
       return {PublicBlob(ParsePublicKeyInfo(file)), BCRYPT_RSAPUBLIC_BLOB, false};
   }
@@ -115,7 +115,6 @@ ExitStatus ImportKey(const ImportOptions& options) {
   NCRYPT_KEY_HANDLE handle = 0;
   SECURITY_STATUS status = NCryptImportKey(provider.handle(), 0, import.type, &parameters, &handle, import.blob.data(),
                                            static_cast<DWORD>(import.blob.size()), provider.flags());
-  SecureZeroMemory(import.blob.data(), import.blob.size());
   const NcryptHandle key(status == ERROR_SUCCESS ? handle : 0);
   if (status == ERROR_SUCCESS && IsRefused(handle)) status = NTE_INVALID_HANDLE;
   if (status != ERROR_SUCCESS && import.has_private_key) {

@@ -57,6 +57,10 @@ void ExcludeEachOther(const std::vector<CLI::Option*>& options) {
 
 void CertificateSyntax(Syntax& syntax, CertificateOptions& options) {
   syntax.Notes(
+      "--install and --uninstall are about your certificate store (MY), where signing tools look. The file\n"
+      "stands behind --install, or behind --install= when its name begins with a dash; without one,\n"
+      "whatever option follows, the certificate beside the key is taken. --uninstall takes out what belongs\n"
+      "to the key by its public key, too: another token may have a key of the same name.\n"
       "The Norvale provider stores certificates beside their keys and hands none out: fetching works with\n"
       "other providers only.");
   AddKeyOptions(syntax, options.key);

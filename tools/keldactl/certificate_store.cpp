@@ -1,6 +1,8 @@
 #include "certificate_store.h"
 
+#include "cng.h"
 #include "failure.h"
+#include "text_rules.h"
 
 #include <algorithm>
 #include <cstring>
@@ -51,12 +53,7 @@ Bytes Property(PCCERT_CONTEXT context, DWORD property) {
 }
 
 std::wstring Hex(const Bytes& bytes) {
-  std::wstring text;
-  for (const uint8_t byte : bytes) {
-    text += L"0123456789ABCDEF"[byte >> 4];
-    text += L"0123456789ABCDEF"[byte & 0xF];
-  }
-  return text;
+  return HexOfBytes<wchar_t>(bytes);
 }
 
 std::wstring Date(const FILETIME& time) {
@@ -76,6 +73,7 @@ bool IsPast(const FILETIME& time) {
 struct Pointer {
   std::wstring provider;
   std::wstring container;
+  bool operator==(const Pointer& other) const = default;
 };
 
 std::optional<Pointer> PointerOf(PCCERT_CONTEXT context) {
@@ -122,6 +120,39 @@ size_t RemoveEntries(const Store& store, const std::function<bool(PCCERT_CONTEXT
   return found.size();
 }
 
+// In the place of an entry of the same certificate, if there is one, which stays as it was when that fails.
+void AddEntry(const Store& store, PCCERT_CONTEXT entry) {
+  if (!CertAddCertificateContextToStore(store.get(), entry, CERT_STORE_ADD_REPLACE_EXISTING, nullptr)) {
+    throw Failure(L"Adding the certificate to your store", static_cast<long>(GetLastError()));
+  }
+  store.Commit();
+}
+
+bool IsSameCertificate(PCCERT_CONTEXT one, PCCERT_CONTEXT other) {
+  return CertCompareCertificate(X509_ASN_ENCODING, one->pCertInfo, other->pCertInfo);
+}
+
+// Looks at the store as the next program will see it.
+bool HasEntry(PCCERT_CONTEXT certificate, const Pointer& pointer) {
+  const Store store(CERT_STORE_READONLY_FLAG);
+  bool found = false;
+  for (PCCERT_CONTEXT context = nullptr; (context = CertEnumCertificatesInStore(store.get(), context)) != nullptr;)
+    found = found || (IsSameCertificate(context, certificate) && PointerOf(context) == pointer);
+  return found;
+}
+
+// Takes the old entry out first, and puts it back when the new one is not taken.
+void ReplaceInTwoSteps(const Store& store, PCCERT_CONTEXT entry) {
+  const Context old(CertFindCertificateInStore(store.get(), X509_ASN_ENCODING, 0, CERT_FIND_EXISTING, entry, nullptr));
+  RemoveEntries(store, [&](PCCERT_CONTEXT context) { return IsSameCertificate(context, entry); });
+  try {
+    AddEntry(store, entry);
+  } catch (const Failure&) {
+    if (old.get()) AddEntry(store, old.get());
+    throw;
+  }
+}
+
 }  // namespace
 
 std::vector<StoredCertificate> StoredCertificates(const std::wstring& provider) {
@@ -138,19 +169,17 @@ StoredCertificate StoreCertificate(const Bytes& der, const std::wstring& provide
   const Store store(0);
   const Context fresh(CertCreateCertificateContext(X509_ASN_ENCODING, der.data(), static_cast<DWORD>(der.size())));
   if (!fresh.get()) throw Failure(L"Reading the certificate", static_cast<long>(GetLastError()));
-  // Adding a certificate that is there keeps what the old entry points at, so that goes first.
-  const Bytes thumbprint = Property(fresh.get(), CERT_SHA1_HASH_PROP_ID);
-  RemoveEntries(store, [&](PCCERT_CONTEXT context) { return Property(context, CERT_SHA1_HASH_PROP_ID) == thumbprint; });
   std::wstring provider_name = provider;
   std::wstring container_name = container;
   CRYPT_KEY_PROV_INFO info = {};
   info.pwszContainerName = container_name.data();
   info.pwszProvName = provider_name.data();
-  if (!CertSetCertificateContextProperty(fresh.get(), CERT_KEY_PROV_INFO_PROP_ID, 0, &info) ||
-      !CertAddCertificateContextToStore(store.get(), fresh.get(), CERT_STORE_ADD_REPLACE_EXISTING, nullptr)) {
-    throw Failure(L"Adding the certificate to your store", static_cast<long>(GetLastError()));
+  if (!CertSetCertificateContextProperty(fresh.get(), CERT_KEY_PROV_INFO_PROP_ID, 0, &info)) {
+    throw Failure(L"Preparing the certificate", static_cast<long>(GetLastError()));
   }
-  store.Commit();
+  AddEntry(store, fresh.get());
+  // Not every Windows lets a new entry of the same certificate point elsewhere than the old one.
+  if (!HasEntry(fresh.get(), {provider, container})) ReplaceInTwoSteps(store, fresh.get());
   return Describe(fresh.get(), {provider, container});
 }
 

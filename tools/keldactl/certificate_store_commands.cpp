@@ -1,6 +1,5 @@
 #include "certificate_store_commands.h"
 
-#include "certificate_store.h"
 #include "commands.h"
 #include "files.h"
 #include "json.h"
@@ -130,6 +129,30 @@ ExitStatus ListCertificates(const CertificatesOptions& options) {
   return ExitStatus::kDone;
 }
 
+bool TokenHasCertificateOf(const std::wstring& key_name) {
+  const std::vector<TokenReport> tokens = ExamineTokenModuleApart().tokens;
+  return std::any_of(tokens.begin(), tokens.end(),
+                     [&](const TokenReport& token) { return Holds(token.certificates, Utf8(HexText(key_name))); });
+}
+
+// Nothing when the provider does not export it.
+std::optional<RsaPublicKey> PublicKeyIfAny(const Key& key) {
+  try {
+    return PublicKeyOf(key);
+  } catch (const Failure&) {
+    return std::nullopt;
+  }
+}
+
+void WarnOfForeign(const CertificatesOfKey& certificates) {
+  for (const StoredCertificate& foreign : certificates.foreign) {
+    Warn(L"the certificate of " + Quoted(foreign.subject) + L" (" + foreign.thumbprint +
+         L") points at a key of this name and stays: " +
+         (certificates.compared ? L"it belongs to another key, perhaps on another token"
+                                : L"whether it belongs to this one cannot be told"));
+  }
+}
+
 }  // namespace
 
 void InstallCertificate(const Provider& provider, const Key& key, const std::wstring& file) {
@@ -146,42 +169,47 @@ void InstallCertificate(const Provider& provider, const Key& key, const std::wst
   SayHowToSign(stored);
 }
 
-void UninstallCertificates(const Provider& provider, const Key& key) {
-  size_t count = 0;
-  for (const StoredCertificate& stored : StoredCertificates(provider.name())) {
+CertificatesOfKey FindCertificatesOfKey(const Provider& provider, const Key& key) {
+  CertificatesOfKey certificates;
+  if (key.name.empty()) return certificates;
+  const std::optional<RsaPublicKey> public_key = PublicKeyIfAny(key);
+  certificates.compared = public_key.has_value();
+  for (StoredCertificate& stored : StoredCertificates(provider.name())) {
     if (!PointsAt(stored.container, key.name)) continue;
-    count += RemoveStoredCertificate(stored.thumbprint, provider.name());
-    Say(L"Took the certificate of " + Quoted(stored.subject) + L" (" + stored.thumbprint + L") out of your store.");
+    const bool own = public_key && stored.key == public_key;
+    (own ? certificates.stored : certificates.foreign).push_back(std::move(stored));
   }
-  if (count == 0) {
-    throw Failure(L"No certificate in your store points at the key " + TitleOf(key), ExitStatus::kNotFound);
-  }
+  if (provider.name() == kNorvaleProvider) certificates.on_token = TokenHasCertificateOf(key.name);
+  return certificates;
 }
 
-CertificatesOfKey FindCertificatesOfKey(const std::wstring& provider, const std::wstring& key_name) {
-  CertificatesOfKey certificates;
-  if (key_name.empty()) return certificates;
-  for (const StoredCertificate& stored : StoredCertificates(provider)) {
-    if (PointsAt(stored.container, key_name)) certificates.stored.push_back(stored.thumbprint);
+void UninstallCertificates(const Provider& provider, const Key& key) {
+  const CertificatesOfKey certificates = FindCertificatesOfKey(provider, key);
+  for (const StoredCertificate& stored : certificates.stored) {
+    RemoveStoredCertificate(stored.thumbprint, provider.name());
+    Say(L"Took the certificate of " + Quoted(stored.subject) + L" (" + stored.thumbprint + L") out of your store.");
   }
-  if (provider != kNorvaleProvider) return certificates;
-  const std::vector<TokenReport> tokens = ExamineTokenModuleApart().tokens;
-  certificates.on_token = std::any_of(tokens.begin(), tokens.end(), [&](const TokenReport& token) {
-    return Holds(token.certificates, Utf8(HexText(key_name)));
-  });
-  return certificates;
+  WarnOfForeign(certificates);
+  if (!certificates.stored.empty()) return;
+  Failure none(L"No certificate in your store " +
+                   std::wstring(certificates.foreign.empty() ? L"points at the key " : L"belongs to the key ") +
+                   TitleOf(key),
+               ExitStatus::kNotFound);
+  if (!certificates.foreign.empty()) none.Advise(L"\"keldactl certificates --remove THUMBPRINT\" takes out any other.");
+  throw none;
 }
 
 void SayWhatStays(const CertificatesOfKey& certificates, const std::wstring& provider, bool remove) {
   if (certificates.on_token) Warn(L"the key's certificate stays on the token; the token maker's tool removes it");
-  for (const std::wstring& thumbprint : certificates.stored) {
+  for (const StoredCertificate& stored : certificates.stored) {
     if (remove) {
-      RemoveStoredCertificate(thumbprint, provider);
-      Say(L"Took its certificate " + thumbprint + L" out of your store.");
+      RemoveStoredCertificate(stored.thumbprint, provider);
+      Say(L"Took its certificate " + stored.thumbprint + L" out of your store.");
     } else {
-      Warn(L"its certificate " + thumbprint + L" stays in your store and points at nothing now");
+      Warn(L"its certificate " + stored.thumbprint + L" stays in your store and points at nothing now");
     }
   }
+  WarnOfForeign(certificates);
 }
 
 void AddCertificateStoreCommands(Program& program) {

@@ -4,10 +4,12 @@
 #include "output.h"
 #include "status.h"
 #include "terminal.h"
+#include "text_rules.h"
 #include "token_module.h"
 #include "unicode.h"
 
 #include <array>
+#include <cwchar>
 
 namespace keldactl {
 namespace {
@@ -16,6 +18,7 @@ struct CheckOptions {
   std::optional<std::wstring> key;
   bool sign = false;
   bool token_module = false;
+  std::optional<std::wstring> answer_to;  // of the process that examines the module for another keldactl
   std::wstring colour = kColourAuto;
   bool json = false;
 };
@@ -25,6 +28,8 @@ void CheckSyntax(Syntax& syntax, CheckOptions& options) {
   CLI::Option& sign = syntax.Flag("--sign", options.sign, "also log in (the provider asks for the PIN) and sign");
   CLI::Option& module =
       syntax.Flag("--token-module", options.token_module, "look at the token module only, and say what it tells");
+  // No word for people, and in no help.
+  syntax.Text("--answer-to", options.answer_to, "HANDLE", "").needs(&module)->group("");
   module.excludes(&key);
   module.excludes(&sign);
   AddColourOption(syntax, options.colour);
@@ -61,9 +66,15 @@ void SayStep(const HealthStep& step, bool coloured) {
 }
 
 ExitStatus ExamineModule(const CheckOptions& options) {
-  const ModuleReport report = ExamineTokenModule();
+  if (options.answer_to) {
+    const bool answered = AnswerAboutTokenModule(std::wcstoull(options.answer_to->c_str(), nullptr, 10));
+    return answered ? ExitStatus::kDone : ExitStatus::kFailed;
+  }
+  const ModuleReport report = ExamineTokenModuleApart();
   if (options.json) {
     SayJson(ToJson(report));
+  } else if (report.end != ModuleEnd::kAnswered) {
+    Say(L"The token module does not answer: " + EndInWords(report) + L".");
   } else if (!report.loaded) {
     Say(L"The token module does not load: " + DescribeStatus(static_cast<long>(report.load_error)));
   } else if (!report.initialized) {
@@ -110,7 +121,8 @@ ExitStatus RunCheck(const CheckOptions& options) {
              {"skipped", count(Verdict::kSkipped)},
              {"steps", std::move(steps)}});
   } else {
-    Say(std::to_wstring(count(Verdict::kOk)) + L" ok, " + std::to_wstring(count(Verdict::kWarning)) + L" warnings, " +
+    Say(std::to_wstring(count(Verdict::kOk)) + L" ok, " +
+        Counted<wchar_t>(static_cast<size_t>(count(Verdict::kWarning)), L"warning") + L", " +
         std::to_wstring(count(Verdict::kFailed)) + L" failed, " + std::to_wstring(count(Verdict::kSkipped)) +
         L" skipped");
   }

@@ -6,15 +6,6 @@
 namespace keldactl {
 namespace {
 
-// Holds what was decrypted no longer than needed.
-struct WipedBytes {
-  Bytes bytes;
-  WipedBytes() = default;
-  WipedBytes(const WipedBytes&) = delete;
-  WipedBytes& operator=(const WipedBytes&) = delete;
-  ~WipedBytes() { SecureZeroMemory(bytes.data(), bytes.size()); }
-};
-
 using CipherFunction = decltype(&NCryptEncrypt);
 
 void Run(CipherFunction function, const Key& key, Bytes& input, Bytes* output, const std::wstring& operation) {
@@ -26,7 +17,6 @@ void Run(CipherFunction function, const Key& key, Bytes& input, Bytes* output, c
         operation);
   if (size > output->size())
     throw Failure(operation + L" failed: the provider reported more bytes than it had room for");
-  SecureZeroMemory(output->data() + size, output->size() - size);
   output->resize(size);
 }
 
@@ -61,13 +51,12 @@ void RefuseTooLong(const Key& key, const std::wstring& in, size_t size) {
 }
 
 ExitStatus Encrypt(const CipherOptions& options) {
-  WipedBytes plain;
-  plain.bytes = ReadWholeFile(options.in);
+  Bytes plain = ReadWholeFile(options.in);
   const Provider provider(options.key.provider);
   const Key key = provider.Open(options.key);
-  RefuseTooLong(key, options.in, plain.bytes.size());
+  RefuseTooLong(key, options.in, plain.size());
   Bytes cipher;
-  Run(NCryptEncrypt, key, plain.bytes, &cipher, L"Encrypting " + InName(options.in) + L" for the key " + TitleOf(key));
+  Run(NCryptEncrypt, key, plain, &cipher, L"Encrypting " + InName(options.in) + L" for the key " + TitleOf(key));
   WriteWholeFile(options.out, cipher);
   SayUnlessPiped(options.out, L"Encrypted " + InName(options.in) + L" for the key " + TitleOf(key) + L": " +
                                   std::to_wstring(cipher.size()) + L" bytes in " + OutName(options.out) + L".");
@@ -78,11 +67,11 @@ ExitStatus Decrypt(const CipherOptions& options) {
   Bytes cipher = ReadWholeFile(options.in);
   const Provider provider(options.key.provider);
   const Key key = provider.Open(options.key);
-  WipedBytes plain;
-  Run(NCryptDecrypt, key, cipher, &plain.bytes, L"Decrypting " + InName(options.in) + L" with the key " + TitleOf(key));
-  WriteWholeFile(options.out, plain.bytes);
+  Bytes plain;
+  Run(NCryptDecrypt, key, cipher, &plain, L"Decrypting " + InName(options.in) + L" with the key " + TitleOf(key));
+  WriteWholeFile(options.out, plain);
   SayUnlessPiped(options.out, L"Decrypted " + InName(options.in) + L" with the key " + TitleOf(key) + L": " +
-                                  std::to_wstring(plain.bytes.size()) + L" bytes in " + OutName(options.out) + L".");
+                                  std::to_wstring(plain.size()) + L" bytes in " + OutName(options.out) + L".");
   return ExitStatus::kDone;
 }
 

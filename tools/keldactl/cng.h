@@ -1,6 +1,7 @@
 // Owners of CNG's key storage handles and the calls that all commands share.
 #pragma once
 
+#include "bytes.h"
 #include "failure.h"
 #include "platform.h"
 #include "syntax.h"
@@ -12,8 +13,6 @@
 #include <vector>
 
 namespace keldactl {
-
-using Bytes = std::vector<uint8_t>;
 
 inline constexpr const wchar_t* kNorvaleProvider = L"Norvale Token Works KSP v1.0";
 

@@ -1,20 +1,14 @@
 #include "encoding.h"
 
+#include "handle.h"
 #include "output.h"
 #include "unicode.h"
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 
 namespace keldactl {
 namespace {
-
-struct LocalDeleter {
-  void operator()(void* memory) const { LocalFree(memory); }
-};
-template <typename T>
-using Local = std::unique_ptr<T, LocalDeleter>;
 
 constexpr DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 
@@ -186,30 +180,30 @@ Bytes Pem(const std::string& label, const Bytes& der) {
   return {text.begin(), text.end()};
 }
 
+// By hand up to the base 64: CryptStringToBinary would skip the lines around it (CRYPT_STRING_BASE64HEADER) and does
+// not tell the label that stands there, by which a certificate, two forms of public keys and a private key are told
+// apart. Looks at the text in its place, which may hold a private key.
 std::optional<PemBlock> ParsePem(const Bytes& text) {
-  const std::string all(text.begin(), text.end());
-  const std::string begin_mark = "-----BEGIN ";
+  const std::string_view all(reinterpret_cast<const char*>(text.data()), text.size());
+  constexpr std::string_view begin_mark = "-----BEGIN ";
   const size_t begin = all.find(begin_mark);
-  if (begin == std::string::npos) return std::nullopt;
+  if (begin == std::string_view::npos) return std::nullopt;
   const size_t label_begin = begin + begin_mark.size();
   const size_t label_end = all.find("-----", label_begin);
-  if (label_end == std::string::npos) return std::nullopt;
+  if (label_end == std::string_view::npos) return std::nullopt;
   PemBlock block;
   block.label = all.substr(label_begin, label_end - label_begin);
   const size_t body = label_end + 5;
   const size_t end = all.find("-----END " + block.label + "-----", body);
-  if (end == std::string::npos) return std::nullopt;
+  if (end == std::string_view::npos) return std::nullopt;
   DWORD size = 0;
-  if (!CryptStringToBinaryA(all.data() + body, static_cast<DWORD>(end - body), CRYPT_STRING_BASE64, nullptr, &size,
-                            nullptr, nullptr)) {
-    throw Failure(L"Reading PEM", static_cast<long>(GetLastError()));
+  for (int pass = 0; pass < 2; ++pass) {
+    if (!CryptStringToBinaryA(all.data() + body, static_cast<DWORD>(end - body), CRYPT_STRING_BASE64,
+                              pass ? block.der.data() : nullptr, &size, nullptr, nullptr)) {
+      throw Failure(L"Reading PEM", static_cast<long>(GetLastError()));
+    }
+    block.der.resize(size);
   }
-  block.der.resize(size);
-  if (!CryptStringToBinaryA(all.data() + body, static_cast<DWORD>(end - body), CRYPT_STRING_BASE64, block.der.data(),
-                            &size, nullptr, nullptr)) {
-    throw Failure(L"Reading PEM", static_cast<long>(GetLastError()));
-  }
-  block.der.resize(size);
   return block;
 }
 

@@ -1,7 +1,8 @@
 // RSA public keys and certificates in the forms that other programs use, by the platform's encoder.
 #pragma once
 
-#include "cng.h"
+#include "bytes.h"
+#include "platform.h"
 
 #include <optional>
 #include <string>

@@ -1,6 +1,8 @@
 #include "files.h"
 
+#include "handle.h"
 #include "output.h"
+#include "standard_output.h"
 
 namespace keldactl {
 namespace {
@@ -9,21 +11,17 @@ namespace {
 class File {
  public:
   File(const std::wstring& path, DWORD access, DWORD disposition, const std::wstring& operation)
-      : standard_(IsStandardStream(path)),
-        handle_(standard_ ? GetStdHandle(access == GENERIC_READ ? STD_INPUT_HANDLE : STD_OUTPUT_HANDLE)
-                          : CreateFileW(path.c_str(), access, FILE_SHARE_READ, nullptr, disposition,
-                                        FILE_ATTRIBUTE_NORMAL, nullptr)) {
+      : file_(IsStandardStream(path) ? nullptr
+                                     : CreateFileW(path.c_str(), access, FILE_SHARE_READ, nullptr, disposition,
+                                                   FILE_ATTRIBUTE_NORMAL, nullptr)),
+        handle_(IsStandardStream(path) ? (access == GENERIC_READ ? GetStdHandle(STD_INPUT_HANDLE) : StandardOutput())
+                                       : file_.get()) {
     if (handle_ == INVALID_HANDLE_VALUE || !handle_) throw Failure(operation, static_cast<long>(GetLastError()));
-  }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-  ~File() {
-    if (!standard_) CloseHandle(handle_);
   }
   HANDLE get() const { return handle_; }
 
  private:
-  bool standard_;
+  Handle file_;  // none for a standard stream
   HANDLE handle_;
 };
 

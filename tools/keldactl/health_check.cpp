@@ -12,6 +12,7 @@
 #include "registry.h"
 #include "signing.h"
 #include "status.h"
+#include "text_rules.h"
 #include "token_module.h"
 #include "unicode.h"
 
@@ -45,6 +46,8 @@ constexpr const wchar_t* kRegisterAgain = L"As an administrator: keldactl regist
 constexpr const wchar_t* kCopyAgain = L"As an administrator: keldactl register --copy, or install the product again.";
 constexpr const wchar_t* kInstallModule =
     L"Install the token maker's software; its keldapkcs11.dll has to be in the system folder or in a folder of PATH.";
+
+constexpr const wchar_t* kSeeModule = L"See the steps about the token module, without which it does not start.";
 
 struct AlgorithmDeleter {
   void operator()(void* handle) const { BCryptCloseAlgorithmProvider(handle, 0); }
@@ -142,6 +145,8 @@ class HealthCheck {
   void CheckKey(const ListedKey& listed);
   void CheckSigning();
 
+  // Examined once, at the first question.
+  const ModuleReport& Module();
   Finding Exports();
   Finding Table();
   Finding PinTries() const;
@@ -158,6 +163,7 @@ class HealthCheck {
   RegistrationStatus status_;
   HMODULE library_ = nullptr;  // stays loaded: CNG will use the same
   ModuleReport module_;
+  bool examined_ = false;
   bool service_works_ = false;
   std::optional<Provider> provider_;
   std::vector<ListedKey> keys_;
@@ -257,9 +263,17 @@ Finding HealthCheck::Table() {
                : Failed(L"some of its entries are empty", kCopyAgain);
 }
 
+const ModuleReport& HealthCheck::Module() {
+  if (!examined_) module_ = ExamineTokenModuleApart();
+  examined_ = true;
+  return module_;
+}
+
 void HealthCheck::CheckLibrary() {
   const bool there = !status_.widths.empty() && status_.widths.front().DllInPlace();
   const bool loads = Step("dll_loads", L"The DLL loads", there, [&] {
+    // The DLL loads the module into this process, which one that crashes or hangs would take along.
+    if (Module().end != ModuleEnd::kAnswered) return Failed(L"not tried: " + EndInWords(Module()), kSeeModule);
     const WidthStatus& own = status_.widths.front();
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX);
     library_ = LoadLibraryW(own.dll.c_str());
@@ -267,8 +281,7 @@ void HealthCheck::CheckLibrary() {
     const DWORD error = GetLastError();
     // The DLL does not start without the token module.
     if (error == ERROR_DLL_INIT_FAILED) {
-      return Failed(L"it refused to start: " + DescribeStatus(static_cast<long>(error)),
-                    L"See the steps about the token module, without which it does not start.");
+      return Failed(L"it refused to start: " + DescribeStatus(static_cast<long>(error)), kSeeModule);
     }
     return Failed(DescribeStatus(static_cast<long>(error)), kCopyAgain);
   });
@@ -277,16 +290,15 @@ void HealthCheck::CheckLibrary() {
 }
 
 void HealthCheck::CheckModule() {
-  module_ = {};
   const bool found = Step("module", L"The token module is found", true, [&] {
-    module_ = ExamineTokenModuleApart();
+    Module();
     const auto& where = status_.widths.empty() ? std::nullopt : status_.widths.front().token_module;
-    return module_.found || module_.loaded ? Ok(where.value_or(kTokenModule))
-                                           : Failed(std::wstring(kTokenModule) + L" is nowhere", kInstallModule);
+    return module_.found ? Ok(where.value_or(kTokenModule))
+                         : Failed(std::wstring(kTokenModule) + L" is nowhere", kInstallModule);
   });
   const bool loads = Step("module_loads", L"It loads", found, [&] {
-    if (module_.ended_early) {
-      return Failed(L"the process that loaded it crashed or hung", L"Install the token maker's software again.");
+    if (module_.end != ModuleEnd::kAnswered) {
+      return Failed(EndInWords(module_), L"Install the token maker's software again.");
     }
     return module_.loaded ? Ok(L"in a process of its own")
                           : Failed(DescribeStatus(static_cast<long>(module_.load_error)),
@@ -405,7 +417,7 @@ void HealthCheck::CheckProvider() {
   Step("keys", L"Its list of keys", open, [&] {
     keys_ = provider_->Keys();
     if (keys_.empty()) return Warning(L"the token has none", L"Make one: keldactl create --key NAME.");
-    return Ok(std::to_wstring(keys_.size()) + (keys_.size() == 1 ? L" key" : L" keys"));
+    return Ok(Counted<wchar_t>(keys_.size(), L"key"));
   });
 }
 
@@ -433,16 +445,21 @@ Finding HealthCheck::PrivateHalf(const std::wstring& name) const {
 
 Finding HealthCheck::CertificateOf(const std::wstring& name, const std::optional<RsaPublicKey>& key) const {
   const std::wstring install = L"Put one there: keldactl certificate --key " + HexText(name) + L" --install FILE.";
+  std::optional<StoredCertificate> foreign;
   for (const StoredCertificate& certificate : StoredCertificates(kProviderName)) {
     if (!PointsAt(certificate.container, name)) continue;
     if (key && certificate.key != key) {
-      return Failed(
-          L"the certificate of " + Quoted(certificate.subject) + L" points at this key and belongs to another",
-          L"Take it away: keldactl certificates --remove " + certificate.thumbprint + L".");
+      foreign = certificate;
+      continue;
     }
     if (certificate.expired)
       return Warning(Quoted(certificate.subject) + L" ended on " + certificate.not_after, install);
     return Ok(Quoted(certificate.subject) + L", until " + certificate.not_after);
+  }
+  if (foreign) {
+    return Failed(L"the certificate of " + Quoted(foreign->subject) + L" points at this key and belongs to another",
+                  L"Unless it is of another token of yours, take it away: keldactl certificates --remove " +
+                      foreign->thumbprint + L".");
   }
   return Warning(L"none in your store points at it: signing tools will not offer the key", install);
 }

@@ -93,6 +93,7 @@ std::string CommandHelp(const CLI::App& app) {
   std::vector<std::pair<std::string, std::vector<Row>>> groups = {{"", {}}, {"Options", {}}};
   std::vector<Row> all;
   for (const CLI::Option* option : app.get_options()) {
+    if (!option->get_positional() && option->get_group().empty()) continue;  // between keldactl and itself
     const std::string heading = option->get_positional() ? "" : option->get_group();
     auto group = std::find_if(groups.begin(), groups.end(), [&](const auto& known) { return known.first == heading; });
     if (group == groups.end()) group = groups.insert(groups.end(), {heading, {}});

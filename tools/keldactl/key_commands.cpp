@@ -287,7 +287,7 @@ ExitStatus DeleteKey(const DeleteOptions& options) {
       !Confirm(L"Delete the key " + TitleOf(key) + L" from " + Quoted(provider.name()) + L" for ever?")) {
     throw Failure(L"nothing was deleted", ExitStatus::kCancelled);
   }
-  const CertificatesOfKey certificates = FindCertificatesOfKey(provider.name(), key.name);
+  const CertificatesOfKey certificates = FindCertificatesOfKey(provider, key);
   SECURITY_STATUS status = NCryptDeleteKey(key.handle.get(), key.flags);
   if (status != ERROR_SUCCESS) {
     LogIn(key);

@@ -1,11 +1,13 @@
 #include "commands.h"
+#include "handle.h"
 #include "json.h"
 #include "log_reader.h"
 #include "log_settings.h"
 #include "output.h"
-#include "platform.h"
+#include "standard_output.h"
 #include "status.h"
 #include "terminal.h"
+#include "text_rules.h"
 #include "unicode.h"
 
 #include <functional>
@@ -55,11 +57,14 @@ void LogSyntax(Syntax& syntax, LogOptions& options) {
   syntax.Flag("--follow", options.follow, "show: go on while the log grows; ends with Ctrl+C");
   syntax.Flag("--nested", options.nested, "show: every line of a call below it");
   syntax.Flag("--failures", options.failures, "show: only calls that failed");
-  syntax.Flag("--raw", options.raw, "show: the text as it is");
+  syntax.Flag("--raw", options.raw,
+              "show: the text as it is; on a terminal, characters that do not print are shown as \\xNN");
   AddColourOption(syntax, options.colour);
   syntax.Json(options.json);
   syntax.Check([&options] { CheckWords(options); });
   syntax.Notes(
+      "\"log on\" makes the file, and folders in which users may only read; it refuses links and files with\n"
+      "several names, and warns of a folder that users may write in.\n"
       "Each call of the provider becomes one line: the entry, the key, the status with its meaning, and\n"
       "the line of the log that tells why. \"log on\" and \"log off\" need administrator rights, look after\n"
       "both widths, and count for programs that start afterwards. The log holds the names of keys, and\n"
@@ -72,11 +77,6 @@ std::wstring FromLog(std::string_view text) {
   for (const char c : text)
     wide += static_cast<wchar_t>(static_cast<unsigned char>(c));
   return wide;
-}
-
-std::wstring Padded(std::wstring text, size_t width) {
-  if (text.size() < width) text.append(width - text.size(), L' ');
-  return text;
 }
 
 // What the reason adds to the status, whose name most reasons begin with.
@@ -103,8 +103,8 @@ std::wstring LineOf(const LogRecord& record) {
     case LogRecord::Kind::kLoad:
       return L"---- a program loaded the provider: " + Printable(FromLog(record.title));
     case LogRecord::Kind::kCall:
-      return Padded(Printable(FromLog(record.title)), kEntryWidth) + Padded(Printable(FromLog(record.key)), kKeyWidth) +
-             Outcome(record);
+      return InColumn(Printable(FromLog(record.title)), kEntryWidth) +
+             InColumn(Printable(FromLog(record.key)), kKeyWidth) + Outcome(record);
     default:
       return L"---- outside of any call";
   }
@@ -174,22 +174,19 @@ class LogTail {
   // What has come since the last look; throws Failure when the file cannot be read. `anew` tells that it is another
   // file than before, or was emptied.
   std::string Read(bool* anew) {
-    const HANDLE file = CreateFileW(file_.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                    nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE) {
-      throw Failure(L"Reading the log " + Quoted(file_), static_cast<long>(GetLastError()));
-    }
+    const Handle file(CreateFileW(file_.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                  nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file) throw Failure(L"Reading the log " + Quoted(file_), static_cast<long>(GetLastError()));
     LARGE_INTEGER size = {};
-    GetFileSizeEx(file, &size);
+    GetFileSizeEx(file.get(), &size);
     *anew = size.QuadPart < position_.QuadPart;
     if (*anew) position_ = {};
-    SetFilePointerEx(file, position_, nullptr, FILE_BEGIN);
+    SetFilePointerEx(file.get(), position_, nullptr, FILE_BEGIN);
     std::string text;
     char piece[16384];
     DWORD count = 0;
-    while (ReadFile(file, piece, sizeof piece, &count, nullptr) && count > 0)
+    while (ReadFile(file.get(), piece, sizeof piece, &count, nullptr) && count > 0)
       text.append(piece, count);
-    CloseHandle(file);
     position_.QuadPart += static_cast<LONGLONG>(text.size());
     return text;
   }
@@ -199,9 +196,14 @@ class LogTail {
   LARGE_INTEGER position_ = {};
 };
 
+// The log's bytes for files and pipes. On a terminal, names in it must not be able to steer that.
 void SayRaw(const std::string& text) {
+  if (IsTerminal()) {
+    SayText(PrintableLines<wchar_t>(FromLog(text)));
+    return;
+  }
   DWORD written = 0;
-  WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+  WriteFile(StandardOutput(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
 }
 
 [[noreturn]] void Follow(LogTail& tail, const std::function<void(const std::string&, bool)>& take) {
@@ -246,14 +248,7 @@ ExitStatus ShowLog(const LogOptions& options) {
 
 ExitStatus RunLog(const LogOptions& options) {
   if (options.action == L"show") return ShowLog(options);
-  const Report report = options.action == L"on" ? SwitchLogOn(options.file) : SwitchLogOff();
-  for (const ReportLine& line : report) {
-    if (line.warning) {
-      Warn(line.text);
-    } else {
-      Say(line.text);
-    }
-  }
+  SayReport(options.action == L"on" ? SwitchLogOn(options.file) : SwitchLogOff());
   return ExitStatus::kDone;
 }
 

@@ -1,12 +1,10 @@
 #include "log_settings.h"
 
+#include "access_rights.h"
 #include "failure.h"
+#include "log_file_rules.h"
 #include "output.h"
 #include "registry.h"
-
-#include <aclapi.h>
-
-#include <memory>
 
 namespace keldactl {
 namespace {
@@ -14,24 +12,6 @@ namespace {
 constexpr wchar_t kSwitchOn[] = L"1";
 // The provider has room for so many characters.
 constexpr size_t kLongestFile = 2047;
-
-struct LocalDeleter {
-  void operator()(void* memory) const { LocalFree(memory); }
-};
-
-class File {
- public:
-  explicit File(HANDLE handle) : handle_(handle) {}
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-  ~File() {
-    if (handle_ != INVALID_HANDLE_VALUE) CloseHandle(handle_);
-  }
-  explicit operator bool() const { return handle_ != INVALID_HANDLE_VALUE; }
-
- private:
-  HANDLE handle_;
-};
 
 std::wstring FullPath(const std::wstring& file) {
   std::wstring path(32768, L'\0');
@@ -52,73 +32,51 @@ std::wstring UsualFile() {
 
 void MakeFolders(const std::wstring& file) {
   for (size_t at = file.find(L'\\', 3); at != std::wstring::npos; at = file.find(L'\\', at + 1))
-    CreateDirectoryW(file.substr(0, at).c_str(), nullptr);
+    MakeClosedFolder(file.substr(0, at));
 }
 
-// As the provider opens it.
-File OpenAsProvider(const std::wstring& path) {
-  return File(CreateFileW(path.c_str(), GENERIC_READ | FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                          OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+// A link is opened itself, not followed.
+Handle OpenItself(const std::wstring& path, DWORD rights, DWORD disposition) {
+  return Handle(CreateFileW(path.c_str(), rights, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, disposition,
+                            FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
 }
 
-std::unique_ptr<BYTE[]> UsersSid() {
-  auto sid = std::make_unique<BYTE[]>(SECURITY_MAX_SID_SIZE);
-  DWORD size = SECURITY_MAX_SID_SIZE;
-  if (!CreateWellKnownSid(WinBuiltinUsersSid, nullptr, sid.get(), &size)) {
-    throw Failure(L"Asking for the group of all users", static_cast<long>(GetLastError()));
+// The log file, made if need be, for writing it and for changing its rights.
+Handle OpenForAdministrator(const std::wstring& path) {
+  constexpr DWORD kRights = GENERIC_READ | FILE_APPEND_DATA | READ_CONTROL | WRITE_DAC;
+  Handle file = OpenItself(path, kRights, CREATE_NEW);
+  if (!file && GetLastError() == ERROR_FILE_EXISTS) file = OpenItself(path, kRights, OPEN_EXISTING);
+  if (!file) throw Failure(L"Opening the log file " + Quoted(path), static_cast<long>(GetLastError()));
+  return file;
+}
+
+Failure NoLogFile(const std::wstring& path, const wchar_t* why) {
+  return Failure(Quoted(path) + L" cannot be the log file, which every user may write: " + why)
+      .Advise(L"Name a file of its own: keldactl log on FILE.");
+}
+
+// Whoever may put a link where the log is going to be would otherwise be given the right to write the file behind it.
+void RefuseForeignFile(HANDLE file, const std::wstring& path) {
+  if (GetFileType(file) != FILE_TYPE_DISK) throw NoLogFile(path, L"it is no file on a disk");
+  BY_HANDLE_FILE_INFORMATION information = {};
+  if (!GetFileInformationByHandle(file, &information)) {
+    throw Failure(L"Looking at the log file " + Quoted(path), static_cast<long>(GetLastError()));
   }
-  return sid;
+  switch (FaultOfLogFile(information.dwFileAttributes, information.nNumberOfLinks)) {
+    case LogFileFault::kLink:
+      throw NoLogFile(path, L"it is a link to another");
+    case LogFileFault::kFolder:
+      throw NoLogFile(path, L"it is a folder");
+    case LogFileFault::kSeveralNames:
+      throw NoLogFile(path, L"it has other names too (hard links)");
+    default:
+      return;
+  }
 }
 
-// The log is written by every program that uses a key, with the rights of its user.
-void LetUsersWrite(const std::wstring& path) {
-  const std::wstring operation = L"Giving the users the right to write " + Quoted(path);
-  const auto users = UsersSid();
-  PACL old_list = nullptr;
-  PSECURITY_DESCRIPTOR descriptor = nullptr;
-  std::wstring name = path;
-  DWORD error = GetNamedSecurityInfoW(name.data(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr,
-                                      &old_list, nullptr, &descriptor);
-  const std::unique_ptr<void, LocalDeleter> descriptor_owner(descriptor);
-  if (error != ERROR_SUCCESS) throw Failure(operation, static_cast<long>(error));
-  EXPLICIT_ACCESSW access = {};
-  // NOLINTNEXTLINE(misc-redundant-expression): the platform's masks share bits
-  access.grfAccessPermissions = FILE_GENERIC_READ | FILE_GENERIC_WRITE;
-  access.grfAccessMode = GRANT_ACCESS;
-  access.grfInheritance = NO_INHERITANCE;
-  access.Trustee.TrusteeForm = TRUSTEE_IS_SID;
-  access.Trustee.TrusteeType = TRUSTEE_IS_WELL_KNOWN_GROUP;
-  access.Trustee.ptstrName = reinterpret_cast<LPWSTR>(users.get());
-  PACL new_list = nullptr;
-  error = SetEntriesInAclW(1, &access, old_list, &new_list);
-  const std::unique_ptr<ACL, LocalDeleter> list_owner(new_list);
-  if (error == ERROR_SUCCESS) {
-    error = SetNamedSecurityInfoW(name.data(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, new_list,
-                                  nullptr);
-  }
-  if (error != ERROR_SUCCESS) throw Failure(operation, static_cast<long>(error));
-}
-
-// Whether the list gives them the rights, whoever else has which.
-bool UsersMayWrite(const std::wstring& path) {
-  const auto users = UsersSid();
-  PACL list = nullptr;
-  PSECURITY_DESCRIPTOR descriptor = nullptr;
-  std::wstring name = path;
-  if (GetNamedSecurityInfoW(name.data(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &list, nullptr,
-                            &descriptor) != ERROR_SUCCESS) {
-    return false;
-  }
-  const std::unique_ptr<void, LocalDeleter> owner(descriptor);
-  // Without a list everybody may do everything.
-  if (!list) return true;
-  TRUSTEEW trustee = {};
-  trustee.TrusteeForm = TRUSTEE_IS_SID;
-  trustee.ptstrName = reinterpret_cast<LPWSTR>(users.get());
-  ACCESS_MASK rights = 0;
-  constexpr ACCESS_MASK kNeeded = FILE_READ_DATA | FILE_WRITE_DATA | FILE_APPEND_DATA;
-  return GetEffectiveRightsFromAclW(list, &trustee, &rights) == ERROR_SUCCESS && (rights & kNeeded) == kNeeded;
-}
+constexpr const wchar_t* kWhyClosed =
+    L"Programs with more rights than theirs write the log too, and whoever may put a link in its place leads their "
+    L"writing elsewhere.";
 
 }  // namespace
 
@@ -129,7 +87,14 @@ std::optional<std::wstring> LogFile() {
 }
 
 bool CanAppendTo(const std::wstring& file) {
-  return static_cast<bool>(OpenAsProvider(file));
+  const auto opens = [](const std::wstring& path, DWORD rights, DWORD flags) {
+    return static_cast<bool>(Handle(CreateFileW(path.c_str(), rights, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                                OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL | flags, nullptr)));
+  };
+  if (opens(file, GENERIC_READ | FILE_APPEND_DATA, 0)) return true;
+  const size_t folder_end = file.rfind(L'\\');
+  return GetLastError() == ERROR_FILE_NOT_FOUND && folder_end != std::wstring::npos &&
+         opens(file.substr(0, folder_end + 1), FILE_ADD_FILE, FILE_FLAG_BACKUP_SEMANTICS);
 }
 
 Report SwitchLogOn(const std::optional<std::wstring>& file) {
@@ -137,16 +102,24 @@ Report SwitchLogOn(const std::optional<std::wstring>& file) {
   const std::wstring path = file ? FullPath(*file) : LogFile().value_or(UsualFile());
   if (path.size() > kLongestFile) throw Failure(L"The log file's name is too long for the provider");
   MakeFolders(path);
-  if (!OpenAsProvider(path)) throw Failure(L"Opening the log file " + Quoted(path), static_cast<long>(GetLastError()));
-  LetUsersWrite(path);
+  const std::optional<OpenFolder> open_folder = OpenFolderAbove(path);
+  if (open_folder && open_folder->is_link) {
+    throw NoLogFile(path, L"it is behind a link that users may change").Advise(kWhyClosed);
+  }
+  const Handle log = OpenForAdministrator(path);
+  RefuseForeignFile(log.get(), path);
+  LetUsersWrite(log.get(), path);
   for (const Width& width : Widths()) {
     const RegistryKey key = RegistryKey::Create(kSettingsKey, width.view);
     key.SetText(L"KSPDIR", path);
     key.SetText(L"KSPLOG", kSwitchOn);
   }
   Report report = {{L"The log is on: programs that start from now on write to " + Quoted(path) + L".", false}};
-  if (!UsersMayWrite(path)) {
+  if (!UsersMayWrite(log.get())) {
     report.push_back({L"Users cannot write the file; the log will show the calls of administrators only.", true});
+  }
+  if (open_folder) {
+    report.push_back({L"Users may change what is in " + Quoted(open_folder->path) + L". " + kWhyClosed, true});
   }
   return report;
 }

@@ -3,6 +3,7 @@
 #include "commands.h"
 #include "output.h"
 #include "platform.h"
+#include "standard_output.h"
 #include "unicode.h"
 
 #include <string>
@@ -35,6 +36,7 @@ int Run(int argc, wchar_t** argv) {
 int wmain(int argc, wchar_t** argv) {
   // A DLL that lies in the folder where somebody happens to stand is nobody's that is meant.
   SetDllDirectoryW(L"");
+  KeepStandardOutput();
   try {
     return Run(argc, argv);
   } catch (const std::bad_alloc&) {

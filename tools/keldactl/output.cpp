@@ -1,6 +1,6 @@
 #include "output.h"
 
-#include "platform.h"
+#include "standard_output.h"
 #include "text_rules.h"
 #include "unicode.h"
 
@@ -9,9 +9,13 @@
 namespace keldactl {
 namespace {
 
+HANDLE Stream(DWORD stream) {
+  return stream == STD_OUTPUT_HANDLE ? StandardOutput() : GetStdHandle(stream);
+}
+
 // A console that is to be written to, or nothing for files, pipes and what is closed.
 HANDLE Console(DWORD stream) {
-  HANDLE handle = GetStdHandle(stream);
+  HANDLE handle = Stream(stream);
   DWORD mode = 0;
   return handle && handle != INVALID_HANDLE_VALUE && GetConsoleMode(handle, &mode) ? handle : nullptr;
 }
@@ -25,7 +29,7 @@ bool HasColours(DWORD stream) {
 }
 
 void Write(DWORD stream, std::wstring_view text) {
-  HANDLE handle = GetStdHandle(stream);
+  HANDLE handle = Stream(stream);
   if (handle == nullptr || handle == INVALID_HANDLE_VALUE || text.empty()) return;
   DWORD written = 0;
   if (Console(stream)) {
@@ -57,6 +61,14 @@ std::wstring Row(const std::vector<std::wstring>& cells, const std::vector<size_
 
 void Say(std::wstring_view line) {
   Write(STD_OUTPUT_HANDLE, std::wstring(line) + L"\n");
+}
+
+void SayText(std::wstring_view text) {
+  Write(STD_OUTPUT_HANDLE, text);
+}
+
+bool IsTerminal() {
+  return Console(STD_OUTPUT_HANDLE) != nullptr;
 }
 
 void Complain(std::wstring_view line) {

@@ -12,6 +12,9 @@ namespace keldactl {
 // One line on standard output, and on standard error; the line end is added.
 void Say(std::wstring_view line);
 void Complain(std::wstring_view line);
+// Text on standard output without a line end of its own, and whether that is a terminal.
+void SayText(std::wstring_view text);
+bool IsTerminal();
 // Something that the user should know although the command goes on: "keldactl: warning: …" on standard error.
 void Warn(std::wstring_view line);
 // Why a command (or, with an empty name, the program) ends; the advice may be empty.

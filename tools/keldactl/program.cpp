@@ -73,7 +73,7 @@ std::string DidYouMean(const std::string& nearest) {
 std::wstring UnexpectedWord(const CLI::App& command) {
   std::vector<std::string> options;
   for (const CLI::Option* option : command.get_options()) {
-    if (!option->get_positional()) options.push_back(option->get_name());
+    if (!option->get_positional() && !option->get_group().empty()) options.push_back(option->get_name());
   }
   const std::vector<std::string> extras = command.remaining();
   for (const std::string& word : extras) {

@@ -5,6 +5,7 @@
 #include "hashing.h"
 #include "output.h"
 #include "registry.h"
+#include "text_rules.h"
 
 #include <algorithm>
 
@@ -32,8 +33,7 @@ std::wstring ShownDllOf(const Width& width) {
   return width.system_shown + L"\\" + kProviderDll;
 }
 
-// ---- Copies in the system folders
-// ------------------------------------------------------------------------------------
+// ---- Copies in the system folders ----
 
 // What Register copied is remembered with its hash, in one place for both widths, so that nothing else is ever removed.
 REGSAM ViewOfOwnKey(const std::vector<Width>& widths) {
@@ -45,12 +45,7 @@ std::wstring CopyValue(const Width& width) {
 }
 
 std::wstring Fingerprint(const std::wstring& path) {
-  std::wstring text;
-  for (const uint8_t byte : HashOfFile(FindHash(L"sha256"), path)) {
-    text += L"0123456789ABCDEF"[byte >> 4];
-    text += L"0123456789ABCDEF"[byte & 0xF];
-  }
-  return text;
+  return HexOfBytes<wchar_t>(HashOfFile(FindHash(L"sha256"), path));
 }
 
 std::optional<std::wstring> RememberedCopy(const Width& width, REGSAM view) {
@@ -98,6 +93,20 @@ void CopyDlls(const std::vector<Width>& widths, Report& report) {
   }
 }
 
+// A DLL in use can be renamed. Under its own name it must not wait for its deletion: whatever lay there at the next
+// start, a new copy for example, would go.
+bool DeleteAtNextStart(const std::wstring& path) {
+  for (int i = 1; i <= 100; ++i) {
+    const std::wstring parked = path + L"." + std::to_wstring(i) + L".old";
+    // Fails for a name that is taken.
+    if (!MoveFileExW(path.c_str(), parked.c_str(), 0)) continue;
+    if (MoveFileExW(parked.c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT)) return true;
+    MoveFileExW(parked.c_str(), path.c_str(), 0);
+    return false;
+  }
+  return false;
+}
+
 std::optional<ReportLine> RemoveCopy(const Width& width, REGSAM view) {
   const std::optional<std::wstring> remembered = RememberedCopy(width, view);
   if (!remembered) return std::nullopt;
@@ -110,7 +119,7 @@ std::optional<ReportLine> RemoveCopy(const Width& width, REGSAM view) {
     line = {shown + L" is no longer what was copied there, and stays.", true};
   } else if (!DeleteFileW(target.c_str())) {
     const DWORD error = GetLastError();
-    if (!MoveFileExW(target.c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT)) {
+    if (!DeleteAtNextStart(target)) {
       throw Failure(L"Removing " + shown, static_cast<long>(error))
           .Advise(L"End the programs that use the provider and try again.");
     }
@@ -120,8 +129,7 @@ std::optional<ReportLine> RemoveCopy(const Width& width, REGSAM view) {
   return line;
 }
 
-// ---- Settings
-// --------------------------------------------------------------------------------------------------------
+// ---- Settings ----
 
 void GiveDefaults(const Width& width) {
   const RegistryKey key = RegistryKey::Create(kSettingsKey, width.view);
@@ -146,8 +154,7 @@ bool TakeDefaultsAway(const Width& width) {
   return false;
 }
 
-// ---- The registration itself
-// -----------------------------------------------------------------------------------------
+// ---- The registration itself ----
 
 std::wstring ProblemOf(const ProviderRegistration& registration) {
   if (!registration.key_storage) return L"the registration does not say that it is a key storage provider";
@@ -206,8 +213,7 @@ void EnsureListed(Report& report) {
   report.push_back({L"Added it to the list of key storage providers.", false});
 }
 
-// ---- Status
-// ----------------------------------------------------------------------------------------------------------
+// ---- Status ----
 
 std::vector<std::wstring> FoldersOfPath() {
   std::wstring path(32768, L'\0');
@@ -257,6 +263,16 @@ WidthStatus StatusOf(const Width& width) {
 }
 
 }  // namespace
+
+void SayReport(const Report& report) {
+  for (const ReportLine& line : report) {
+    if (line.warning) {
+      Warn(line.text);
+    } else {
+      Say(line.text);
+    }
+  }
+}
 
 Report Register(bool copy) {
   RequireAdministrator();

@@ -23,6 +23,7 @@ struct ReportLine {
   bool warning = false;
 };
 using Report = std::vector<ReportLine>;
+void SayReport(const Report& report);
 
 // Registers the provider, and gives every setting that is missing its default. With `copy`, the DLLs that were
 // delivered with keldactl are put into the system folders first. Can be called again at any time. Throws Failure;

@@ -17,16 +17,6 @@ struct StatusOptions {
   bool json = false;
 };
 
-void SayReport(const Report& report) {
-  for (const ReportLine& line : report) {
-    if (line.warning) {
-      Warn(line.text);
-    } else {
-      Say(line.text);
-    }
-  }
-}
-
 void RegisterSyntax(Syntax& syntax, RegisterOptions& options) {
   syntax.Flag("--copy", options.copy, "put the DLLs that lie beside keldactl into the system folders first");
   syntax.Notes(

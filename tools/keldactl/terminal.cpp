@@ -1,6 +1,6 @@
 #include "terminal.h"
 
-#include "platform.h"
+#include "standard_output.h"
 
 namespace keldactl {
 namespace {
@@ -9,7 +9,7 @@ namespace {
 constexpr DWORD kVirtualTerminalProcessing = 0x0004;
 
 bool TerminalTakesColours() {
-  const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
+  const HANDLE output = StandardOutput();
   DWORD mode = 0;
   return GetConsoleMode(output, &mode) && SetConsoleMode(output, mode | kVirtualTerminalProcessing);
 }

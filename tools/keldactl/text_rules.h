@@ -1,6 +1,7 @@
 // How names are compared and shown. Pure logic, for any kind of 16-bit character so that it is also tested natively.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -17,6 +18,15 @@ template <typename Char>
 void AppendHex(TextOf<Char>& text, unsigned value, int digits) {
   for (int shift = 4 * (digits - 1); shift >= 0; shift -= 4)
     text += static_cast<Char>("0123456789ABCDEF"[(value >> shift) & 0xF]);
+}
+
+// Two digits for each byte.
+template <typename Char, typename Container>
+TextOf<Char> HexOfBytes(const Container& bytes) {
+  TextOf<Char> text;
+  for (const std::uint8_t byte : bytes)
+    AppendHex(text, byte, 2);
+  return text;
 }
 
 // Whether a character can be shown without doing anything to the terminal or to the order of what stands around it:
@@ -47,6 +57,40 @@ TextOf<Char> PrintableText(ViewOf<Char> name) {
       AppendHex(text, c, c <= 0xFF ? 2 : 4);
     }
   }
+  return text;
+}
+
+// Lines for a terminal: their ends stay, everything else that does not print appears as it does on one line.
+template <typename Char>
+TextOf<Char> PrintableLines(ViewOf<Char> lines) {
+  TextOf<Char> text;
+  for (size_t begin = 0; begin < lines.size();) {
+    const size_t end = std::min(lines.find(static_cast<Char>('\n'), begin), lines.size());
+    ViewOf<Char> line = lines.substr(begin, end - begin);
+    if (line.ends_with(static_cast<Char>('\r'))) line.remove_suffix(1);
+    text += PrintableText<Char>(line);
+    if (end < lines.size()) text += static_cast<Char>('\n');
+    begin = end + 1;
+  }
+  return text;
+}
+
+// The text as a column of a table: one blank at the least stands behind it.
+template <typename Char>
+TextOf<Char> InColumn(TextOf<Char> text, size_t width) {
+  text.append(text.size() < width ? width - text.size() : 1, static_cast<Char>(' '));
+  return text;
+}
+
+// "1 warning", "2 warnings".
+template <typename Char>
+TextOf<Char> Counted(size_t count, ViewOf<Char> thing) {
+  TextOf<Char> text;
+  for (const char digit : std::to_string(count))
+    text += static_cast<Char>(digit);
+  text += static_cast<Char>(' ');
+  text += thing;
+  if (count != 1) text += static_cast<Char>('s');
   return text;
 }
 

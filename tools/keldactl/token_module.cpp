@@ -1,7 +1,10 @@
 #include "token_module.h"
 
 #include "failure.h"
+#include "handle.h"
 #include "registration.h"
+#include "status.h"
+#include "text_rules.h"
 #include "unicode.h"
 
 #include <p11-kit/pkcs11.h>
@@ -13,21 +16,14 @@ namespace keldactl {
 namespace {
 
 constexpr DWORD kPatience = 60'000;  // milliseconds
+// What a process ends with that was given up. No exit status of keldactl and no exception's code.
+constexpr UINT kEndedByTimer = 0x4B54;
 
 // The module's texts are padded with blanks.
 template <size_t N>
 std::string Unpadded(const CK_UTF8CHAR (&text)[N]) {
   const std::string padded(reinterpret_cast<const char*>(text), N);
   return padded.substr(0, padded.find_last_not_of(std::string(" \0", 2)) + 1);
-}
-
-std::string Hex(const std::vector<unsigned char>& bytes) {
-  std::string text;
-  for (const unsigned char byte : bytes) {
-    text += "0123456789ABCDEF"[byte >> 4];
-    text += "0123456789ABCDEF"[byte & 0xF];
-  }
-  return text;
 }
 
 // A module that works on a token, from its initialization to its end.
@@ -75,7 +71,7 @@ class Session {
     attribute.pValue = bytes.data();
     if (!bytes.empty() && functions_.C_GetAttributeValue(session_, object, &attribute, 1) != CKR_OK)
       return std::nullopt;
-    return Hex(bytes);
+    return HexOfBytes<char>(bytes);
   }
 
   const CK_FUNCTION_LIST& functions_;
@@ -126,76 +122,6 @@ void ExamineFunctions(const CK_FUNCTION_LIST& functions, ModuleReport& report) {
   functions.C_Finalize(nullptr);
 }
 
-// ---- The process apart
-// -----------------------------------------------------------------------------------------------
-
-class Handle {
- public:
-  explicit Handle(HANDLE handle) : handle_(handle) {}
-  Handle(const Handle&) = delete;
-  Handle& operator=(const Handle&) = delete;
-  ~Handle() { Close(); }
-  void Close() {
-    if (handle_) CloseHandle(handle_);
-    handle_ = nullptr;
-  }
-  HANDLE get() const { return handle_; }
-
- private:
-  HANDLE handle_;
-};
-
-std::wstring OwnProgram() {
-  std::wstring path(32768, L'\0');
-  path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
-  return path;
-}
-
-std::string ReadAll(HANDLE pipe) {
-  std::string text;
-  char piece[4096];
-  DWORD size = 0;
-  while (ReadFile(pipe, piece, sizeof piece, &size, nullptr) && size > 0)
-    text.append(piece, size);
-  return text;
-}
-
-// Ends a process that takes too long; what it was reading for then comes to an end by itself.
-VOID CALLBACK EndProcess(PVOID process, BOOLEAN /*fired*/) {
-  TerminateProcess(process, 1);
-}
-
-std::string OutputOf(std::wstring command) {
-  SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
-  HANDLE read = nullptr;
-  HANDLE write = nullptr;
-  if (!CreatePipe(&read, &write, &inherit, 0)) throw Failure(L"Making a pipe", static_cast<long>(GetLastError()));
-  const Handle reader(read);
-  Handle writer(write);
-  SetHandleInformation(read, HANDLE_FLAG_INHERIT, 0);
-  STARTUPINFOW startup = {};
-  startup.cb = sizeof startup;
-  startup.dwFlags = STARTF_USESTDHANDLES;
-  startup.hStdOutput = write;
-  startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
-  PROCESS_INFORMATION process = {};
-  if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, nullptr, &startup,
-                      &process)) {
-    throw Failure(L"Starting keldactl once more", static_cast<long>(GetLastError()));
-  }
-  writer.Close();
-  const Handle child(process.hProcess);
-  const Handle thread(process.hThread);
-  HANDLE timer = nullptr;
-  CreateTimerQueueTimer(&timer, nullptr, EndProcess, process.hProcess, kPatience, 0, WT_EXECUTEONLYONCE);
-  std::string text = ReadAll(read);
-  WaitForSingleObject(process.hProcess, INFINITE);
-  if (timer) DeleteTimerQueueTimer(nullptr, timer, INVALID_HANDLE_VALUE);
-  return text;
-}
-
-}  // namespace
-
 ModuleReport ExamineTokenModule() {
   ModuleReport report;
   wchar_t path[MAX_PATH];
@@ -218,14 +144,156 @@ ModuleReport ExamineTokenModule() {
   return report;
 }
 
+// ---- The process apart ----
+
+std::wstring OwnProgram() {
+  std::wstring path(32768, L'\0');
+  path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
+  return path;
+}
+
+std::string ReadAll(HANDLE pipe) {
+  std::string text;
+  char piece[4096];
+  DWORD size = 0;
+  while (ReadFile(pipe, piece, sizeof piece, &size, nullptr) && size > 0)
+    text.append(piece, size);
+  return text;
+}
+
+// Ends the process and whatever it started when it takes too long, or when this program ends: a module that hangs
+// must not stay behind.
+class Job {
+ public:
+  Job() : job_(CreateJobObjectW(nullptr, nullptr)) {
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
+    limits.BasicLimitInformation.LimitFlags =
+        JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE | JOB_OBJECT_LIMIT_DIE_ON_UNHANDLED_EXCEPTION;
+    SetInformationJobObject(job_.get(), JobObjectExtendedLimitInformation, &limits, sizeof limits);
+  }
+  // Windows 7 takes no process that is in another job already; that one then ends by the timer alone.
+  void Take(HANDLE process) {
+    process_ = process;
+    AssignProcessToJobObject(job_.get(), process);
+  }
+
+  // For a timer. What was read from the process then comes to an end by itself.
+  static VOID CALLBACK End(PVOID job, BOOLEAN /*fired*/) {
+    const auto* self = static_cast<const Job*>(job);
+    TerminateJobObject(self->job_.get(), kEndedByTimer);
+    TerminateProcess(self->process_, kEndedByTimer);
+  }
+
+ private:
+  HANDLE process_ = nullptr;
+  Handle job_;
+};
+
+// Lets a child process inherit these handles and no others.
+class InheritedHandles {
+ public:
+  explicit InheritedHandles(std::array<HANDLE, 2> handles) : handles_(handles) {
+    SIZE_T size = 0;
+    InitializeProcThreadAttributeList(nullptr, 1, 0, &size);
+    memory_.resize(size);
+    if (!InitializeProcThreadAttributeList(get(), 1, 0, &size) ||
+        !UpdateProcThreadAttribute(get(), 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, handles_.data(), sizeof handles_,
+                                   nullptr, nullptr)) {
+      throw Failure(L"Preparing another process", static_cast<long>(GetLastError()));
+    }
+  }
+  InheritedHandles(const InheritedHandles&) = delete;
+  InheritedHandles& operator=(const InheritedHandles&) = delete;
+  ~InheritedHandles() { DeleteProcThreadAttributeList(get()); }
+  LPPROC_THREAD_ATTRIBUTE_LIST get() { return reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(memory_.data()); }
+
+ private:
+  std::array<HANDLE, 2> handles_;
+  std::vector<char> memory_;
+};
+
+struct Answer {
+  std::string text;
+  DWORD exit_code = 0;
+};
+
+// What the process that the command starts writes into the handle whose number is added to the command. Its standard
+// output goes nowhere: that belongs to the module, which may write there whatever it likes.
+Answer AnswerOf(std::wstring command) {
+  SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
+  HANDLE read = nullptr;
+  HANDLE write = nullptr;
+  if (!CreatePipe(&read, &write, &inherit, 0)) throw Failure(L"Making a pipe", static_cast<long>(GetLastError()));
+  const Handle reader(read);
+  Handle writer(write);
+  SetHandleInformation(read, HANDLE_FLAG_INHERIT, 0);
+  const Handle nowhere(CreateFileW(L"NUL", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
+                                   OPEN_EXISTING, 0, nullptr));
+  command += std::to_wstring(reinterpret_cast<uintptr_t>(write));
+  InheritedHandles inherited({write, nowhere.get()});
+  STARTUPINFOEXW startup = {};
+  startup.StartupInfo.cb = sizeof startup;
+  startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
+  startup.StartupInfo.hStdInput = startup.StartupInfo.hStdOutput = startup.StartupInfo.hStdError = nowhere.get();
+  startup.lpAttributeList = inherited.get();
+  PROCESS_INFORMATION process = {};
+  if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, TRUE,
+                      CREATE_NO_WINDOW | CREATE_SUSPENDED | EXTENDED_STARTUPINFO_PRESENT, nullptr, nullptr,
+                      &startup.StartupInfo, &process)) {
+    throw Failure(L"Starting keldactl once more", static_cast<long>(GetLastError()));
+  }
+  writer.Close();
+  const Handle child(process.hProcess);
+  const Handle thread(process.hThread);
+  Job job;
+  job.Take(process.hProcess);
+  ResumeThread(process.hThread);
+  HANDLE timer = nullptr;
+  CreateTimerQueueTimer(&timer, nullptr, Job::End, &job, kPatience, 0, WT_EXECUTEONLYONCE);
+  Answer answer;
+  answer.text = ReadAll(read);
+  WaitForSingleObject(process.hProcess, INFINITE);
+  if (timer) DeleteTimerQueueTimer(nullptr, timer, INVALID_HANDLE_VALUE);
+  GetExitCodeProcess(process.hProcess, &answer.exit_code);
+  return answer;
+}
+
+// Without reports and debuggers, for which the other side would have to wait.
+LONG WINAPI EndAtOnce(EXCEPTION_POINTERS* exception) {
+  TerminateProcess(GetCurrentProcess(), exception->ExceptionRecord->ExceptionCode);
+  return EXCEPTION_EXECUTE_HANDLER;
+}
+
+}  // namespace
+
+bool AnswerAboutTokenModule(uint64_t handle) {
+  const Handle pipe(reinterpret_cast<HANDLE>(static_cast<uintptr_t>(handle)));
+  if (GetFileType(pipe.get()) != FILE_TYPE_PIPE) return false;
+  // Not for processes that the module starts: the pipe ends with this one.
+  SetHandleInformation(pipe.get(), HANDLE_FLAG_INHERIT, 0);
+  SetUnhandledExceptionFilter(EndAtOnce);
+  const std::string text = ToJson(ExamineTokenModule()).dump(-1, ' ', false, Json::error_handler_t::replace);
+  DWORD written = 0;
+  return WriteFile(pipe.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
+         written == text.size();
+}
+
 ModuleReport ExamineTokenModuleApart() {
-  const std::string text = OutputOf(L"\"" + OwnProgram() + L"\" check --token-module --json");
-  const Json json = Json::parse(text, nullptr, false);
-  if (json.is_object()) return ModuleReportFrom(json);
-  ModuleReport report;
-  report.found = true;
-  report.ended_early = true;
-  return report;
+  const Answer answer = AnswerOf(L"\"" + OwnProgram() + L"\" check --token-module --answer-to ");
+  try {
+    return ModuleReportFrom(Json::parse(answer.text));
+  } catch (const Json::exception&) {
+    ModuleReport report;
+    report.found = true;
+    report.end = answer.exit_code == kEndedByTimer ? ModuleEnd::kHung : ModuleEnd::kCrashed;
+    report.exit_code = answer.exit_code;
+    return report;
+  }
+}
+
+std::wstring EndInWords(const ModuleReport& report) {
+  if (report.end == ModuleEnd::kHung) return L"the process that loaded it gave no answer for a minute";
+  return L"the process that loaded it crashed (" + Hex32(report.exit_code) + L")";
 }
 
 Json ToJson(const ModuleReport& report) {
@@ -242,7 +310,9 @@ Json ToJson(const ModuleReport& report) {
                       {"private_keys", token.private_keys},
                       {"certificates", token.certificates}});
   }
-  return {{"found", report.found},
+  constexpr const char* kEnds[] = {"answered", "crashed", "hung"};
+  return {{"process", kEnds[static_cast<size_t>(report.end)]},
+          {"found", report.found},
           {"loaded", report.loaded},
           {"load_error", report.load_error},
           {"has_entry", report.has_entry},

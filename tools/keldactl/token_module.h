@@ -24,6 +24,8 @@ struct TokenReport {
   std::vector<std::string> certificates;
 };
 
+enum class ModuleEnd { kAnswered, kCrashed, kHung };
+
 struct ModuleReport {
   bool found = false;  // a file of that name is where programs look
   bool loaded = false;
@@ -36,13 +38,18 @@ struct ModuleReport {
   std::string description;  // what the library calls itself, with its version
   std::uint32_t slots = 0;
   std::vector<TokenReport> tokens;
-  bool ended_early = false;  // its process crashed or hung
+  ModuleEnd end = ModuleEnd::kAnswered;  // how its process ended; if early, nothing else is known
+  std::uint32_t exit_code = 0;           // of that process
 };
 
-// In this process; for the process that is started to do just that.
-ModuleReport ExamineTokenModule();
-// Starts that process ("keldactl check --token-module --json") and waits for it, a minute at most.
+// Starts a process that examines it ("keldactl check --token-module --answer-to HANDLE") and waits for it, a minute at
+// most.
 ModuleReport ExamineTokenModuleApart();
+// What that process does: examines the module and writes the report as JSON into the pipe, a handle that it inherited.
+bool AnswerAboutTokenModule(std::uint64_t handle);
+
+// How the process ended that did not answer.
+std::wstring EndInWords(const ModuleReport& report);
 
 Json ToJson(const ModuleReport& report);
 ModuleReport ModuleReportFrom(const Json& json);

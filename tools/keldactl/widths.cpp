@@ -1,6 +1,7 @@
 #include "widths.h"
 
 #include "failure.h"
+#include "handle.h"
 
 #include <cstring>
 #include <memory>
@@ -71,13 +72,12 @@ bool FileExists(const std::wstring& path) {
 }
 
 Machine MachineOfFile(const std::wstring& path) {
-  const HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                  nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (file == INVALID_HANDLE_VALUE) return Machine::kUnknown;
+  const Handle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!file) return Machine::kUnknown;
   unsigned char beginning[4096];
   DWORD size = 0;
-  if (!ReadFile(file, beginning, sizeof beginning, &size, nullptr)) size = 0;
-  CloseHandle(file);
+  if (!ReadFile(file.get(), beginning, sizeof beginning, &size, nullptr)) size = 0;
   return MachineOf(beginning, size);
 }
 
