@@ -14,7 +14,7 @@ constinit WindowList<CWnd> g_Controls;
 // The dialog has ended, and its controls with it. Before that a control stays this object's whatever it is told: any
 // program of the user can send it the last message of a window.
 CWnd::~CWnd() {
-  g_Controls.Remove(entry_);
+  if (handle_ != nullptr) g_Controls.Remove(entry_);
 }
 
 void CWnd::Subclass(HWND control, CDialog* dialog) noexcept {
