@@ -20,12 +20,13 @@ KELDA_BUILD=$out KELDA_CMAKE_OPTIONS=-DKELDA_COVERAGE=ON "$ROOT/scripts/test.sh"
 step "Adding up"
 traces=()
 cd "$ROOT"
+# Not all of the build is searched: a Wine prefix lies in it, whose drive Z: is the whole machine.
 for what in native x64 x86; do
   gcov=gcov
   [[ $what != x64 ]] || gcov=x86_64-w64-mingw32-gcov-posix
   [[ $what != x86 ]] || gcov=i686-w64-mingw32-gcov-posix
   gcovr --root "$ROOT" --filter src/ --gcov-executable "$gcov" --exclude-throw-branches --exclude-unreachable-branches \
-    --gcov-ignore-parse-errors --json "$out/$what.json" "$out/$what"
+    --gcov-ignore-parse-errors --json "$out/$what.json" "$out/$what/src" "$out/$what/tests"
   traces+=(--add-tracefile "$out/$what.json")
 done
 mkdir -p "$out/html"
