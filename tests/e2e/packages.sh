@@ -157,6 +157,8 @@ prepare_system() {
   reg add "$crypto\\Providers\\Other KSP\\UM\\00010001" /v Functions /t REG_MULTI_SZ /d KEY_STORAGE /f >/dev/null
   reg add "$crypto\\Configuration\\Local\\Default\\00010001\\KEY_STORAGE" /v Providers /t REG_MULTI_SZ /d 'Other KSP' /f >/dev/null
   system_state "$work/out/before-$arch.txt"
+  # The 32-bit installation has to miss the token module at first.
+  if [[ $arch == x86 && -e $installed/keldapkcs11.dll ]]; then mv "$installed/keldapkcs11.dll" "$work/out/module.dll"; fi
 }
 unchanged() { system_state "$work/out/now.txt" && diff "$work/out/before-$arch.txt" "$work/out/now.txt"; }
 
@@ -304,14 +306,13 @@ prepare_system x86
 install_with_messages "$work/first/keldaksp-$version-x86.msi" 'INSTALLDIR=C:\Tools'
 check "a folder that users may change is refused (x86)" refused
 check "with a message (x86)" message_says 'INSTALLDIR has to be a folder in C:\\Program Files\\, which only'
-without_token=$(why_no_soft_token x86)
-[[ $without_token ]] || mv "$installed/keldapkcs11.dll" module.dll
 msi /i "$work/first/keldaksp-$version-x86.msi" PINCACHE=off
 check "a silent installation (x86)" succeeded
 check "the DLL is in System32 (x86)" cmp "$BUILD/x86/bin/keldaksp.dll" "$WINEPREFIX/drive_c/windows/system32/keldaksp.dll"
 check "PINCACHE=off (x86)" value_is "$sdk" PINCACHE 1
 check "a missing token module is a warning (x86)" log_says 'keldapkcs11\.dll was not found for x86 programs'
-[[ $without_token ]] || mv module.dll "$installed/keldapkcs11.dll"
+without_token=$(why_no_soft_token x86)
+[[ $without_token ]] || mv "$work/out/module.dll" "$installed/keldapkcs11.dll"
 keldactl status || true
 check "the provider is registered (x86)" says 'is registered\.$'
 keldactl readers || true

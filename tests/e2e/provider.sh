@@ -4,9 +4,8 @@
 # shellcheck source=tests/e2e/common.sh
 source "$(dirname "$0")/common.sh"
 
-once_for 0 1 all
-
 work=$BUILD/e2e-provider-$arch
+once_for 0 1 all
 out=$work/out
 rm -rf "$out"
 mkdir -p "$out"

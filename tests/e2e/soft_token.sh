@@ -3,9 +3,8 @@
 # shellcheck source=tests/e2e/common.sh
 source "$(dirname "$0")/common.sh"
 
-once_for 0 1 all
-
 work=$BUILD/e2e-soft-token-$arch
+once_for 0 1 all
 rm -rf "$work/out"
 mkdir -p "$work/app" "$work/out"
 cp "$BUILD/$arch/bin/soft_token_driver.exe" "$BUILD/$arch/standins/keldapkcs11.dll" "$work/app"
