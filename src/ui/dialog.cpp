@@ -37,6 +37,8 @@ INT_PTR CDialog::DoModal() {
   // Only now: that the window is gone nobody else may tell us.
   g_Dialogs.Remove(entry_);
   handle_ = nullptr;
+  for (CWnd* control = std::exchange(controls_, nullptr); control != nullptr; control = control->nextControl_)
+    control->Release();
   if (failure_) std::rethrow_exception(std::exchange(failure_, nullptr));
   // For an owner that has gone just now the platform answers 0, which is no failure to the callers.
   return result == 0 && !initialised_ ? -1 : result;

@@ -35,6 +35,12 @@ class CDialog : public CWnd {
   // could not be shown. An exception that ended the dialog is thrown again here.
   INT_PTR DoModal();
 
+  // A control that lives until the dialog ends.
+  void AddControl(CWnd& control) noexcept {
+    control.nextControl_ = controls_;
+    controls_ = &control;
+  }
+
   // Ends the dialog because of an exception; the first one counts.
   void Fail(std::exception_ptr failure) noexcept;
 
@@ -65,5 +71,6 @@ class CDialog : public CWnd {
   bool initialised_ = false;
   bool ended_ = false;
   WindowList<CDialog>::Entry entry_{this};
+  CWnd* controls_ = nullptr;
   std::exception_ptr failure_;
 };

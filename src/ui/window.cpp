@@ -11,16 +11,24 @@ constinit WindowList<CWnd> g_Controls;
 
 }  // namespace
 
-// The dialog has ended, and its controls with it. Before that a control stays this object's whatever it is told: any
-// program of the user can send it the last message of a window.
 CWnd::~CWnd() {
-  if (handle_ != nullptr) g_Controls.Remove(entry_);
+  Release();
+}
+
+// Before that a control stays this object's whatever it is told: any program of the user can send it the last message
+// of a window.
+void CWnd::Release() noexcept {
+  if (handle_ == nullptr) return;
+  g_Controls.Remove(entry_);
+  handle_ = nullptr;
+  previous_ = nullptr;
 }
 
 void CWnd::Subclass(HWND control, CDialog* dialog) noexcept {
   if (control == nullptr || handle_ != nullptr) return;
   handle_ = control;
   dialog_ = dialog;
+  if (dialog != nullptr) dialog->AddControl(*this);
   g_Controls.Add(entry_, control);
   previous_ =
       reinterpret_cast<WNDPROC>(SetWindowLongPtrW(control, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(&Procedure)));

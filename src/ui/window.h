@@ -47,8 +47,13 @@ class CWnd {
 
  private:
   static LRESULT CALLBACK Procedure(HWND window, UINT message, WPARAM wParam, LPARAM lParam) noexcept;
+  friend class CDialog;
+  // The dialog has ended, and the control with it.
+  void Release() noexcept;
+
   WNDPROC previous_ = nullptr;
   CDialog* dialog_ = nullptr;
+  CWnd* nextControl_ = nullptr;  // of the same dialog
   WindowList<CWnd>::Entry entry_{this};
 };
 

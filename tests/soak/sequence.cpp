@@ -953,7 +953,11 @@ struct Soak::Impl {
         } else {
           mayStay.insert(block.address);
         }
-      } else if (!IsCacheEntry(call, block.size) || ++cacheBlocks[tag] > 4 * call.dialogs) {
+      } else if (IsCacheEntry(call, block.size) && ++cacheBlocks[tag] <= 4 * call.dialogs) {
+        // Of two blocks of a size that both may have, one is the cache's.
+        std::multiset<std::size_t> none;
+        if (IsKnownLeak(call, block.size, none)) mayStay.insert(block.address);
+      } else {
         char text[160];
         std::snprintf(text, sizeof text, "call %u (%s, status 0x%08lX) leaves a block of %u bytes behind",
                       static_cast<unsigned>(tag + 1),
