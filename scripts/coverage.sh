@@ -11,10 +11,11 @@ out=$BUILD/coverage
 mkdir -p "$out"
 find "$out" -name '*.gcda' -delete
 
+# Without the end-to-end tests: what only they pass is not looked at closely enough.
 # The counters live in the product's process: they allocate, which the strictest tests of leaks notice, and a process
 # that is killed loses its counts. So failures are told and do not end this.
 step "Building and running the tests with counters"
-KELDA_BUILD=$out KELDA_CMAKE_OPTIONS=-DKELDA_COVERAGE=ON "$ROOT/scripts/test.sh" native x64 x86 e2e ||
+KELDA_BUILD=$out KELDA_CMAKE_OPTIONS=-DKELDA_COVERAGE=ON "$ROOT/scripts/test.sh" native x64 x86 ||
   note "not all tests passed with counters in the product"
 
 step "Adding up"

@@ -48,7 +48,8 @@ __attribute__((constructor(101), no_stack_protector)) static void InitialiseGuar
   __stack_chk_guard = MakeGuard();
 }
 
-__attribute__((no_stack_protector)) void __stack_chk_fail() noexcept {
+// Not counted when lines are: the counts would end with the process.
+__attribute__((no_stack_protector, no_profile_instrument_function)) void __stack_chk_fail() noexcept {
   constexpr unsigned kStackCookieCheckFailure = 2;  // FAST_FAIL_STACK_COOKIE_CHECK_FAILURE
   // __fastfail(), without its promise that it does not come back: that is so from Windows 8 on.
   __asm__ volatile("int $0x29" : : "c"(kStackCookieCheckFailure) : "memory");
