@@ -69,6 +69,10 @@ CHECK = re.compile(r"^\s+if \(.*\) return\b.*;$")
 LOGGED = re.compile(r"^\s+\S*(?:Write\w*|Argument)\(.*\);$")
 
 
+# What neither the native nor the x64 build compiles.
+ONLY_X86 = re.compile(r"^#ifdef __i386__$.*?^#(?:else|endif)$", re.M | re.S)
+
+
 def complete(line):
     code = re.sub(r'"(?:\\.|[^"\\])*"', '""', line)
     return code.count("(") == code.count(")") and code.count("{") == code.count("}")
@@ -77,8 +81,11 @@ def complete(line):
 def candidates(path, text):
     """Every change that is known for one file, as (kind, line, offset, text before, text after, the changed file)."""
     found = []
+    not_built = [match.span() for match in ONLY_X86.finditer(text)]
 
     def add(kind, begin, end, new):
+        if any(first <= begin < last for first, last in not_built):
+            return
         line = text.count("\n", 0, begin) + 1
         found.append((kind, line, begin, text[begin:end], new, text[:begin] + new + text[end:]))
 
