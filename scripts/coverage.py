@@ -1,7 +1,10 @@
 """coverage.py COUNTS ROOT LINES: what gcovr cannot tell of the counts that it added up: fails when a function was not
 reached, when a line was not reached and the source does not say why, and when the source excuses lines that are reached.
 Writes all of it to LINES. A comment "not reached: REASON" on a line of its own excuses what follows up to the end of the
-block that it is in."""
+block that it is in.
+
+coverage.py --name-by-place COUNTS: adds its line to each function's name. The widths may have a function of one name in
+different lines, and gcovr adds up by the name."""
 
 import json
 import pathlib
@@ -34,7 +37,18 @@ def hits_of(entry):
     return hits
 
 
+def name_by_place(counts):
+    data = json.loads(counts.read_text())
+    for entry in data["files"]:
+        for function in entry.get("functions", []):
+            function["name"] += f" in line {function['lineno']}"
+    counts.write_text(json.dumps(data))
+
+
 def main():
+    if sys.argv[1] == "--name-by-place":
+        name_by_place(pathlib.Path(sys.argv[2]))
+        return 0
     counts, root, out = sys.argv[1:]
     functions = {}
     missing = []
@@ -44,7 +58,8 @@ def main():
         file = entry["file"]
         source = (pathlib.Path(root) / file).read_text().splitlines()
         excuses = excused(source)
-        unreached = [number for number, count in sorted(hits_of(entry).items()) if not count]
+        hits = hits_of(entry)
+        unreached = [number for number, count in sorted(hits.items()) if not count]
         missing += [f"{file}:{number}: {source[number - 1].strip()}" for number in unreached]
         unexplained += [f"{file}:{number}: {source[number - 1].strip()}" for number in unreached
                         if not any(number in lines for lines in excuses.values())]
@@ -52,7 +67,9 @@ def main():
                      if not any(n in lines for n in unreached)]
         for function in entry.get("functions", []):
             key = f"{file}:{function['lineno']}"
-            functions[key] = max(functions.get(key, 0), function["execution_count"])
+            # Of a template's functions gcovr tells one, but the line's count is that of all.
+            count = max(function["execution_count"], hits.get(function["lineno"], 0))
+            functions[key] = max(functions.get(key, 0), count)
     idle = sorted(key for key, count in functions.items() if not count)
 
     report = [f"{len(functions) - len(idle)} of {len(functions)} functions reached"]

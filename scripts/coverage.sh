@@ -28,6 +28,7 @@ for what in native x64 x86; do
   [[ $what != x86 ]] || gcov=i686-w64-mingw32-gcov-posix
   gcovr --root "$ROOT" --filter src/ --gcov-executable "$gcov" --exclude-throw-branches --exclude-unreachable-branches \
     --gcov-ignore-parse-errors --json "$out/$what.json" "$out/$what/src" "$out/$what/tests"
+  python3 "$ROOT/scripts/coverage.py" --name-by-place "$out/$what.json"
   traces+=(--add-tracefile "$out/$what.json")
 done
 mkdir -p "$out/html"

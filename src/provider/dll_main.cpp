@@ -16,6 +16,7 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID processEnd
       return TRUE;
     case DLL_PROCESS_DETACH:
       if (processEnds != nullptr) {
+        // not reached: the end of a process is not counted any more
         DestroyProcessObjects();
       } else {
         ReleaseProcessObjects();
