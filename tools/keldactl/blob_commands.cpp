@@ -89,7 +89,7 @@ struct ImportOptions {
 
 void ImportSyntax(Syntax& syntax, ImportOptions& options) {
   syntax.Operand("FILE", options.file, "the public key; - is standard input");
-  syntax.Text("--key", options.key, "NAME", "the new key's name; on a token this becomes its label").required();
+  syntax.Text("--key", options.key, "NAME", "the new key's name; on a token this becomes its label").Required();
   AddProviderOptions(syntax, options.provider);
   syntax.Notes(
       "FILE is a public key in PEM or DER, or a CNG key blob (RSAPUBLICBLOB, RSAPRIVATEBLOB,\n"

@@ -48,10 +48,10 @@ struct CertificateOptions {
   std::optional<std::wstring> out;
 };
 
-void ExcludeEachOther(const std::vector<CLI::Option*>& options) {
+void ExcludeEachOther(std::vector<Option> options) {
   for (size_t i = 0; i < options.size(); ++i) {
     for (size_t j = 0; j < i; ++j)
-      options[i]->excludes(options[j]);
+      options[i].Excludes(options[j]);
   }
 }
 
@@ -64,15 +64,16 @@ void CertificateSyntax(Syntax& syntax, CertificateOptions& options) {
       "The Norvale provider stores certificates beside their keys and hands none out: fetching works with\n"
       "other providers only.");
   AddKeyOptions(syntax, options.key);
-  CLI::Option& set =
+  const Option set =
       syntax.Text("--set", options.set, "FILE", "store this certificate (DER or PEM); - is standard input");
-  CLI::Option& out = syntax.Text("--out", options.out, "FILE", "fetch it into this file (default: it is shown as PEM)");
-  CLI::Option& install =
-      syntax.Text("--install", options.install, "FILE",
-                  "put it (DER or PEM, default: the one beside the key) into your certificate store, tied to the key");
-  install.expected(0, 1);
-  CLI::Option& uninstall = syntax.Flag("--uninstall", options.uninstall, "take it out of your certificate store again");
-  ExcludeEachOther({&set, &out, &install, &uninstall});
+  const Option out = syntax.Text("--out", options.out, "FILE", "fetch it into this file (default: it is shown as PEM)");
+  const Option install =
+      syntax
+          .Text("--install", options.install, "FILE",
+                "put it (DER or PEM, default: the one beside the key) into your certificate store, tied to the key")
+          .ValueMayBeMissing();
+  const Option uninstall = syntax.Flag("--uninstall", options.uninstall, "take it out of your certificate store again");
+  ExcludeEachOther({set, out, install, uninstall});
 }
 
 ExitStatus CertificateOfKey(const CertificateOptions& options) {
@@ -109,7 +110,7 @@ void RequestSyntax(Syntax& syntax, RequestOptions& options) {
   AddKeyOptions(syntax, options.key);
   syntax
       .Text("--subject", options.subject, "SUBJECT", "whom the certificate is for, such as \"CN=Jane Doe, O=Example\"")
-      .required();
+      .Required();
   syntax.Text("--out", options.out, "FILE", "the request's file (default: it is shown); - is standard output");
   AddHashOption(syntax, options.hash);
 }

@@ -65,9 +65,9 @@ struct CertificatesOptions {
 
 void CertificatesSyntax(Syntax& syntax, CertificatesOptions& options) {
   AddProviderOptions(syntax, options.provider);
-  CLI::Option& remove = syntax.Text("--remove", options.remove, "THUMBPRINT",
+  const Option remove = syntax.Text("--remove", options.remove, "THUMBPRINT",
                                     "take this one out of your store, whether or not its key is there");
-  syntax.Json(options.json).excludes(&remove);
+  syntax.Json(options.json).Excludes(remove);
   syntax.Notes("The certificates of your store (MY) that point at keys of the provider, and whether the key is there.");
 }
 

@@ -24,14 +24,14 @@ struct CheckOptions {
 };
 
 void CheckSyntax(Syntax& syntax, CheckOptions& options) {
-  CLI::Option& key = syntax.Text("--key", options.key, "NAME", "look at this key only");
-  CLI::Option& sign = syntax.Flag("--sign", options.sign, "also log in (the provider asks for the PIN) and sign");
-  CLI::Option& module =
-      syntax.Flag("--token-module", options.token_module, "look at the token module only, and say what it tells");
+  const Option key = syntax.Text("--key", options.key, "NAME", "look at this key only");
+  const Option sign = syntax.Flag("--sign", options.sign, "also log in (the provider asks for the PIN) and sign");
+  const Option module =
+      syntax.Flag("--token-module", options.token_module, "look at the token module only, and say what it tells")
+          .Excludes(key)
+          .Excludes(sign);
   // No word for people, and in no help.
-  syntax.Text("--answer-to", options.answer_to, "HANDLE", "").needs(&module)->group("");
-  module.excludes(&key);
-  module.excludes(&sign);
+  syntax.Text("--answer-to", options.answer_to, "HANDLE", "").Needs(module).Hidden();
   AddColourOption(syntax, options.colour);
   syntax.Json(options.json);
   syntax.Notes("Ends with 0 when no step failed; a warning is no failure.");

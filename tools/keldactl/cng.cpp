@@ -53,23 +53,23 @@ void SplitQualifiedName(KeyOptions& options) {
 void AddProviderOptions(Syntax& syntax, ProviderOptions& options) {
   constexpr const char* kGroup = "Provider";
   syntax.Text("--provider", options.name, "NAME", "the key storage provider (default: Norvale Token Works KSP v1.0)")
-      .group(kGroup);
+      .Under(kGroup);
   syntax
       .Text("--reader", options.reader, "READER",
             "the reader that the provider has to work with; another one is an error (\"keldactl readers\" lists them)")
-      .group(kGroup);
+      .Under(kGroup);
   syntax
       .Flag("--silent", options.silent,
             "tell the provider not to ask the user: the Norvale provider then takes the first of several readers "
             "without asking, but its PIN dialog comes up all the same")
-      .group(kGroup);
+      .Under(kGroup);
 }
 
 void AddKeyOptions(Syntax& syntax, KeyOptions& options) {
-  CLI::Option& key = syntax.Text("--key", options.key, "NAME",
+  const Option key = syntax.Text("--key", options.key, "NAME",
                                  "the key, by its name or the hex text that \"keldactl keys\" shows, in full");
   syntax.Flag("--nameless", options.nameless, "the key without a name that comes first in the list, instead of --key")
-      .excludes(&key);
+      .Excludes(key);
   syntax.Check([&options] {
     SplitQualifiedName(options);
     if (!options.key && !options.nameless) throw UsageError(L"--key is missing");

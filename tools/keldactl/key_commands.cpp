@@ -151,7 +151,7 @@ struct CreateOptions {
 };
 
 void CreateSyntax(Syntax& syntax, CreateOptions& options) {
-  syntax.Text("--key", options.key, "NAME", "the new key's name; on a token this becomes its label").required();
+  syntax.Text("--key", options.key, "NAME", "the new key's name; on a token this becomes its label").Required();
   syntax.Number("--length", options.length, "BITS", "the length (default: the provider's)", 1, 65536);
   syntax.Flag("--overwrite", options.overwrite, "replace a key of this name, which is lost then; asks before");
   syntax.Flag("--yes", options.yes, "do not ask");

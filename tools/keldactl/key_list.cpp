@@ -1,5 +1,6 @@
 #include "key_list.h"
 
+#include "json.h"
 #include "output.h"
 
 #include <algorithm>

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "cng.h"
-#include "json.h"
+#include "json_fwd.h"
 
 namespace keldactl {
 

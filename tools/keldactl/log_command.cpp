@@ -53,7 +53,7 @@ void LogSyntax(Syntax& syntax, LogOptions& options) {
   syntax
       .Operand("FILE", options.file,
                "on: the log's file (default: the last one, or one for all users); show: another file to read")
-      .required(false);
+      .Required(false);
   syntax.Flag("--follow", options.follow, "show: go on while the log grows; ends with Ctrl+C");
   syntax.Flag("--nested", options.nested, "show: every line of a call below it");
   syntax.Flag("--failures", options.failures, "show: only calls that failed");

@@ -86,16 +86,19 @@ std::wstring UnexpectedWord(const CLI::App& command) {
 
 }  // namespace
 
-Program::Program() : app_("keldactl works with the keys of a CNG key storage provider.", "keldactl") {
-  app_.formatter(std::make_shared<HelpFormatter>());
-  app_.set_help_flag("-h,--help", "show this help");
-  app_.footer(kFooter);
+Program::Program()
+    : app_(std::make_unique<CLI::App>("keldactl works with the keys of a CNG key storage provider.", "keldactl")) {
+  app_->formatter(std::make_shared<HelpFormatter>());
+  app_->set_help_flag("-h,--help", "show this help");
+  app_->footer(kFooter);
   // "/file" is a file.
-  app_.allow_windows_style_options(false);
+  app_->allow_windows_style_options(false);
 }
 
+Program::~Program() = default;
+
 CLI::App& Program::NewCommand(Heading heading, const char* name, const char* meaning) {
-  CLI::App& command = *app_.add_subcommand(name, meaning);
+  CLI::App& command = *app_->add_subcommand(name, meaning);
   command.group(kHeadings[static_cast<size_t>(heading)]);
   command.footer("");  // not the program's
   return command;
@@ -103,7 +106,7 @@ CLI::App& Program::NewCommand(Heading heading, const char* name, const char* mea
 
 ExitStatus Program::Run(std::vector<std::string> words) {
   if (words.empty()) {
-    Complain(Wide(app_.help()));
+    Complain(Wide(app_->help()));
     return ExitStatus::kUsage;
   }
   TranslateHelp(words);
@@ -133,14 +136,14 @@ ExitStatus Program::Parse(std::vector<std::string> words, std::function<ExitStat
   }
   try {
     // CLI11 takes the words from the end.
-    app_.parse(std::vector<std::string>(words.rbegin(), words.rend()));
+    app_->parse(std::vector<std::string>(words.rbegin(), words.rend()));
   } catch (const CLI::CallForHelp&) {
-    std::string help = app_.help();
+    std::string help = app_->help();
     help.pop_back();
     Say(Wide(help));
     return ExitStatus::kDone;
   } catch (const CLI::ExtrasError&) {
-    throw UsageError(UnexpectedWord(*app_.get_subcommand(name)));
+    throw UsageError(UnexpectedWord(*app_->get_subcommand(name)));
   } catch (const CLI::ParseError& error) {
     throw UsageError(InOurWords(error));
   }

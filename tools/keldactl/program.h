@@ -18,6 +18,9 @@ enum class Heading { kKeys, kUse, kCertificates, kSystem, kHelp };
 class Program {
  public:
   Program();
+  ~Program();
+  Program(const Program&) = delete;
+  Program& operator=(const Program&) = delete;
 
   // Adds a command; see commands.h.
   template <typename Options>
@@ -42,7 +45,7 @@ class Program {
   ExitStatus RefuseCommand(const std::string& word) const;
   ExitStatus Refuse(const std::string& command, const std::wstring& message) const;
 
-  CLI::App app_;
+  std::unique_ptr<CLI::App> app_;
   std::map<std::string, std::function<ExitStatus()>> runs_;
 };
 

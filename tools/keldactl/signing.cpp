@@ -77,7 +77,7 @@ struct VerifyOptions {
 
 void VerifySyntax(Syntax& syntax, VerifyOptions& options) {
   syntax.Operand("FILE", options.file, "the file that was signed; - is standard input");
-  syntax.Text("--signature", options.signature, "SIG", "the signature's file").required();
+  syntax.Text("--signature", options.signature, "SIG", "the signature's file").Required();
   AddKeyOptions(syntax, options.key);
   AddHashOption(syntax, options.hash);
   syntax.Check([&options] { RefuseTwoStandardInputs(options.file, options.signature); });

@@ -1,5 +1,7 @@
 #include "syntax.h"
 
+#include <CLI/CLI.hpp>
+
 #include "failure.h"
 #include "output.h"
 #include "unicode.h"
@@ -24,17 +26,45 @@ std::string Listed(const std::vector<std::string>& words) {
 
 }  // namespace
 
-CLI::Option& Syntax::Text(const char* name, std::wstring& value, const char* value_name, const char* meaning) {
-  return *app_.add_option_function<std::string>(name, Store(value), meaning)->type_name(value_name);
+Option Option::Required(bool required) {
+  option_->required(required);
+  return *this;
 }
 
-CLI::Option& Syntax::Text(const char* name, std::optional<std::wstring>& value, const char* value_name,
-                          const char* meaning) {
-  return *app_.add_option_function<std::string>(name, Store(value), meaning)->type_name(value_name);
+Option Option::Excludes(Option other) {
+  option_->excludes(other.option_);
+  return *this;
 }
 
-CLI::Option& Syntax::Number(const char* name, std::optional<uint32_t>& value, const char* value_name,
-                            const char* meaning, uint32_t least, uint32_t most) {
+Option Option::Needs(Option other) {
+  option_->needs(other.option_);
+  return *this;
+}
+
+Option Option::ValueMayBeMissing() {
+  option_->expected(0, 1);
+  return *this;
+}
+
+Option Option::Under(const char* heading) {
+  option_->group(heading);
+  return *this;
+}
+
+Option Option::Hidden() {
+  return Under("");
+}
+
+Option Syntax::Text(const char* name, std::wstring& value, const char* value_name, const char* meaning) {
+  return Option(*app_.add_option_function<std::string>(name, Store(value), meaning)->type_name(value_name));
+}
+
+Option Syntax::Text(const char* name, std::optional<std::wstring>& value, const char* value_name, const char* meaning) {
+  return Option(*app_.add_option_function<std::string>(name, Store(value), meaning)->type_name(value_name));
+}
+
+Option Syntax::Number(const char* name, std::optional<uint32_t>& value, const char* value_name, const char* meaning,
+                      uint32_t least, uint32_t most) {
   const auto store = [=, &value](const std::string& word) {
     uint32_t number = 0;
     const char* end = word.data() + word.size();
@@ -45,11 +75,11 @@ CLI::Option& Syntax::Number(const char* name, std::optional<uint32_t>& value, co
     }
     value = number;
   };
-  return *app_.add_option_function<std::string>(name, store, meaning)->type_name(value_name);
+  return Option(*app_.add_option_function<std::string>(name, store, meaning)->type_name(value_name));
 }
 
-CLI::Option& Syntax::Choice(const char* name, std::wstring& value, std::vector<std::string> words,
-                            const char* value_name, const char* meaning) {
+Option Syntax::Choice(const char* name, std::wstring& value, std::vector<std::string> words, const char* value_name,
+                      const char* meaning) {
   const auto store = [name, words = std::move(words), &value](const std::string& word) {
     for (const std::string& known : words) {
       if (word != known) continue;
@@ -58,23 +88,27 @@ CLI::Option& Syntax::Choice(const char* name, std::wstring& value, std::vector<s
     }
     throw UsageError(Wide(name) + L" is " + Wide(Listed(words)) + L", not " + Quoted(Wide(word)));
   };
-  return *app_.add_option_function<std::string>(name, store, meaning)->type_name(value_name);
+  return Option(*app_.add_option_function<std::string>(name, store, meaning)->type_name(value_name));
 }
 
-CLI::Option& Syntax::Flag(const char* name, bool& value, const char* meaning) {
-  return *app_.add_flag(name, value, meaning)->disable_flag_override();
+Option Syntax::Flag(const char* name, bool& value, const char* meaning) {
+  return Option(*app_.add_flag(name, value, meaning)->disable_flag_override());
 }
 
-CLI::Option& Syntax::Operand(const char* name, std::wstring& value, const char* meaning) {
-  return *app_.add_option_function<std::string>(name, Store(value), meaning)->required();
+Option Syntax::Operand(const char* name, std::wstring& value, const char* meaning) {
+  return Option(*app_.add_option_function<std::string>(name, Store(value), meaning)->required());
 }
 
-CLI::Option& Syntax::Operand(const char* name, std::optional<std::wstring>& value, const char* meaning) {
-  return *app_.add_option_function<std::string>(name, Store(value), meaning)->required();
+Option Syntax::Operand(const char* name, std::optional<std::wstring>& value, const char* meaning) {
+  return Option(*app_.add_option_function<std::string>(name, Store(value), meaning)->required());
 }
 
-CLI::Option& Syntax::Json(bool& value) {
+Option Syntax::Json(bool& value) {
   return Flag("--json", value, "answer in JSON, for programs");
+}
+
+void Syntax::Notes(const char* text) {
+  app_.footer(text);
 }
 
 }  // namespace keldactl

@@ -2,6 +2,7 @@
 
 #include "failure.h"
 #include "handle.h"
+#include "json.h"
 #include "registration.h"
 #include "status.h"
 #include "text_rules.h"

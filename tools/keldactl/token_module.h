@@ -2,7 +2,7 @@
 // own: a module may take the whole process down, and cannot be initialized twice in one.
 #pragma once
 
-#include "json.h"
+#include "json_fwd.h"
 
 #include <cstdint>
 #include <string>
