@@ -8,6 +8,7 @@
 #include <cstring>
 #include <functional>
 #include <iterator>
+#include <map>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -114,7 +115,7 @@ struct Soak::Impl {
   Options options;
   // After the first unload.
   DWORD firstTlsIndex = 0;
-  std::size_t firstHandles = 0;
+  std::map<std::wstring, std::size_t> firstHandles;
   // Blocks that are known to stay even after an unload, among them some that may be the PIN cache's and do not.
   std::set<const void*> mayStay;
   Tally tally;
@@ -1095,7 +1096,10 @@ std::string Soak::RunSequence(std::uint64_t seed, std::uint32_t calls) {
 
 std::string Soak::Reload() {
   // Asking for every handle takes long.
-  constexpr std::uint64_t kHandlesOneIn = 20;
+  constexpr std::uint64_t kHandlesOneIn = 10;
+  // The platform opens some for itself when it first needs them: with the first click of a dialog keys of the registry,
+  // with the first wait for a lock an event.
+  constexpr std::size_t kOnce = 8;
   SetPosition({impl_->current, 0, "the unload after it", impl_->replay.c_str()});
   kit::Provider::Get().Unload();
   std::string found = impl_->TakeWhatAnUnloadLeaves();
@@ -1105,10 +1109,13 @@ std::string Soak::Reload() {
   if (first) impl_->firstTlsIndex = tlsIndex;
   if (tlsIndex > impl_->firstTlsIndex) found += "an unload leaves an index of thread-local storage; ";
   if (reload % kHandlesOneIn == 0) {
-    const std::size_t handles = hosts::CountHandles();
+    const std::map<std::wstring, std::size_t> handles = hosts::HandlesByKind();
     if (first) impl_->firstHandles = handles;
-    if (handles > impl_->firstHandles) {
-      found += "unloads leave " + std::to_string(handles - impl_->firstHandles) + " handles; ";
+    for (const auto& [kind, count] : handles) {
+      const std::size_t before = impl_->firstHandles[kind];
+      if (count <= before + kOnce) continue;
+      found += "unloads leave handles: " + std::to_string(count - before) + " " +
+               std::string(kind.begin(), kind.end()) + "; ";
     }
   }
   SetPosition({impl_->current, 0, "the load after it", impl_->replay.c_str()});

@@ -78,6 +78,22 @@ TEST(SoakTest, WhatAnUnloadLeavesIsFound) {
   EXPECT_EQ(run.Reload(), "");
 }
 
+TEST(SoakTest, HandlesThatUnloadsLeaveAreFound) {
+  soak::Soak run({});
+  std::vector<HANDLE> events;
+  std::string found;
+  for (int i = 0; i <= 10; ++i) {
+    found = run.Reload();
+    if (i < 10) {
+      EXPECT_EQ(found, "");
+    }
+    events.push_back(CreateEventW(nullptr, FALSE, FALSE, nullptr));
+  }
+  for (const HANDLE event : events)
+    CloseHandle(event);
+  EXPECT_TRUE(found.starts_with("unloads leave handles: ") && found.ends_with(" Event; ")) << found;
+}
+
 #ifdef __i386__
 const kit::Scenario sharedRuntime("soak_with_shared_runtime", [] {
   hosts::LoadSharedRuntime();
