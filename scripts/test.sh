@@ -113,7 +113,7 @@ done
 rm -rf "$results" "$BUILD"/{native,x64,x86}/test-results
 mkdir -p "$results"
 
-# The checks need nothing but the builds, and the tests leave most of the machine idle.
+# The checks need nothing but the builds.
 if [[ -v wanted[check] ]]; then
   start_tests check "$BUILD/x64" -C check -L '^check$'
   renice -n 10 -p "${running[check]}" >/dev/null
@@ -123,13 +123,18 @@ if [[ -v wanted[native] && ! -v missing[native] ]]; then
   step "Pure logic, natively under the sanitizers"
   run_tests native "$BUILD/native" -j "$(nproc)"
 fi
+# Each width has a desktop and a Wine prefix of its own, and the tests of one leave most of the machine idle.
 for arch in x64 x86; do
   [[ (-v wanted[$arch] || -v wanted[e2e]) && ! -v missing[$arch] ]] || continue
-  step "Windows programs, $arch, and end to end on a soft token"
   only=()
   [[ -v wanted[e2e] ]] || only=(-LE '^e2e$')
   [[ -v wanted[$arch] ]] || only=(-L '^e2e$')
-  run_tests "$arch" "$BUILD/$arch" -j 2 "${only[@]+"${only[@]}"}"
+  start_tests "$arch" "$BUILD/$arch" -j 2 "${only[@]+"${only[@]}"}"
+done
+for arch in x64 x86; do
+  [[ -v running[$arch] ]] || continue
+  step "Windows programs, $arch, and end to end on a soft token"
+  await_tests "$arch" "$BUILD/$arch"
 done
 if [[ -v wanted[check] ]]; then
   step "Checks of sources and products"
