@@ -172,21 +172,29 @@ class Job {
         JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE | JOB_OBJECT_LIMIT_DIE_ON_UNHANDLED_EXCEPTION;
     SetInformationJobObject(job_.get(), JobObjectExtendedLimitInformation, &limits, sizeof limits);
   }
-  // Windows 7 takes no process that is in another job already; that one then ends by the timer alone.
-  void Take(HANDLE process) {
+  Job(const Job&) = delete;
+  Job& operator=(const Job&) = delete;
+  ~Job() {
+    if (timer_) DeleteTimerQueueTimer(nullptr, timer_, INVALID_HANDLE_VALUE);
+  }
+  // Windows 7 takes no process that is in another job already; that one then ends by the timer alone. The handle
+  // outlives this.
+  void Take(HANDLE process, DWORD patience) {
     process_ = process;
     AssignProcessToJobObject(job_.get(), process);
+    CreateTimerQueueTimer(&timer_, nullptr, End, this, patience, 0, WT_EXECUTEONLYONCE);
   }
 
-  // For a timer. What was read from the process then comes to an end by itself.
+ private:
+  // What was read from the process then comes to an end by itself.
   static VOID CALLBACK End(PVOID job, BOOLEAN /*fired*/) {
     const auto* self = static_cast<const Job*>(job);
     TerminateJobObject(self->job_.get(), kEndedByTimer);
     TerminateProcess(self->process_, kEndedByTimer);
   }
 
- private:
   HANDLE process_ = nullptr;
+  HANDLE timer_ = nullptr;
   Handle job_;
 };
 
@@ -247,14 +255,11 @@ Answer AnswerOf(std::wstring command) {
   const Handle child(process.hProcess);
   const Handle thread(process.hThread);
   Job job;
-  job.Take(process.hProcess);
+  job.Take(process.hProcess, kPatience);
   ResumeThread(process.hThread);
-  HANDLE timer = nullptr;
-  CreateTimerQueueTimer(&timer, nullptr, Job::End, &job, kPatience, 0, WT_EXECUTEONLYONCE);
   Answer answer;
   answer.text = ReadAll(read);
   WaitForSingleObject(process.hProcess, INFINITE);
-  if (timer) DeleteTimerQueueTimer(nullptr, timer, INVALID_HANDLE_VALUE);
   GetExitCodeProcess(process.hProcess, &answer.exit_code);
   return answer;
 }
