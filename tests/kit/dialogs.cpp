@@ -124,8 +124,10 @@ std::wstring Dialog::TextOf(HWND window) {
 }
 
 void Dialog::Type(int id, const std::wstring& characters) const {
+  // Looked up once: Wine 10's server never ends a search among the controls of a dialog that is just being destroyed.
+  const HWND target = control(id);
   for (const wchar_t character : characters)
-    Send(id, WM_CHAR, static_cast<WPARAM>(character), 1);
+    SendMessageW(target, WM_CHAR, static_cast<WPARAM>(character), 1);
 }
 
 void Dialog::Key(int id, WPARAM key) const {
