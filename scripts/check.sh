@@ -93,7 +93,7 @@ tidy_one() {
 tidy() {
   TIDY_HEADERS=$(x86_64-w64-mingw32-g++-posix -print-file-name=include/c++)
   TIDY_TOOLS=$({ cat "$ROOT/.clang-tidy" && dpkg-query -W; } | sha256sum)
-  TIDY_CLEAN=$(dirname "$I386_ROOT")/clang-tidy
+  TIDY_CLEAN=$CACHE/clang-tidy
   mkdir -p "$TIDY_CLEAN"
   export ROOT BUILD TIDY_HEADERS TIDY_TOOLS TIDY_CLEAN
   export -f tidy_one

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # desktop.sh start|stop ARCH FOLDER: starts and ends what the Windows programs of the build folder FOLDER run on, an X server
-# of their own and a Wine prefix (FOLDER/prefix). CTest calls it before the first test that needs it and after the last.
+# of their own and a Wine prefix (FOLDER/prefix, with Wine 10 FOLDER/prefix10). CTest calls it before the first test that needs it and after the last.
 # scripts/run-windows.sh finds the desktop in FOLDER/desktop, a line "PID DISPLAY".
 # shellcheck source=scripts/lib.sh
 source "$(dirname "$0")/lib.sh"
@@ -21,7 +21,7 @@ keep() {
   trap 'rm -f "$record"; leave_nothing' EXIT
   trap 'exit 0' INT TERM
   start_display
-  use_prefix "$arch" "$folder/prefix"
+  use_prefix "$arch" "$folder/prefix${KELDA_WINE-}"
   echo "$$ $DISPLAY" >"$record.new"
   mv "$record.new" "$record"
   tail --pid="$1" -f /dev/null &

@@ -15,7 +15,10 @@ ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 BUILD=$(realpath -m "${KELDA_BUILD:-$ROOT/build}")
 # The private i386 root for 32-bit Wine and what it needs is large and the same for every checkout, so it outlives a build
 # folder.
-I386_ROOT=${KELDA_I386_ROOT:-${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/keldaksp/i386-bookworm}
+CACHE=${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/keldaksp
+I386_ROOT=${KELDA_I386_ROOT:-$CACHE/i386-bookworm}
+# Another one has Wine 10 for both widths. Programs run there when KELDA_WINE is 10 (scripts/test.sh wine10).
+WINE10_ROOT=${KELDA_WINE10_ROOT:-$CACHE/wine10-trixie}
 
 step() { printf '\n== %s\n' "$*"; }
 note() { printf '   %s\n' "$*"; }
@@ -62,17 +65,22 @@ how_to_run_x86() {
 # A mount namespace of one's own: nothing that is mounted there outlives the command.
 can_mount() { as_root unshare -m true 2>/dev/null; }
 
-# in_i386_root DIR FOLDER USER:GROUP COMMAND...: runs COMMAND inside the i386 root DIR, in FOLDER.
-in_i386_root() {
-  as_root unshare -m "$ROOT/scripts/in-i386-root.sh" "$1" "$ROOT" "$BUILD" "${@:2}"
+# in_root DIR FOLDER USER:GROUP COMMAND...: runs COMMAND inside the private root DIR, in FOLDER.
+in_root() {
+  as_root unshare -m "$ROOT/scripts/in-root.sh" "$1" "$ROOT" "$BUILD" "${@:2}"
 }
 
 # on ARCH COMMAND...: runs COMMAND where the Wine of that width is, in the current folder and environment.
 on() {
-  local arch=$1
+  local arch=$1 root=
   shift
-  [[ $arch == x64 || ${X86_WAY-} ]] || X86_WAY=$(how_to_run_x86) # once, as it takes as long as a small program
-  if [[ $arch == x64 || $X86_WAY != root ]]; then
+  if [[ ${KELDA_WINE-} == 10 ]]; then
+    root=$WINE10_ROOT
+  elif [[ $arch == x86 ]]; then
+    X86_WAY=${X86_WAY:-$(how_to_run_x86)} # once, as it takes as long as a small program
+    [[ $X86_WAY != root ]] || root=$I386_ROOT
+  fi
+  if [[ ! $root ]]; then
     "$@"
     return
   fi
@@ -81,7 +89,7 @@ on() {
     "${!KELDA_@}" "${!GTEST_@}"; do
     [[ -v $name ]] && pass+=("$name=${!name}")
   done
-  in_i386_root "$I386_ROOT" "$PWD" "$(id -u):$(id -g)" env -i "${pass[@]}" "$@"
+  in_root "$root" "$PWD" "$(id -u):$(id -g)" env -i "${pass[@]}" "$@"
 }
 
 # why_no_soft_token ARCH: prints why programs of that width cannot have a soft token here; nothing when they can. The token

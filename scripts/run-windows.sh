@@ -17,12 +17,12 @@ keeper=
 [[ ! -f $folder/desktop ]] || read -r keeper DISPLAY <"$folder/desktop"
 if [[ $keeper ]] && kill -0 "$keeper" 2>/dev/null; then
   export DISPLAY
-  select_prefix "$arch" "$folder/prefix"
+  select_prefix "$arch" "$folder/prefix${KELDA_WINE-}"
 else
   trap leave_nothing EXIT
   trap 'exit 130' INT TERM
   start_display
-  use_prefix "$arch" "$folder/prefix"
+  use_prefix "$arch" "$folder/prefix${KELDA_WINE-}"
 fi
 
 cd "${program%/*}"

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# test.sh [--no-build] [native] [x64] [x86] [e2e] [check]: prepares the machine, builds and runs the tests (without
-# names: all of them). The last line is "N passed, N failed"; the exit status is 0 only when something ran and nothing failed.
+# test.sh [--no-build] [native] [x64] [x86] [e2e] [check] [wine10]: prepares the machine, builds and runs the tests (without
+# names: all but wine10, which are the Windows programs once more, under the newest Wine that Debian offers). The last line is "N passed, N failed"; the exit status is 0 only when something ran and nothing failed.
 #
 # CTest runs them; what counts is what the programs and scripts report themselves (test_report.py).
 # shellcheck source=scripts/lib.sh
@@ -14,9 +14,9 @@ if [[ ${1-} == --no-build ]]; then
 fi
 for part in "${@:-all}"; do
   case $part in
-    native | x64 | x86 | e2e | check) wanted[$part]=1 ;;
+    native | x64 | x86 | e2e | check | wine10) wanted[$part]=1 ;;
     all) wanted=([native]=1 [x64]=1 [x86]=1 [e2e]=1 [check]=1) ;;
-    *) die "unknown part $part; known are: native x64 x86 e2e check" ;;
+    *) die "unknown part $part; known are: native x64 x86 e2e check wine10" ;;
   esac
 done
 
@@ -90,16 +90,17 @@ run_tests() {
 }
 
 purposes=(build run)
-[[ ! -v wanted[x86] && ! -v wanted[e2e] ]] || purposes+=(x86)
+[[ ! -v wanted[x86] && ! -v wanted[e2e] && ! -v wanted[wine10] ]] || purposes+=(x86)
 [[ ! -v wanted[check] ]] || purposes+=(check)
 [[ ! -v wanted[e2e] ]] || purposes+=(package)
+[[ ! -v wanted[wine10] ]] || purposes+=(x86 wine10)
 step "Preparing the machine"
 "$ROOT/scripts/prepare.sh" "${purposes[@]}"
 
 builds=()
 [[ ! -v wanted[native] ]] || builds+=(native)
-[[ ! -v wanted[x64] && ! -v wanted[e2e] ]] || builds+=(x64)
-[[ ! -v wanted[x86] && ! -v wanted[e2e] ]] || builds+=(x86)
+[[ ! -v wanted[x64] && ! -v wanted[e2e] && ! -v wanted[wine10] ]] || builds+=(x64)
+[[ ! -v wanted[x86] && ! -v wanted[e2e] && ! -v wanted[wine10] ]] || builds+=(x86)
 # A build that fails takes its tests with it, and leaves the others.
 declare -A missing=()
 for what in "${builds[@]+"${builds[@]}"}"; do
@@ -136,6 +137,14 @@ for arch in x64 x86; do
   step "Windows programs, $arch, and end to end on a soft token"
   await_tests "$arch" "$BUILD/$arch"
 done
+if [[ -v wanted[wine10] ]]; then
+  for arch in x64 x86; do
+    [[ ! -v missing[$arch] ]] || continue
+    step "Windows programs, $arch, under Wine 10"
+    KELDA_WINE=10 start_tests "$arch-wine10" "$BUILD/$arch" -j 2 -LE '^e2e$'
+    await_tests "$arch-wine10" "$BUILD/$arch"
+  done
+fi
 if [[ -v wanted[check] ]]; then
   step "Checks of sources and products"
   await_tests check "$BUILD/x64"
