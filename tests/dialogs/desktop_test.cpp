@@ -58,6 +58,7 @@ TEST_F(DesktopTest, WithoutAVisibleDesktopNoReaderDialogWaits) {
   EXPECT_EQ(robot.Finish(), 0u);
   EXPECT_EQ(robot.created(), 0u);
   EXPECT_TRUE(Holds("NTE_FAIL: Dialog Failed: 0x000005B3"));
+  EXPECT_EQ(readers.released, 0);  // nor was a context established
 }
 
 TEST_F(DesktopTest, AVisibleDesktopOrOneThatCannotBeAskedShowsTheDialog) {

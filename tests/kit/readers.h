@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "kit/imports.h"
 
 namespace kit {
@@ -36,7 +38,8 @@ class Readers {
           return LONG{SCARD_S_SUCCESS};
         }),
         release_([this](auto, SCARDCONTEXT context) {
-          released += context == kContext;
+          ++released;
+          EXPECT_EQ(context, kContext);
           return LONG{SCARD_S_SUCCESS};
         }) {}
 
