@@ -161,11 +161,12 @@ TEST_F(LoginDialogTest, ADialogThatFindsTheFlagUpEndsAndLeavesIt) {
 TEST_F(LoginDialogTest, LoginNamesWhatIsMissing) {
   CLogin dialog(nullptr);
   TakeLines();
-  EXPECT_EQ(dialog.Login(Bytes("1"), 1), NTE_INTERNAL_ERROR);
+  // In this order: all that follows is missing, too.
+  EXPECT_EQ(dialog.Login(nullptr, 0), NTE_INTERNAL_ERROR);
   EXPECT_EQ(TakeLines(),
             (std::vector<std::string>{"Login - Entry", "NTE_INTERNAL_ERROR - Cryptographic library not set."}));
   SetAll(dialog);
-  EXPECT_EQ(dialog.Login(nullptr, 1), NTE_INVALID_PARAMETER);
+  EXPECT_EQ(dialog.Login(nullptr, 0), NTE_INVALID_PARAMETER);
   EXPECT_EQ(TakeLines(), (std::vector<std::string>{"Login - Entry", "NTE_INVALID_PARAMETER - PIN is NULL"}));
   EXPECT_EQ(dialog.Login(Bytes("1"), 0), NTE_INVALID_PARAMETER);
   EXPECT_EQ(TakeLines(), (std::vector<std::string>{"Login - Entry", "NTE_INVALID_PARAMETER - PIN length is zero"}));
