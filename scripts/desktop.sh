@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # desktop.sh start|stop ARCH FOLDER: starts and ends what the Windows programs of the build folder FOLDER run on, an X server
-# of their own and a Wine prefix (FOLDER/prefix, with Wine 10 FOLDER/prefix10). CTest calls it before the first test that needs it and after the last.
-# scripts/run-windows.sh finds the desktop in FOLDER/desktop, a line "PID DISPLAY".
+# of their own and a Wine prefix (FOLDER/prefix, with Wine 10 FOLDER/prefix10). CTest calls it before the first test that needs it
+# and after the last. scripts/run-windows.sh finds the desktop in FOLDER/desktop, a line "PID DISPLAY".
 # shellcheck source=scripts/lib.sh
 source "$(dirname "$0")/lib.sh"
 

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# in-root.sh ROOT SOURCES BUILD FOLDER USER:GROUP COMMAND...: runs COMMAND inside the private root ROOT, in FOLDER. Called by lib.sh in a mount namespace of its own, so that nothing mounted here outlives the command.
+# in-root.sh ROOT SOURCES BUILD FOLDER USER:GROUP COMMAND...: runs COMMAND inside the private root ROOT, in
+# FOLDER. Called by lib.sh in a mount namespace of its own, so that nothing mounted here outlives the command.
 # shellcheck source=scripts/lib.sh
 source "$(dirname "$0")/lib.sh"
 root=$1 sources=$2 build=$3 folder=$4 user=$5

@@ -4,6 +4,8 @@
 # shellcheck source=scripts/lib.sh
 source "$(dirname "$0")/lib.sh"
 
+# The soft token is built for Debian 12's Wine, whichever one programs are to run under.
+unset KELDA_WINE
 (($#)) || die "usage: ${0##*/} COMMAND [ARGUMENT...] | --why-not"
 if [[ $1 == --why-not ]]; then
   why_no_soft_token x86

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# prepare.sh [build] [run] [x86] [check] [coverage] [fuzz] [bench] [package] [wine10]: installs what a fresh Debian 12 lacks for these
-# purposes (without arguments: build, run and x86). Quick when nothing is missing; can be run again at any time.
+# prepare.sh [build] [run] [x86] [check] [coverage] [fuzz] [bench] [package] [wine10]: installs what a fresh
+# Debian 12 lacks for these purposes (without arguments: build, run and x86). Quick when nothing is missing; can be run again
+# at any time.
 # shellcheck source=scripts/lib.sh
 source "$(dirname "$0")/lib.sh"
 
